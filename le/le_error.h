@@ -1,0 +1,43 @@
+// Per-thread, per-family error strings of the flat interface, and the guard that turns
+// exceptions into them at the boundary.
+#pragma once
+
+#include <exception>
+#include <string>
+
+namespace le::err {
+
+// One thread-local string per handle family.
+enum class Family { Ctx, A2x, Fca, Motion, Stream, Utt, Count };
+
+// The calling thread's string of the family; created empty on first use.
+std::string& slot(Family f);
+inline void clear(Family f) { slot(f).clear(); }
+inline void set(Family f, const char* msg) { slot(f) = msg; }
+inline void set(Family f, const std::string& msg) { slot(f) = msg; }
+// The thrown-message form: "<function>: <what>".
+void setErr(Family f, const char* fn, const std::exception& e);
+
+// Runs body; any standard exception is stored in the thrown-message form and fail returned.
+template <class R, class Body>
+R guard(Family f, const char* fn, R fail, Body&& body) noexcept {
+  try {
+    return body();
+  } catch (const std::exception& e) {
+    setErr(f, fn, e);
+  } catch (...) {
+    set(f, std::string(fn) + ": unknown exception");
+  }
+  return fail;
+}
+
+}  // namespace le::err
+
+// Argument check at the flat boundary: stores the fixed message and returns ret.
+#define LE_CHECK_ARG(cond, family, msg, ret) \
+  do {                                       \
+    if (!(cond)) {                           \
+      ::le::err::set((family), (msg));       \
+      return ret;                            \
+    }                                        \
+  } while (0)

@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Installs the dependencies, builds the engine and the le tool, forges a demo bundle and
+# renders it into out/demo.mp4.
+set -euo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+cd "$root"
+bash scripts/bootstrap.sh
+build="${LE_BUILD_DIR:-build}"
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$build" -j"$(nproc)" --target le
+mkdir -p out
+"$build/tools/le" forge out/demo_bundle --frames 50
+"$build/tools/le" paste out/demo_bundle -o out/demo.mp4
+echo "wrote out/demo.mp4"
