@@ -38,6 +38,18 @@ LE_API const char* le_last_error(void);
 /* Always 21: keypoint rows per keypoint set. */
 LE_API int le_host_kp_rows(void);
 
+/* Resolves bundle (a bundle directory or an ".imx" container, unwrapped once beside it or
+ * under LE_IMX_UNWRAP_ROOT) to the bundle directory, written with its terminating zero into
+ * out (cap bytes, caller-owned). Returns 1, or -1 on failure with out[0] = 0 (null arguments
+ * and cap = 0 store no message). Safe to call from several threads at once. */
+LE_API int le_bundle_resolve_handle(const char* bundle, char* out, size_t cap);
+
+/* Writes the path of member (a canonical member name such as "P.f16"; a newer alternative
+ * file name is used when only that exists) inside the resolved bundle into out (cap bytes,
+ * caller-owned). Returns 1 when that file can be opened, 0 when it cannot (the path is still
+ * written), -1 on failure with out[0] = 0. */
+LE_API int le_bundle_resolve_member(const char* bundle, const char* member, char* out, size_t cap);
+
 #ifdef __cplusplus
 }  /* extern "C" */
 #endif

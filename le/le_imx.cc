@@ -1,0 +1,279 @@
+#include "le/le_imx.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+
+namespace le {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
+
+struct FileCloser {
+  void operator()(std::FILE* f) const { std::fclose(f); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+bool endsWith(const std::string& s, const char* suffix) {
+  const size_t n = std::strlen(suffix);
+  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
+}
+
+bool isDir(const std::string& p) {
+  struct stat st;
+  return ::stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool exists(const std::string& p) {
+  struct stat st;
+  return ::stat(p.c_str(), &st) == 0;
+}
+
+uint16_t u16le(const unsigned char* b) { return static_cast<uint16_t>(b[0] | (b[1] << 8)); }
+uint32_t u32le(const unsigned char* b) {
+  return static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 |
+         static_cast<uint32_t>(b[2]) << 16 | static_cast<uint32_t>(b[3]) << 24;
+}
+uint64_t u64le(const unsigned char* b) {
+  return static_cast<uint64_t>(u32le(b)) | static_cast<uint64_t>(u32le(b + 4)) << 32;
+}
+
+std::string markerText(const std::string& container, const struct stat& st) {
+  const int64_t mtime_ns =
+      static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + static_cast<int64_t>(st.st_mtim.tv_nsec);
+  return std::string(imx::kMarkerTag) + " " + imx::baseName(container) + " " +
+         std::to_string(static_cast<int64_t>(st.st_size)) + " " + std::to_string(mtime_ns) + " " +
+         std::to_string(static_cast<uint64_t>(st.st_ino));
+}
+
+// Trimmed marker text, or false when it cannot be read.
+bool readMarker(const std::string& path, std::string& out) {
+  File f(std::fopen(path.c_str(), "rb"));
+  if (!f) return false;
+  char buf[4096];
+  size_t got;
+  out.clear();
+  while ((got = std::fread(buf, 1, sizeof buf, f.get())) > 0) out.append(buf, got);
+  if (std::ferror(f.get())) return false;
+  const char* blanks = " \t\r\n";
+  const size_t b = out.find_first_not_of(blanks);
+  if (b == std::string::npos) {
+    out.clear();
+  } else {
+    out = out.substr(b, out.find_last_not_of(blanks) - b + 1);
+  }
+  return true;
+}
+
+void writeMarker(const std::string& path, const std::string& text) {
+  File f(std::fopen(path.c_str(), "wb"));
+  if (!f) fail("cannot write unwrap marker " + path);
+  const bool wrote = std::fwrite(text.data(), 1, text.size(), f.get()) == text.size();
+  if (!wrote || std::fclose(f.release()) != 0) fail("short write on unwrap marker " + path);
+}
+
+// Reads the whole member when the stored manifest is only a placeholder the packer synthesised.
+bool isSyntheticManifest(std::FILE* in, const imx::TocEntry& e) {
+  if (e.name != "manifest.json" || e.size < 1 || e.size > imx::kSyntheticManifestMax) return false;
+  if (e.offset > static_cast<uint64_t>(INT64_MAX) ||
+      ::fseeko(in, static_cast<off_t>(e.offset), SEEK_SET) != 0)
+    return false;
+  std::string text(static_cast<size_t>(e.size), '\0');
+  if (std::fread(&text[0], 1, text.size(), in) != text.size()) return false;
+  return text.find("_imx_synthetic_manifest") != std::string::npos;
+}
+
+std::mutex& unwrapMutex() {
+  static std::mutex m;
+  return m;
+}
+
+}  // namespace
+
+namespace imx {
+
+std::string rstripSlash(const std::string& p) {
+  size_t n = p.size();
+  while (n > 1 && p[n - 1] == '/') --n;
+  return p.substr(0, n);
+}
+
+std::string baseName(const std::string& p) {
+  const std::string s = rstripSlash(p);
+  const size_t slash = s.rfind('/');
+  return slash == std::string::npos ? s : s.substr(slash + 1);
+}
+
+std::string dirName(const std::string& p) {
+  const std::string s = rstripSlash(p);
+  const size_t slash = s.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return s.substr(0, slash);
+}
+
+bool mkdirs(const std::string& dir) {
+  if (dir.empty()) return false;
+  for (size_t i = 1; i <= dir.size(); ++i) {
+    if (i < dir.size() && dir[i] != '/') continue;
+    const std::string part = dir.substr(0, i);
+    if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) break;
+  }
+  return isDir(dir);
+}
+
+void rmTree(const std::string& path) {
+  struct stat st;
+  if (::lstat(path.c_str(), &st) != 0) return;
+  if (!S_ISDIR(st.st_mode)) {
+    ::unlink(path.c_str());
+    return;
+  }
+  if (DIR* d = ::opendir(path.c_str())) {
+    while (const dirent* ent = ::readdir(d)) {
+      if (std::strcmp(ent->d_name, ".") == 0 || std::strcmp(ent->d_name, "..") == 0) continue;
+      rmTree(path + "/" + ent->d_name);
+    }
+    ::closedir(d);
+  }
+  ::rmdir(path.c_str());
+}
+
+bool isSafeMemberName(std::string_view name) {
+  return !name.empty() && name[0] != '/' && name[0] != '\\' &&
+         name.find("..") == std::string_view::npos &&
+         name.find('\0') == std::string_view::npos;
+}
+
+std::vector<TocEntry> readToc(std::FILE* in, const std::string& path) {
+  unsigned char hdr[8];
+  if (std::fread(hdr, 1, sizeof hdr, in) != sizeof hdr || u32le(hdr) != kMagic)
+    fail(path + ": not an IMX\\0 container");
+  const uint16_t version = u16le(hdr + 4);
+  if (version != kVersion) fail(path + ": unsupported IMX container version " + std::to_string(version));
+  const uint16_t count = u16le(hdr + 6);
+  std::vector<TocEntry> toc(count);
+  for (uint16_t i = 0; i < count; ++i) {
+    const std::string idx = std::to_string(i);
+    unsigned char b[16];
+    if (std::fread(b, 1, 2, in) != 2) fail(path + ": truncated TOC at member " + idx);
+    toc[i].name.resize(u16le(b));
+    if (std::fread(&toc[i].name[0], 1, toc[i].name.size(), in) != toc[i].name.size())
+      fail(path + ": truncated member name at " + idx);
+    if (std::fread(b, 1, 16, in) != 16) fail(path + ": truncated TOC offsets at member " + idx);
+    toc[i].offset = u64le(b);
+    toc[i].size = u64le(b + 8);
+  }
+  return toc;
+}
+
+CopyStatus copyBytes(std::FILE* in, std::FILE* out, uint64_t n, char* buf, size_t cap) {
+  while (n > 0) {
+    const size_t want = n < cap ? static_cast<size_t>(n) : cap;
+    const size_t got = std::fread(buf, 1, want, in);
+    if (got > 0 && std::fwrite(buf, 1, got, out) != got) return CopyStatus::ShortWrite;
+    if (got < want) return CopyStatus::ShortRead;
+    n -= got;
+  }
+  return CopyStatus::Ok;
+}
+
+std::string unwrapDirFor(const std::string& container) {
+  std::string stem = baseName(container);
+  if (endsWith(stem, ".imx")) stem.resize(stem.size() - 4);
+  if (!endsWith(stem, ".lebundle")) stem += ".lebundle";
+  const char* env = std::getenv("LE_IMX_UNWRAP_ROOT");
+  const std::string root = rstripSlash(env && *env ? std::string(env) : dirName(container));
+  return (root == "/" ? std::string() : root) + "/" + stem;
+}
+
+std::string unwrapOnce(const std::string& container) {
+  std::lock_guard<std::mutex> lock(unwrapMutex());
+  const std::string dir = unwrapDirFor(container);
+  const std::string marker = dir + kMarkerSuffix;
+  struct stat st;
+  if (::stat(container.c_str(), &st) != 0) fail("cannot stat container " + container);
+  const std::string text = markerText(container, st);
+
+  std::string seen;
+  if (isDir(dir) && readMarker(marker, seen) && seen == text) return dir;
+
+  // Start from nothing: a marker is only ever written after every member is in place.
+  ::unlink(marker.c_str());
+  rmTree(dir);
+  if (!mkdirs(dir)) fail("cannot create unwrap dir " + dir);
+
+  File in(std::fopen(container.c_str(), "rb"));
+  if (!in) fail("cannot open container " + container);
+  const std::vector<TocEntry> toc = readToc(in.get(), container);
+
+  std::vector<char> buf(kCopyBuffer);
+  for (const TocEntry& e : toc) {
+    if (!isSafeMemberName(e.name)) fail(container + ": refusing unsafe member name '" + e.name + "'");
+    if (isSyntheticManifest(in.get(), e)) continue;
+
+    const std::string dest = dir + "/" + e.name;
+    const std::string parent = dirName(dest);
+    if (!mkdirs(parent)) fail("cannot create " + parent);
+    if (e.offset > static_cast<uint64_t>(INT64_MAX) ||
+        ::fseeko(in.get(), static_cast<off_t>(e.offset), SEEK_SET) != 0)
+      fail(container + ": cannot seek to member " + e.name);
+
+    // Written under ".part" and renamed, so a final name always holds a complete member.
+    const std::string part = dest + ".part";
+    File out(std::fopen(part.c_str(), "wb"));
+    if (!out) fail("cannot write " + part);
+    std::string error;
+    switch (copyBytes(in.get(), out.get(), e.size, buf.data(), buf.size())) {
+      case CopyStatus::ShortRead: error = container + ": truncated payload for member " + e.name; break;
+      case CopyStatus::ShortWrite: error = "short write materialising " + dest; break;
+      case CopyStatus::Ok:
+        if (std::fflush(out.get()) != 0) error = "flush failed materialising " + dest;
+        break;
+    }
+    if (std::fclose(out.release()) != 0 && error.empty()) error = "flush failed materialising " + dest;
+    if (error.empty() && std::rename(part.c_str(), dest.c_str()) != 0)
+      error = "cannot place member " + dest;
+    if (!error.empty()) {
+      std::remove(part.c_str());
+      fail(error);
+    }
+  }
+
+  writeMarker(marker, text);
+  std::fprintf(stderr, "[le] unwrapped %s -> %s\n", container.c_str(), dir.c_str());
+  return dir;
+}
+
+}  // namespace imx
+
+bool isImxV2File(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  File f(std::fopen(path.c_str(), "rb"));
+  unsigned char hdr[8];
+  return f && std::fread(hdr, 1, sizeof hdr, f.get()) == sizeof hdr && u32le(hdr) == imx::kMagic &&
+         u16le(hdr + 4) == imx::kVersion;
+}
+
+std::string resolveBundlePath(const std::string& path) {
+  if (path.empty()) return path;
+  const std::string stripped = imx::rstripSlash(path);
+  if (isDir(path) && !exists(stripped + imx::kMarkerSuffix)) return path;
+  if (endsWith(path, ".imx") && isImxV2File(path)) return imx::unwrapOnce(path);
+  if (isImxV2File(stripped + ".imx")) return imx::unwrapOnce(stripped + ".imx");
+  if (isImxV2File(path)) return imx::unwrapOnce(path);
+  return path;
+}
+
+}  // namespace le

@@ -1,0 +1,66 @@
+// ".imx" containers: a bundle shipped as one file is unwrapped once into a directory beside it
+// (or under LE_IMX_UNWRAP_ROOT) and reused while the container is unchanged.
+//
+// Container, version 2, little-endian: "IMX\0", u16 version, u16 member count N, then N entries
+// of (u16 name length, name bytes, u64 offset, u64 size); member bytes anywhere in the file.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace le {
+
+// The directory to open for a bundle path: a plain bundle directory as it is, or the unwrap
+// directory of a container (given directly, or as the unwrapped directory whose container lies
+// beside it). Throws std::runtime_error only when an unwrap fails. Thread-safe: unwraps in one
+// process take turns, so a container is unwrapped once however many threads ask.
+std::string resolveBundlePath(const std::string& path);
+
+// path is a regular file starting with the magic and version 2.
+bool isImxV2File(const std::string& path);
+
+namespace imx {
+
+constexpr uint32_t kMagic = 0x00584D49;  // "IMX\0"
+constexpr uint16_t kVersion = 2;
+constexpr size_t kCopyBuffer = 0x800000;        // one 8 MiB buffer per copy
+constexpr uint64_t kSyntheticManifestMax = 0x400000;
+constexpr const char* kMarkerSuffix = ".imx_unwrapped";
+constexpr const char* kMarkerTag = "imx-unwrapped.v2";
+
+struct TocEntry {
+  std::string name;
+  uint64_t offset = 0;
+  uint64_t size = 0;
+};
+
+// Reads header and table of contents from the start of in; path only names the container in
+// the messages. Throws std::runtime_error with the container's refusal texts.
+std::vector<TocEntry> readToc(std::FILE* in, const std::string& path);
+
+// A member name that may be joined below the unwrap directory: non-empty, not starting with
+// "/" or "\", without ".." and without a zero byte.
+bool isSafeMemberName(std::string_view name);
+
+// Streams n bytes from in to out through buf (cap bytes).
+enum class CopyStatus { Ok, ShortRead, ShortWrite };
+CopyStatus copyBytes(std::FILE* in, std::FILE* out, uint64_t n, char* buf, size_t cap);
+
+// Path helpers.
+std::string rstripSlash(const std::string& p);
+std::string baseName(const std::string& p);
+std::string dirName(const std::string& p);
+bool mkdirs(const std::string& dir);
+void rmTree(const std::string& path);
+
+// Where container is unwrapped, honouring LE_IMX_UNWRAP_ROOT.
+std::string unwrapDirFor(const std::string& container);
+
+// Unwraps container unless its marker says the directory is current; returns the directory.
+std::string unwrapOnce(const std::string& container);
+
+}  // namespace imx
+}  // namespace le

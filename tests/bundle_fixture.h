@@ -1,0 +1,56 @@
+// Scratch directories and small bundle files for the bundle-storage tests.
+#pragma once
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "le/le_imx.h"
+
+namespace le::testing {
+
+// A fresh directory under LE_TEST_TMP (or /tmp), removed with everything in it.
+class ScratchDir {
+ public:
+  explicit ScratchDir(const std::string& tag) {
+    static std::atomic<int> counter{0};
+    const char* root = std::getenv("LE_TEST_TMP");
+    path_ = std::string(root && *root ? root : "/tmp") + "/" + tag + "." +
+            std::to_string(::getpid()) + "." + std::to_string(counter++);
+    imx::rmTree(path_);
+    if (!imx::mkdirs(path_)) throw std::runtime_error("cannot create " + path_);
+  }
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  ~ScratchDir() { imx::rmTree(path_); }
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Writes bytes to path, creating its parent directories.
+inline void writeFile(const std::string& path, std::string_view bytes) {
+  imx::mkdirs(imx::dirName(path));
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) throw std::runtime_error("cannot write " + path);
+  const bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+  if (std::fclose(f) != 0 || !ok) throw std::runtime_error("short write " + path);
+}
+
+// A complete manifest; extra is spliced in as further top-level members.
+inline std::string manifestText(const std::string& extra = "") {
+  return "{\n  \"format\": \"le-bundle-v0\",\n  \"agent\": \"agent-7\",\n  \"NT\": 40,\n"
+         "  \"H\": 720,\n  \"W\": 1280,\n  \"crop\": 256,\n  \"amount\": 1.5,\n"
+         "  \"sigma\": 2.5,\n  \"ksize\": 9,\n  \"frames\": 120,\n  \"M_src_w\": 640,\n"
+         "  \"M_src_h\": 360" +
+         extra + "\n}\n";
+}
+
+}  // namespace le::testing
