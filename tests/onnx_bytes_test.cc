@@ -1,0 +1,420 @@
+// The wire-format toolkit and the graph builder, checked against ONNX Runtime itself.
+#include "le/render/onnx_bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "le/render/le_ort.h"
+#include "tools/forge/onnx_builder.h"
+
+using le::GsField;
+using le::GsReader;
+using le::GsSlice;
+using le::forge::Attr;
+using le::forge::OnnxBuilder;
+using le::forge::Tensor;
+namespace of = le::onnxf;
+
+namespace {
+
+std::string failureOf(const std::vector<uint8_t>& bytes) {
+  try {
+    GsReader r(bytes);
+    GsField f;
+    while (r.next(f)) {
+    }
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "";
+}
+
+// A two-node graph: y = Relu(x * s) with the scale an initializer and a Constant node unused.
+std::vector<uint8_t> smallModel() {
+  OnnxBuilder b("small");
+  b.input("P_rgb", {1, 3, 4, 4});
+  b.input("kp", {"N", 63});
+  std::string s = b.init("scale", {1}, {2.f});
+  b.constant(Tensor::floats({2}, {0.5f, 1.5f}, "c"));
+  std::string m = b.op("Mul", {"P_rgb", s});
+  b.node("Relu", {m}, {"y"}, {}, "/relu");
+  b.output("y", {1, 3, 4, 4});
+  b.output("c", {2});
+  b.valueInfo(m, {1, 3, 4, 4});
+  return b.build();
+}
+
+Ort::Env& env() {
+  le::ortApi();
+  static Ort::Env e(ORT_LOGGING_LEVEL_ERROR, "onnx_bytes_test");
+  return e;
+}
+
+Ort::Session session(const std::vector<uint8_t>& model) {
+  Ort::Env& e = env();
+  Ort::SessionOptions so;
+  so.SetIntraOpNumThreads(1);
+  return Ort::Session(e, model.data(), model.size(), so);
+}
+
+}  // namespace
+
+TEST(OnnxBytes, MalformedFieldsFailWithExactTexts) {
+  EXPECT_EQ(failureOf(std::vector<uint8_t>(11, 0xFF)), "onnx: bad varint");
+  EXPECT_EQ(failureOf({0x08, 0x80}), "onnx: bad varint");  // value varint runs off the end
+  EXPECT_EQ(failureOf({0x80}), "onnx: bad varint");        // key runs off the end
+  EXPECT_EQ(failureOf({0x0A, 0x05, 'a', 'b'}), "onnx: truncated");
+  EXPECT_EQ(failureOf({0x0A, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01}), "onnx: truncated");
+  EXPECT_EQ(failureOf({0x0D, 1, 2, 3}), "onnx: truncated");        // fixed32 short
+  EXPECT_EQ(failureOf({0x09, 1, 2, 3, 4, 5, 6, 7}), "onnx: truncated");  // fixed64 short
+  for (uint8_t wt : {3, 4, 6, 7}) EXPECT_EQ(failureOf({uint8_t(0x08 | wt), 0}), "onnx: bad wire type");
+  // Ten bytes is the longest legal varint; the eleventh continuation fails.
+  std::vector<uint8_t> ten = {0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01};
+  EXPECT_EQ(failureOf(ten), "");
+  // The nested readers fail the same way rather than reading past the buffer.
+  std::vector<uint8_t> graphField = {0x3A, 0x02, 0x5A, 0x05};  // graph { input: 5 bytes promised }
+  int64_t a, b;
+  int rank;
+  EXPECT_THROW(le::ldInputDims(le::gsGraphOf(graphField), "x", a, b, rank), std::runtime_error);
+}
+
+TEST(OnnxBytes, VarintsRoundTripAndRawSpansCoverFields) {
+  std::vector<uint8_t> out;
+  const uint64_t values[] = {0, 1, 127, 128, 300, (1ull << 32) - 1, 1ull << 35, ~0ull, uint64_t(-1ll)};
+  for (uint64_t v : values) le::gsPutVarintField(out, 3, v);
+  le::gsPutBytes(out, 9, std::string("abc"));
+  std::vector<uint8_t> fixed = {0x15, 0x00, 0x00, 0x80, 0x3F};  // field 2, fixed32 1.0f
+  out.insert(out.end(), fixed.begin(), fixed.end());
+  EXPECT_EQ(out.size() - fixed.size() - 5, 1 + 1 + 1 + 2 + 2 + 5 + 6 + 10 + 10 + 9u);
+
+  GsReader r(out);
+  GsField f;
+  std::vector<uint8_t> copy;
+  for (uint64_t v : values) {
+    ASSERT_TRUE(r.next(f));
+    EXPECT_EQ(f.number, 3u);
+    EXPECT_EQ(f.wireType, 0);
+    EXPECT_EQ(f.value, v);
+    le::gsPutRaw(copy, f.raw);
+  }
+  ASSERT_TRUE(r.next(f));
+  EXPECT_EQ(f.wireType, 2);
+  EXPECT_TRUE(f.payload == "abc");
+  le::gsPutRaw(copy, f.raw);
+  ASSERT_TRUE(r.next(f));
+  EXPECT_EQ(f.wireType, 5);
+  EXPECT_EQ(f.value, 0x3F800000u);
+  le::gsPutRaw(copy, f.raw);
+  EXPECT_FALSE(r.next(f));
+  EXPECT_EQ(copy, out);
+
+  le::PbReader pr(out);
+  le::PbField pf;
+  size_t n = 0;
+  while (pr.next(pf)) ++n;
+  EXPECT_EQ(n, 11u);
+}
+
+TEST(OnnxBytes, GraphReaders) {
+  std::vector<uint8_t> model = smallModel();
+  GsSlice g = le::gsGraphOf(model);
+  ASSERT_FALSE(g.empty());
+  EXPECT_EQ(le::gsFirstStr(g, of::kGraphName), "small");
+  EXPECT_TRUE(le::gsGraphOf(std::vector<uint8_t>{0x08, 0x07}).empty());
+
+  std::vector<le::GsNodeInfo> nodes;
+  std::set<std::string> inits, inputs;
+  le::gsReadGraph(g, nodes, inits, inputs);
+  ASSERT_EQ(nodes.size(), 3u);
+  EXPECT_EQ(nodes[0].opType, "Constant");
+  EXPECT_EQ(nodes[1].opType, "Mul");
+  EXPECT_EQ(nodes[1].inputs, (std::vector<std::string>{"P_rgb", "scale"}));
+  EXPECT_EQ(nodes[2].outputs, (std::vector<std::string>{"y"}));
+  EXPECT_EQ(le::gsFirstStr(nodes[2].bytes, of::kNodeName), "/relu");
+  EXPECT_EQ(inits, (std::set<std::string>{"scale"}));
+  EXPECT_EQ(inputs, (std::set<std::string>{"P_rgb", "kp"}));
+
+  std::vector<le::WdNode> wd;
+  le::wdReadNodes(g, wd);
+  ASSERT_EQ(wd.size(), 3u);
+  EXPECT_EQ(wd[1].opType, "Mul");
+  EXPECT_EQ(le::hcPayload(wd[1].raw).p, wd[1].payload.p);
+  EXPECT_EQ(le::hcPayload(wd[1].raw).n, wd[1].payload.n);
+  EXPECT_TRUE(le::hcPayload(std::vector<uint8_t>{0x08, 0x01}).empty());
+
+  int64_t first = -1, last = -1;
+  int rank = -1;
+  le::ldInputDims(g, "P_rgb", first, last, rank);
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(last, 4);
+  EXPECT_EQ(rank, 4);
+  le::ldInputDims(g, "kp", first, last, rank);  // symbolic first dimension reads as 0
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(last, 63);
+  EXPECT_EQ(rank, 2);
+  le::ldInputDims(g, "absent", first, last, rank);
+  EXPECT_EQ(first, 0);
+  EXPECT_EQ(last, 0);
+  EXPECT_EQ(rank, 0);
+
+  GsSlice cv = le::hcConstValue(nodes[0].bytes);
+  std::vector<float> vals;
+  ASSERT_TRUE(le::hcTensorFloats(cv, vals));
+  EXPECT_EQ(vals, (std::vector<float>{0.5f, 1.5f}));
+  EXPECT_TRUE(le::hcConstValue(nodes[1].bytes).empty());
+
+  std::vector<std::string> strs;
+  le::gsAllStr(nodes[1].bytes, of::kNodeInput, strs);
+  EXPECT_EQ(strs, (std::vector<std::string>{"P_rgb", "scale"}));
+  // A non-length field with the same number is skipped, not read as a string.
+  std::vector<uint8_t> mixed = {0x08, 0x05, 0x0A, 0x01, 'z'};
+  EXPECT_EQ(le::gsFirstStr(mixed, 1), "z");
+}
+
+TEST(OnnxBytes, TensorDecoders) {
+  // INT64 tensor: no floats.
+  std::vector<uint8_t> i64 = Tensor::int64s({2}, {1, 2}).encode();
+  std::vector<float> v;
+  EXPECT_FALSE(le::hcTensorFloats(i64, v));
+  EXPECT_TRUE(v.empty());
+
+  // raw_data wins over float_data; dims unpacked.
+  std::vector<uint8_t> t = Tensor::floats({1, 2}, {3.f, 4.f}).encode();
+  le::gsPutVarint(t, (uint64_t(of::kTensorFloatData) << 3) | 5);
+  const float nine = 9.f;
+  t.insert(t.end(), reinterpret_cast<const uint8_t*>(&nine), reinterpret_cast<const uint8_t*>(&nine) + 4);
+  ASSERT_TRUE(le::hcTensorFloats(t, v));
+  EXPECT_EQ(v, (std::vector<float>{3.f, 4.f}));
+  std::vector<int64_t> dims;
+  le::hcTensorDims(t, dims);
+  EXPECT_EQ(dims, (std::vector<int64_t>{1, 2}));
+
+  // float_data packed and unpacked, dims packed (as ONNX's own serializer writes them).
+  std::vector<uint8_t> p;
+  std::vector<uint8_t> packedDims;
+  le::gsPutVarint(packedDims, 2);
+  le::gsPutVarint(packedDims, 300);
+  le::gsPutBytes(p, of::kTensorDims, packedDims);
+  le::gsPutVarintField(p, of::kTensorDataType, 1);
+  const float two[2] = {1.25f, -2.5f};
+  le::gsPutBytes(p, of::kTensorFloatData, two, sizeof two);
+  le::gsPutVarint(p, (uint64_t(of::kTensorFloatData) << 3) | 5);
+  p.insert(p.end(), reinterpret_cast<const uint8_t*>(&nine), reinterpret_cast<const uint8_t*>(&nine) + 4);
+  v.clear();
+  ASSERT_TRUE(le::hcTensorFloats(p, v));
+  EXPECT_EQ(v, (std::vector<float>{1.25f, -2.5f, 9.f}));
+  dims.clear();
+  le::hcTensorDims(p, dims);
+  EXPECT_EQ(dims, (std::vector<int64_t>{2, 300}));
+
+  // A FLOAT tensor with no values at all.
+  std::vector<uint8_t> empty;
+  le::gsPutVarintField(empty, of::kTensorDataType, 1);
+  v.clear();
+  EXPECT_FALSE(le::hcTensorFloats(empty, v));
+}
+
+TEST(OnnxBytes, ResizeAttributesAndAttrWriters) {
+  std::vector<uint8_t> node;
+  le::hcAttrS(node, "cubic");
+  auto attr = [&](const Attr& a) { le::gsPutBytes(node, of::kNodeAttribute, a.bytes()); };
+  attr(Attr::s("coordinate_transformation_mode", "half_pixel"));
+  attr(Attr::f("cubic_coeff_a", -0.5f));
+  attr(Attr::i("exclude_outside", 1));
+  attr(Attr::i("antialias", 0));
+  attr(Attr::ints("axes", {2, 3}));
+  attr(Attr::i("keep_aspect_ratio_policy", 4));  // wrong kind: ignored
+  le::HcAttrs a = le::hcReadAttrs(node);
+  EXPECT_EQ(a.mode, "cubic");
+  EXPECT_EQ(a.coordinateTransformationMode, "half_pixel");
+  EXPECT_EQ(a.keepAspectRatioPolicy, "");
+  EXPECT_TRUE(a.hasCubicCoeffA);
+  EXPECT_EQ(a.cubicCoeffA, -0.5f);
+  EXPECT_TRUE(a.excludeOutside);
+  EXPECT_FALSE(a.antialias);
+  EXPECT_TRUE(a.hasAxes);
+  EXPECT_FALSE(le::hcReadAttrs({}).hasAxes);
+
+  // The low-level writers produce what the builder's attributes produce.
+  std::vector<uint8_t> x, y;
+  le::hcAttrI(x, "group", -3);
+  le::gsPutBytes(y, of::kNodeAttribute, Attr::i("group", -3).bytes());
+  EXPECT_EQ(x, y);
+  const int64_t ks[2] = {5, 5};
+  x.clear();
+  y.clear();
+  le::hcAttrIs(x, "kernel_shape", ks, 2);
+  le::gsPutBytes(y, of::kNodeAttribute, Attr::ints("kernel_shape", {5, 5}).bytes());
+  EXPECT_EQ(x, y);
+}
+
+TEST(OnnxBytes, TensorValueInfoWritesHoistedDimNames) {
+  std::vector<uint8_t> g;
+  const int64_t dims[4] = {1, -1, 512, 512};
+  le::gsPutTensorValueInfo(g, of::kGraphInput, "bnd", dims, 4);
+  le::gsPutTensorValueInfo(g, of::kGraphOutput, "sym", nullptr, 2);
+  int64_t first, last;
+  int rank;
+  le::ldInputDims(g, "bnd", first, last, rank);
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(last, 512);
+  EXPECT_EQ(rank, 4);
+  // Walk to the dims and read each as value or param.
+  auto dimsOf = [](GsSlice vi) {
+    std::vector<std::string> out;
+    GsSlice type, tensor, shape;
+    GsReader r(vi);
+    GsField f;
+    while (r.next(f)) if (f.number == 2) type = f.payload;
+    GsReader r2(type);
+    while (r2.next(f)) if (f.number == 1) tensor = f.payload;
+    GsReader r3(tensor);
+    while (r3.next(f)) {
+      if (f.number == 1) {
+        EXPECT_EQ(f.value, 1u);  // FLOAT
+      }
+      if (f.number == 2) shape = f.payload;
+    }
+    GsReader r4(shape);
+    while (r4.next(f)) {
+      GsReader d(f.payload);
+      GsField df;
+      while (d.next(df)) out.push_back(df.number == 1 ? std::to_string(df.value) : df.payload.str());
+    }
+    return out;
+  };
+  GsReader r(g);
+  GsField f;
+  ASSERT_TRUE(r.next(f));
+  EXPECT_EQ(f.number, of::kGraphInput);
+  EXPECT_EQ(dimsOf(f.payload), (std::vector<std::string>{"1", "le_hoist_d1", "512", "512"}));
+  ASSERT_TRUE(r.next(f));
+  EXPECT_EQ(f.number, of::kGraphOutput);
+  EXPECT_EQ(le::gsFirstStr(f.payload, 1), "sym");
+  EXPECT_EQ(dimsOf(f.payload), (std::vector<std::string>{"le_hoist_d0", "le_hoist_d1"}));
+}
+
+TEST(OnnxBytes, RebuildKeepsBytesAndAppliesEdits) {
+  std::vector<uint8_t> model = smallModel();
+  // A field after the graph that the toolkit does not read (doc_string) keeps its bytes and place.
+  le::gsPutBytes(model, 6, std::string("forged for the toolkit test"));
+  std::vector<uint8_t> out;
+  le::gsRebuild(model, le::GsGraphEdit(), out);
+  EXPECT_EQ(out, model);
+  // In place, through a view of the same vector.
+  std::vector<uint8_t> same = model;
+  le::gsRebuild(same, le::GsGraphEdit(), same);
+  EXPECT_EQ(same, model);
+
+  // Drop the Relu, keep only P_rgb, drop outputs, declare the Mul's output as the output.
+  std::vector<le::GsNodeInfo> nodes;
+  std::set<std::string> inits, inputs;
+  le::gsReadGraph(le::gsGraphOf(model), nodes, inits, inputs);
+  const std::string mul = nodes[1].outputs[0];
+  std::vector<uint8_t> drop = {0, 0, 1};
+  const int64_t dims[4] = {1, 3, 4, 4};
+  le::GsGraphEdit e;
+  e.dropNodes = &drop;
+  e.keepOnlyPrgbInput = true;
+  e.dropOutputs = true;
+  e.addName = &mul;
+  e.addDims = dims;
+  e.addRank = 4;
+  e.addField = of::kGraphOutput;
+  le::gsRebuild(model, e, out);
+  nodes.clear();
+  inits.clear();
+  inputs.clear();
+  GsSlice g = le::gsGraphOf(out);
+  le::gsReadGraph(g, nodes, inits, inputs);
+  ASSERT_EQ(nodes.size(), 2u);
+  EXPECT_EQ(inputs, (std::set<std::string>{"P_rgb"}));
+  std::vector<std::string> outs, vis;
+  GsReader r(g);
+  GsField f;
+  while (r.next(f)) {
+    if (f.number == of::kGraphOutput) outs.push_back(le::gsFirstStr(f.payload, 1));
+    if (f.number == of::kGraphValueInfo) vis.push_back(le::gsFirstStr(f.payload, 1));
+  }
+  EXPECT_EQ(outs, (std::vector<std::string>{mul}));
+  EXPECT_TRUE(vis.empty());
+  // Field order of the model is kept: the doc_string is still last.
+  GsReader mr(out);
+  std::vector<uint32_t> order;
+  while (mr.next(f)) order.push_back(f.number);
+    EXPECT_EQ(order, (std::vector<uint32_t>{1, 2, 7, 8, 6}));
+
+  // The edited model runs: out = 2 * P_rgb.
+  Ort::Session s = session(out);
+  std::vector<float> x(48);
+  for (size_t i = 0; i < x.size(); ++i) x[i] = float(i) - 20.f;
+  const int64_t shape[4] = {1, 3, 4, 4};
+  Ort::MemoryInfo mi = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+  Ort::Value in = Ort::Value::CreateTensor<float>(mi, x.data(), x.size(), shape, 4);
+  const char* inName = "P_rgb";
+  const char* outName = mul.c_str();
+  auto res = s.Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &outName, 1);
+  const float* y = res[0].GetTensorData<float>();
+  for (size_t i = 0; i < x.size(); ++i) ASSERT_EQ(y[i], 2.f * x[i]);
+
+  // dropPrgbInput alone removes P_rgb and keeps the rest; with keepOnly it removes every input.
+  le::GsGraphEdit e2;
+  e2.dropPrgbInput = true;
+  le::gsRebuild(model, e2, out);
+  inputs.clear();
+  nodes.clear();
+  le::gsReadGraph(le::gsGraphOf(out), nodes, inits, inputs);
+  EXPECT_EQ(inputs, (std::set<std::string>{"kp"}));
+  e2.keepOnlyPrgbInput = true;
+  le::gsRebuild(model, e2, out);
+  inputs.clear();
+  le::gsReadGraph(le::gsGraphOf(out), nodes, inits, inputs);
+  EXPECT_TRUE(inputs.empty());
+
+  // A malformed graph throws and the caller's model is untouched.
+  std::vector<uint8_t> bad = {0x3A, 0x03, 0x0A, 0x05, 0x00};
+  EXPECT_THROW(le::gsRebuild(bad, le::GsGraphEdit(), out), std::runtime_error);
+}
+
+TEST(OnnxBuilder, ModelRunsInOrtWithAttributesInitializersAndConstants) {
+  OnnxBuilder b("conv");
+  b.input("x", {1, 2, 3, 3});
+  std::vector<float> w(2 * 1 * 3 * 3, 0.f);
+  w[4] = 1.f;       // channel 0: identity
+  w[9 + 4] = 2.f;   // channel 1: doubles
+  std::string wn = b.init("w", {2, 1, 3, 3}, w);
+  std::string c = b.op("Conv", {"x", wn},
+                       {Attr::i("group", 2), Attr::ints("pads", {1, 1, 1, 1}),
+                        Attr::ints("kernel_shape", {3, 3})});
+  std::string k = b.constant(Tensor::scalar(0.5f));
+  std::string m = b.op("Mul", {c, k});
+  std::string clipMin = b.constant(Tensor::scalar(-1.f));
+  std::string clipMax = b.constant(Tensor::scalar(1.f));
+  std::string cl = b.op("Clip", {m, clipMin, clipMax});
+  b.op("LeakyRelu", {cl}, {Attr::f("alpha", 0.25f)}, "", "y");
+  b.output("y", {1, 2, 3, 3});
+  std::vector<uint8_t> model = b.build();
+  EXPECT_EQ(b.nodeCount(), 7u);
+
+  Ort::Session s = session(model);
+  std::vector<float> x(18);
+  for (size_t i = 0; i < x.size(); ++i) x[i] = (float(i) - 9.f) * 0.25f;
+  const int64_t shape[4] = {1, 2, 3, 3};
+  Ort::MemoryInfo mi = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+  Ort::Value in = Ort::Value::CreateTensor<float>(mi, x.data(), x.size(), shape, 4);
+  const char* inName = "x";
+  const char* outName = "y";
+  auto res = s.Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &outName, 1);
+  const float* y = res[0].GetTensorData<float>();
+  for (size_t i = 0; i < 18; ++i) {
+    float v = x[i] * (i < 9 ? 1.f : 2.f) * 0.5f;
+    v = v < -1.f ? -1.f : v > 1.f ? 1.f : v;
+    v = v < 0 ? v * 0.25f : v;
+    EXPECT_FLOAT_EQ(y[i], v) << i;
+  }
+  EXPECT_THROW(Tensor::floats({2, 2}, {1.f}), std::invalid_argument);
+}

@@ -1,0 +1,291 @@
+#include "tools/forge/onnx_builder.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+#include "le/render/onnx_bytes.h"
+
+namespace le::forge {
+
+namespace of = le::onnxf;
+
+namespace {
+
+template <typename T>
+std::vector<uint8_t> bytesOf(const std::vector<T>& v) {
+  std::vector<uint8_t> out(v.size() * sizeof(T));
+  if (!out.empty()) std::memcpy(out.data(), v.data(), out.size());
+  return out;
+}
+
+int64_t countOf(const std::vector<int64_t>& dims) {
+  int64_t n = 1;
+  for (int64_t d : dims) n *= d;
+  return n;
+}
+
+Tensor makeTensor(Elem type, std::vector<int64_t> dims, std::vector<uint8_t> raw, size_t count,
+                  std::string name) {
+  if (int64_t(count) != countOf(dims))
+    throw std::invalid_argument("onnx builder: tensor '" + name + "' has " + std::to_string(count) +
+                                " values for dims holding " + std::to_string(countOf(dims)));
+  Tensor t;
+  t.name = std::move(name);
+  t.type = type;
+  t.dims = std::move(dims);
+  t.raw = std::move(raw);
+  return t;
+}
+
+std::vector<uint8_t> encodeValueInfo(const std::string& name, const Shape& shape, Elem type) {
+  std::vector<uint8_t> shp;
+  for (const Dim& d : shape) {
+    std::vector<uint8_t> dim;
+    if (!d.param.empty()) gsPutBytes(dim, of::kDimParam, d.param);
+    else if (d.value >= 0) gsPutVarintField(dim, of::kDimValue, uint64_t(d.value));
+    gsPutBytes(shp, of::kShapeDim, dim);
+  }
+  std::vector<uint8_t> tensor;
+  gsPutVarintField(tensor, of::kTensorElemType, uint64_t(type));
+  gsPutBytes(tensor, of::kTensorShape, shp);
+  std::vector<uint8_t> tp;
+  gsPutBytes(tp, of::kTypeTensor, tensor);
+  std::vector<uint8_t> vi;
+  gsPutBytes(vi, of::kValueInfoName, name);
+  gsPutBytes(vi, of::kValueInfoType, tp);
+  return vi;
+}
+
+}  // namespace
+
+// ---- Tensor --------------------------------------------------------------------------------
+
+Tensor Tensor::floats(std::vector<int64_t> dims, const std::vector<float>& values, std::string name) {
+  return makeTensor(Elem::Float, std::move(dims), bytesOf(values), values.size(), std::move(name));
+}
+Tensor Tensor::int64s(std::vector<int64_t> dims, const std::vector<int64_t>& values, std::string name) {
+  return makeTensor(Elem::Int64, std::move(dims), bytesOf(values), values.size(), std::move(name));
+}
+Tensor Tensor::int32s(std::vector<int64_t> dims, const std::vector<int32_t>& values, std::string name) {
+  return makeTensor(Elem::Int32, std::move(dims), bytesOf(values), values.size(), std::move(name));
+}
+Tensor Tensor::uint8s(std::vector<int64_t> dims, const std::vector<uint8_t>& values, std::string name) {
+  return makeTensor(Elem::Uint8, std::move(dims), values, values.size(), std::move(name));
+}
+Tensor Tensor::scalar(float v, std::string name) { return floats({}, {v}, std::move(name)); }
+
+int64_t Tensor::elementCount() const { return countOf(dims); }
+
+std::vector<uint8_t> Tensor::encode() const {
+  std::vector<uint8_t> t;
+  for (int64_t d : dims) gsPutVarintField(t, of::kTensorDims, uint64_t(d));
+  gsPutVarintField(t, of::kTensorDataType, uint64_t(type));
+  if (!name.empty()) gsPutBytes(t, of::kTensorName, name);
+  gsPutBytes(t, of::kTensorRawData, raw);
+  return t;
+}
+
+// ---- Attr ----------------------------------------------------------------------------------
+
+namespace {
+std::vector<uint8_t> attrHead(const std::string& name) {
+  std::vector<uint8_t> a;
+  gsPutBytes(a, of::kAttrName, name);
+  return a;
+}
+}  // namespace
+
+Attr Attr::i(const std::string& name, int64_t v) {
+  Attr a;
+  a.bytes_ = attrHead(name);
+  gsPutVarintField(a.bytes_, of::kAttrI, uint64_t(v));
+  gsPutVarintField(a.bytes_, of::kAttrType, of::kAttrTypeInt);
+  return a;
+}
+
+Attr Attr::f(const std::string& name, float v) {
+  Attr a;
+  a.bytes_ = attrHead(name);
+  gsPutVarint(a.bytes_, (uint64_t(of::kAttrF) << 3) | 5);
+  uint8_t b[4];
+  std::memcpy(b, &v, 4);
+  a.bytes_.insert(a.bytes_.end(), b, b + 4);
+  gsPutVarintField(a.bytes_, of::kAttrType, of::kAttrTypeFloat);
+  return a;
+}
+
+Attr Attr::s(const std::string& name, const std::string& v) {
+  Attr a;
+  a.bytes_ = attrHead(name);
+  gsPutBytes(a.bytes_, of::kAttrS, v);
+  gsPutVarintField(a.bytes_, of::kAttrType, of::kAttrTypeString);
+  return a;
+}
+
+Attr Attr::ints(const std::string& name, const std::vector<int64_t>& v) {
+  Attr a;
+  a.bytes_ = attrHead(name);
+  for (int64_t x : v) gsPutVarintField(a.bytes_, of::kAttrInts, uint64_t(x));
+  gsPutVarintField(a.bytes_, of::kAttrType, of::kAttrTypeInts);
+  return a;
+}
+
+Attr Attr::floats(const std::string& name, const std::vector<float>& v) {
+  Attr a;
+  a.bytes_ = attrHead(name);
+  gsPutBytes(a.bytes_, of::kAttrFloats, bytesOf(v));  // packed fixed32
+  gsPutVarintField(a.bytes_, of::kAttrType, of::kAttrTypeFloats);
+  return a;
+}
+
+Attr Attr::tensor(const std::string& name, const Tensor& t) {
+  Attr a;
+  a.bytes_ = attrHead(name);
+  gsPutBytes(a.bytes_, of::kAttrT, t.encode());
+  gsPutVarintField(a.bytes_, of::kAttrType, of::kAttrTypeTensor);
+  return a;
+}
+
+// ---- OnnxBuilder ---------------------------------------------------------------------------
+
+OnnxBuilder::OnnxBuilder(std::string graphName, int64_t opset) : graphName_(std::move(graphName)) {
+  opsets_.emplace_back("", opset);
+}
+
+OnnxBuilder& OnnxBuilder::opset(const std::string& domain, int64_t version) {
+  for (auto& o : opsets_) {
+    if (o.first == domain) {
+      o.second = version;
+      return *this;
+    }
+  }
+  opsets_.emplace_back(domain, version);
+  return *this;
+}
+
+OnnxBuilder& OnnxBuilder::irVersion(int64_t v) {
+  irVersion_ = v;
+  return *this;
+}
+
+OnnxBuilder& OnnxBuilder::input(const std::string& name, const Shape& shape, Elem type) {
+  gsPutBytes(inputs_, of::kGraphInput, encodeValueInfo(name, shape, type));
+  return *this;
+}
+
+OnnxBuilder& OnnxBuilder::output(const std::string& name, const Shape& shape, Elem type) {
+  gsPutBytes(outputs_, of::kGraphOutput, encodeValueInfo(name, shape, type));
+  return *this;
+}
+
+OnnxBuilder& OnnxBuilder::valueInfo(const std::string& name, const Shape& shape, Elem type) {
+  gsPutBytes(valueInfos_, of::kGraphValueInfo, forge::encodeValueInfo(name, shape, type));
+  return *this;
+}
+
+std::string OnnxBuilder::fresh(const std::string& prefix) {
+  return prefix + "_" + std::to_string(freshCount_++);
+}
+
+std::string OnnxBuilder::initializer(Tensor t) {
+  if (t.name.empty()) t.name = fresh("init");
+  gsPutBytes(inits_, of::kGraphInitializer, t.encode());
+  return t.name;
+}
+
+std::string OnnxBuilder::init(const std::string& name, std::vector<int64_t> dims,
+                              const std::vector<float>& values) {
+  return initializer(Tensor::floats(std::move(dims), values, name));
+}
+
+std::string OnnxBuilder::initI64(const std::string& name, std::vector<int64_t> dims,
+                                 const std::vector<int64_t>& values) {
+  return initializer(Tensor::int64s(std::move(dims), values, name));
+}
+
+std::string OnnxBuilder::constant(Tensor t) {
+  std::string out = t.name.empty() ? fresh("const") : t.name;
+  t.name.clear();
+  return node("Constant", {}, {out}, {Attr::tensor("value", t)});
+}
+
+std::string OnnxBuilder::node(const std::string& opType, const std::vector<std::string>& inputs,
+                              const std::vector<std::string>& outputs, const std::vector<Attr>& attrs,
+                              const std::string& name, const std::string& domain) {
+  if (outputs.empty()) throw std::invalid_argument("onnx builder: node '" + opType + "' without outputs");
+  std::vector<uint8_t> n;
+  for (const std::string& in : inputs) gsPutBytes(n, of::kNodeInput, in);
+  for (const std::string& out : outputs) gsPutBytes(n, of::kNodeOutput, out);
+  gsPutBytes(n, of::kNodeName, name.empty() ? "/" + opType + "_" + std::to_string(nodeCount_) : name);
+  gsPutBytes(n, of::kNodeOpType, opType);
+  for (const Attr& a : attrs) gsPutBytes(n, of::kNodeAttribute, a.bytes());
+  if (!domain.empty()) gsPutBytes(n, of::kNodeDomain, domain);
+  gsPutBytes(nodes_, of::kGraphNode, n);
+  ++nodeCount_;
+  return outputs.front();
+}
+
+std::string OnnxBuilder::op(const std::string& opType, const std::vector<std::string>& inputs,
+                            const std::vector<Attr>& attrs, const std::string& domain,
+                            const std::string& output) {
+  return node(opType, inputs, {output.empty() ? fresh(opType) : output}, attrs, "", domain);
+}
+
+std::vector<uint8_t> OnnxBuilder::build() const {
+  std::vector<uint8_t> graph;
+  graph.reserve(nodes_.size() + inits_.size() + inputs_.size() + outputs_.size() + valueInfos_.size() + 64);
+  gsPutRaw(graph, nodes_);
+  gsPutBytes(graph, of::kGraphName, graphName_);
+  gsPutRaw(graph, inits_);
+  gsPutRaw(graph, inputs_);
+  gsPutRaw(graph, outputs_);
+  gsPutRaw(graph, valueInfos_);
+
+  int64_t ir = irVersion_;
+  if (ir == 0) {
+    const int64_t opset = opsets_.front().second;
+    ir = opset >= 21 ? 10 : opset >= 19 ? 9 : opset >= 15 ? 8 : 7;
+  }
+  std::vector<uint8_t> model;
+  model.reserve(graph.size() + 128);
+  gsPutVarintField(model, of::kModelIrVersion, uint64_t(ir));
+  gsPutBytes(model, 2, std::string("le_forge"));  // producer_name
+  gsPutBytes(model, of::kModelGraph, graph);
+  for (const auto& o : opsets_) {
+    std::vector<uint8_t> os;
+    if (!o.first.empty()) gsPutBytes(os, of::kOpsetDomain, o.first);
+    gsPutVarintField(os, of::kOpsetVersion, uint64_t(o.second));
+    gsPutBytes(model, of::kModelOpsetImport, os);
+  }
+  return model;
+}
+
+void OnnxBuilder::save(const std::string& path) const { writeModelBytes(path, build()); }
+
+void writeModelBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) throw std::runtime_error("cannot create " + path + ": " + std::strerror(errno));
+  const size_t n = bytes.empty() ? 0 : std::fwrite(bytes.data(), 1, bytes.size(), f);
+  const bool ok = n == bytes.size() && std::fclose(f) == 0;
+  if (!ok) {
+    if (n != bytes.size()) std::fclose(f);
+    throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  }
+}
+
+std::vector<uint8_t> readModelBytes(const std::string& path) {
+  FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
+  std::vector<uint8_t> out;
+  uint8_t buf[65536];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
+  const bool err = std::ferror(f) != 0;
+  std::fclose(f);
+  if (err) throw std::runtime_error("cannot read " + path);
+  return out;
+}
+
+}  // namespace le::forge
