@@ -93,6 +93,19 @@ bool isSyntheticManifest(std::FILE* in, const imx::TocEntry& e) {
   return text.find("_imx_synthetic_manifest") != std::string::npos;
 }
 
+// A zero byte would end the message early wherever it is read as a C string: spelled "\0".
+std::string printableName(const std::string& name) {
+  std::string out;
+  for (char ch : name) {
+    if (ch == '\0') {
+      out += "\\0";
+    } else {
+      out += ch;
+    }
+  }
+  return out;
+}
+
 std::mutex& unwrapMutex() {
   static std::mutex m;
   return m;
@@ -219,7 +232,8 @@ std::string unwrapOnce(const std::string& container) {
 
   std::vector<char> buf(kCopyBuffer);
   for (const TocEntry& e : toc) {
-    if (!isSafeMemberName(e.name)) fail(container + ": refusing unsafe member name '" + e.name + "'");
+    if (!isSafeMemberName(e.name))
+      fail(container + ": refusing unsafe member name '" + printableName(e.name) + "'");
     if (isSyntheticManifest(in.get(), e)) continue;
 
     const std::string dest = dir + "/" + e.name;

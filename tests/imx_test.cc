@@ -1,0 +1,351 @@
+#include "le/le_imx.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "le/le.h"
+#include "le/le_bundle.h"
+#include "tests/bundle_fixture.h"
+#include "tools/forge/imx_pack.h"
+
+namespace {
+
+using le::testing::manifestText;
+using le::testing::ScratchDir;
+using le::testing::writeFile;
+using Members = std::vector<std::pair<std::string, std::string>>;
+
+template <class Fn>
+std::string thrown(Fn&& fn) {
+  try {
+    fn();
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "";
+}
+
+bool exists(const std::string& p) {
+  struct stat st;
+  return ::lstat(p.c_str(), &st) == 0;
+}
+
+ino_t inode(const std::string& p) {
+  struct stat st;
+  return ::stat(p.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// Names of everything below dir, relative, sorted.
+std::vector<std::string> tree(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& m : le::forge::bundleMembers(dir)) names.push_back(m.name);
+  return names;
+}
+
+size_t count(const std::string& hay, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1)) ++n;
+  return n;
+}
+
+class Imx : public ::testing::Test {
+ protected:
+  void SetUp() override { unsetenv("LE_IMX_UNWRAP_ROOT"); }
+  void TearDown() override { unsetenv("LE_IMX_UNWRAP_ROOT"); }
+
+  // Resolves path with stderr captured into log.
+  std::string resolve(const std::string& path) {
+    ::testing::internal::CaptureStderr();
+    std::string dir;
+    std::string error;
+    try {
+      dir = le::resolveBundlePath(path);
+    } catch (const std::runtime_error& e) {
+      error = e.what();
+    }
+    log = ::testing::internal::GetCapturedStderr();
+    if (!error.empty()) throw std::runtime_error(error);
+    return dir;
+  }
+
+  ScratchDir scratch{"imx"};
+  std::string log;
+  const Members bundle{{"manifest.json", manifestText()},
+                       {"M.f32", std::string(24, '\x01')},
+                       {"idle_loop/source_index.i32", std::string(16, '\0')},
+                       {"drive/xs.f32", "abcd"}};
+};
+
+TEST_F(Imx, PathHelpersAndUnwrapNaming) {
+  using namespace le::imx;
+  EXPECT_EQ(rstripSlash("a/b///"), "a/b");
+  EXPECT_EQ(rstripSlash("///"), "/");
+  EXPECT_EQ(baseName("/x/avatar.imx/"), "avatar.imx");
+  EXPECT_EQ(baseName("avatar.imx"), "avatar.imx");
+  EXPECT_EQ(dirName("avatar.imx"), ".");
+  EXPECT_EQ(dirName("/avatar.imx"), "/");
+  EXPECT_EQ(dirName("/x/y/avatar.imx"), "/x/y");
+  EXPECT_EQ(unwrapDirFor("/x/avatar.imx"), "/x/avatar.lebundle");
+  EXPECT_EQ(unwrapDirFor("/x/avatar.lebundle.imx"), "/x/avatar.lebundle");
+  EXPECT_EQ(unwrapDirFor("/x/avatar.bin"), "/x/avatar.bin.lebundle");
+  EXPECT_EQ(unwrapDirFor("avatar.imx"), "./avatar.lebundle");
+  EXPECT_EQ(unwrapDirFor("/avatar.imx"), "/avatar.lebundle");
+  setenv("LE_IMX_UNWRAP_ROOT", "/cache/le//", 1);
+  EXPECT_EQ(unwrapDirFor("/x/avatar.imx"), "/cache/le/avatar.lebundle");
+  setenv("LE_IMX_UNWRAP_ROOT", "", 1);
+  EXPECT_EQ(unwrapDirFor("/x/avatar.imx"), "/x/avatar.lebundle");
+
+  EXPECT_TRUE(isSafeMemberName("idle_loop/source_index.i32"));
+  EXPECT_TRUE(isSafeMemberName("a.b\\c"));
+  for (const std::string& bad : {std::string(""), std::string("/etc/x"), std::string("\\x"),
+                                std::string("../x"), std::string("a/../../x"), std::string("a..b"),
+                                std::string("a\0b", 3)})
+    EXPECT_FALSE(isSafeMemberName(bad)) << bad;
+}
+
+TEST_F(Imx, UnwrapsOnceReusesAndRebuildsWhenTheContainerChanges) {
+  const std::string c = scratch / "avatar.imx";
+  writeFile(c, le::forge::imxImage(bundle));
+  EXPECT_TRUE(le::isImxV2File(c));
+  const std::string dir = resolve(c);
+  EXPECT_EQ(dir, scratch / "avatar.lebundle");
+  EXPECT_EQ(log, "[le] unwrapped " + c + " -> " + dir + "\n");
+  for (const auto& [name, bytes] : bundle) EXPECT_EQ(le::readFile(dir + "/" + name), bytes) << name;
+  EXPECT_EQ(tree(dir), (std::vector<std::string>{"M.f32", "drive/xs.f32",
+                                                 "idle_loop/source_index.i32", "manifest.json"}));
+  struct stat st;
+  ASSERT_EQ(::stat(c.c_str(), &st), 0);
+  const std::string marker = le::readFile(dir + ".imx_unwrapped");
+  EXPECT_EQ(marker, "imx-unwrapped.v2 avatar.imx " + std::to_string(st.st_size) + " " +
+                        std::to_string(int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec) +
+                        " " + std::to_string(st.st_ino));
+
+  // Reuse: nothing copied, members untouched; blanks around the marker text are ignored.
+  writeFile(dir + ".imx_unwrapped", "\r\n " + marker + "\t\n");
+  const ino_t before = inode(dir + "/M.f32");
+  EXPECT_EQ(resolve(c), dir);
+  EXPECT_EQ(log, "");
+  EXPECT_EQ(inode(dir + "/M.f32"), before);
+  // Without a container named after it, an unwrapped directory is taken as it is.
+  EXPECT_EQ(resolve(dir + "/"), dir + "/");
+  EXPECT_EQ(log, "");
+  // The manifest loads straight from the container.
+  EXPECT_EQ(le::loadManifest(c).NT, 40);
+
+  // A new modification time rebuilds from scratch: a stray file disappears.
+  writeFile(dir + "/stray", "x");
+  struct timespec times[2] = {{0, UTIME_OMIT}, {st.st_mtim.tv_sec - 100, 5}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, c.c_str(), times, 0), 0);
+  EXPECT_EQ(resolve(c), dir);
+  EXPECT_EQ(count(log, "[le] unwrapped"), 1u);
+  EXPECT_FALSE(exists(dir + "/stray"));
+  EXPECT_NE(le::readFile(dir + ".imx_unwrapped"), marker);
+
+  // A plain bundle directory (no marker beside it) is taken as it is.
+  const std::string plain = scratch / "plain";
+  writeFile(plain + "/manifest.json", manifestText());
+  EXPECT_EQ(resolve(plain + "/"), plain + "/");
+  EXPECT_EQ(resolve(""), "");
+  EXPECT_EQ(resolve(scratch / "nothing"), scratch / "nothing");
+}
+
+TEST_F(Imx, ContainerNamingVariantsAndUnwrapRoot) {
+  const std::string c = scratch / "avatar.lebundle.imx";
+  writeFile(c, le::forge::imxImage(bundle));
+  const std::string dir = scratch / "avatar.lebundle";
+  EXPECT_EQ(resolve(c), dir);
+  // The unwrapped directory (it has a marker beside it) is re-validated through its container:
+  // a changed container is unwrapped again when the directory is named.
+  EXPECT_EQ(resolve(dir + "/"), dir);
+  EXPECT_EQ(log, "");
+  writeFile(c, le::forge::imxImage({{"only.bin", "1"}}));
+  EXPECT_EQ(resolve(dir), dir);
+  EXPECT_EQ(count(log, "[le] unwrapped"), 1u);
+  EXPECT_EQ(tree(dir), std::vector<std::string>{"only.bin"});
+
+  // A container without the suffix is still recognised by its header.
+  const std::string bare = scratch / "bare.bin";
+  writeFile(bare, le::forge::imxImage(bundle));
+  EXPECT_EQ(resolve(bare), scratch / "bare.bin.lebundle");
+
+  const std::string root = scratch / "root";
+  setenv("LE_IMX_UNWRAP_ROOT", (root + "/").c_str(), 1);
+  const std::string other = scratch / "other.imx";
+  writeFile(other, le::forge::imxImage(bundle));
+  EXPECT_EQ(resolve(other), root + "/other.lebundle");
+  EXPECT_TRUE(exists(root + "/other.lebundle.imx_unwrapped"));
+  EXPECT_FALSE(exists(scratch / "other.lebundle"));
+}
+
+TEST_F(Imx, SyntheticManifestIsSkippedAndEmptyContainerGivesEmptyDirectory) {
+  const std::string c = scratch / "synth.imx";
+  writeFile(c, le::forge::imxImage({{"manifest.json", R"({"_imx_synthetic_manifest": true})"},
+                                    {"P.f16", "pp"}}));
+  const std::string dir = resolve(c);
+  EXPECT_EQ(tree(dir), std::vector<std::string>{"P.f16"});
+
+  const std::string empty = scratch / "empty.imx";
+  writeFile(empty, le::forge::imxImage({}));
+  const std::string edir = resolve(empty);
+  EXPECT_TRUE(tree(edir).empty());
+  EXPECT_TRUE(exists(edir));
+  EXPECT_TRUE(exists(edir + ".imx_unwrapped"));
+}
+
+TEST_F(Imx, MalformedContainersAreRefusedWithTheirTexts) {
+  const std::string good = le::forge::imxImage({{"a.bin", "0123456789"}, {"b.bin", "xyz"}});
+  const std::string c = scratch / "bad.imx";
+  const auto refusal = [&](const std::string& bytes) {
+    writeFile(c, bytes);
+    return thrown([&] { le::imx::unwrapOnce(c); });
+  };
+  EXPECT_EQ(refusal("IMX"), c + ": not an IMX\\0 container");
+  EXPECT_EQ(refusal("IMY" + good.substr(3)), c + ": not an IMX\\0 container");
+  std::string v3 = good;
+  v3[4] = 3;
+  EXPECT_EQ(refusal(v3), c + ": unsupported IMX container version 3");
+  // Truncations inside the table of contents, each at member 1.
+  const size_t second = 8 + 2 + 5 + 16;
+  EXPECT_EQ(refusal(good.substr(0, second + 1)), c + ": truncated TOC at member 1");
+  EXPECT_EQ(refusal(good.substr(0, second + 2 + 4)), c + ": truncated member name at 1");
+  EXPECT_EQ(refusal(good.substr(0, second + 2 + 5 + 15)), c + ": truncated TOC offsets at member 1");
+  // Member bytes missing at the end, or an offset beyond the file.
+  EXPECT_EQ(refusal(good.substr(0, good.size() - 1)), c + ": truncated payload for member b.bin");
+  EXPECT_EQ(refusal(le::forge::imxToc({{"a.bin", 1u << 20, 4}})),
+            c + ": truncated payload for member a.bin");
+  EXPECT_EQ(refusal(le::forge::imxToc({{"a.bin", ~uint64_t(0), 4}})),
+            c + ": cannot seek to member a.bin");
+  // Nothing half-written stays under a final name, and no marker claims the directory.
+  const std::string dir = scratch / "bad.lebundle";
+  EXPECT_EQ(tree(dir), std::vector<std::string>{});
+  EXPECT_FALSE(exists(dir + ".imx_unwrapped"));
+
+  // resolveBundlePath reports the failure; files that are not containers pass through.
+  writeFile(c, good.substr(0, 9));
+  EXPECT_EQ(thrown([&] { resolve(c); }), c + ": truncated TOC at member 0");
+  writeFile(c, v3);
+  EXPECT_FALSE(le::isImxV2File(c));
+  EXPECT_EQ(resolve(c), c);
+  EXPECT_FALSE(le::isImxV2File(scratch.path()));
+}
+
+TEST_F(Imx, UnsafeMemberNamesNeverWriteOutsideTheUnwrapDirectory) {
+  const std::string box = scratch / "box";
+  const std::string c = box + "/evil.imx";
+  const std::string dir = box + "/evil.lebundle";
+  for (const std::string& name :
+       {std::string("../escaped"), std::string("sub/../../escaped"), std::string("/tmp/escaped"),
+        std::string("\\escaped"), std::string("esc\0aped", 8), std::string(""),
+        std::string("..")}) {
+    writeFile(c, le::forge::imxImage({{"ok.bin", "fine"}, {name, "EVIL"}, {"late.bin", "late"}}));
+    std::string shown = name;
+    if (shown.find('\0') != std::string::npos) shown.replace(shown.find('\0'), 1, "\\0");
+    EXPECT_EQ(thrown([&] { le::resolveBundlePath(c); }),
+              c + ": refusing unsafe member name '" + shown + "'");
+    // Members before the bad one are complete; nothing after it; no marker.
+    EXPECT_EQ(tree(dir), std::vector<std::string>{"ok.bin"});
+    EXPECT_FALSE(exists(dir + ".imx_unwrapped"));
+    EXPECT_EQ(tree(scratch.path()), (std::vector<std::string>{"box/evil.imx", "box/evil.lebundle/ok.bin"}));
+    EXPECT_FALSE(exists("/tmp/escaped"));
+  }
+  // The packer refuses to write such a container in the first place.
+  writeFile(scratch / "f", "x");
+  EXPECT_EQ(thrown([&] { le::forge::writeImx(scratch / "w.imx", {{"../f", scratch / "f"}}); }),
+            "imx: refusing unsafe member name '../f'");
+  EXPECT_FALSE(exists(scratch / "w.imx"));
+  EXPECT_FALSE(exists(scratch / "w.imx.part"));
+}
+
+TEST_F(Imx, ConcurrentResolutionsUnwrapOnce) {
+  const std::string c = scratch / "shared.imx";
+  Members big = bundle;
+  big.push_back({"P.f16", std::string(3 << 20, 'p')});
+  writeFile(c, le::forge::imxImage(big));
+  constexpr int kThreads = 6;
+  std::vector<std::string> dirs(kThreads);
+  std::atomic<int> ready{0};
+  ::testing::internal::CaptureStderr();
+  {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i)
+      threads.emplace_back([&, i] {
+        ++ready;
+        while (ready < kThreads) std::this_thread::yield();
+        char out[4096];
+        if (le_bundle_resolve_handle(c.c_str(), out, sizeof out) == 1) dirs[i] = out;
+      });
+    for (auto& t : threads) t.join();
+  }
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(count(err, "[le] unwrapped"), 1u) << err;
+  for (const std::string& d : dirs) EXPECT_EQ(d, scratch / "shared.lebundle");
+  EXPECT_EQ(le::readFile(scratch / "shared.lebundle/P.f16").size(), size_t(3) << 20);
+}
+
+TEST_F(Imx, InterruptedUnwrapIsRedoneCleanly) {
+  const std::string c = scratch / "cut.imx";
+  const std::string dir = scratch / "cut.lebundle";
+  const std::string image = le::forge::imxImage(bundle);
+  // The file ends inside the last member: the unwrap stops after the first three.
+  writeFile(c, image.substr(0, image.size() - 2));
+  EXPECT_EQ(thrown([&] { resolve(c); }), c + ": truncated payload for member drive/xs.f32");
+  EXPECT_EQ(tree(dir), (std::vector<std::string>{"M.f32", "idle_loop/source_index.i32",
+                                                 "manifest.json"}));
+  EXPECT_FALSE(exists(dir + ".imx_unwrapped"));
+
+  // Killed mid-copy by another process: a stale ".part", a stale member and an old marker.
+  writeFile(c, image);
+  writeFile(dir + "/drive/xs.f32.part", "ab");
+  writeFile(dir + "/M.f32", "old");
+  writeFile(dir + ".imx_unwrapped", "imx-unwrapped.v2 cut.imx 1 2 3");
+  const std::string got = resolve(c);
+  EXPECT_EQ(count(log, "[le] unwrapped"), 1u);
+  EXPECT_EQ(tree(got), (std::vector<std::string>{"M.f32", "drive/xs.f32",
+                                                 "idle_loop/source_index.i32", "manifest.json"}));
+  for (const auto& [name, bytes] : bundle) EXPECT_EQ(le::readFile(dir + "/" + name), bytes) << name;
+
+  // The directory vanished behind the marker's back: unwrapped again.
+  le::imx::rmTree(dir);
+  EXPECT_EQ(resolve(c), dir);
+  EXPECT_EQ(count(log, "[le] unwrapped"), 1u);
+}
+
+TEST_F(Imx, PackedDirectoryRoundTripsAndFlatQueriesSeeTheContainer) {
+  const std::string src = scratch / "src";
+  for (const auto& [name, bytes] : bundle) writeFile(src + "/" + name, bytes);
+  writeFile(src + "/paste_mask.u8", std::string(9, '\xff'));
+  const std::string c = scratch / "packed.imx";
+  EXPECT_EQ(le::forge::packImx(src, c), bundle.size() + 1);
+  EXPECT_FALSE(exists(c + ".part"));
+  ::testing::internal::CaptureStderr();
+  char out[4096];
+  ASSERT_EQ(le_bundle_resolve_handle(c.c_str(), out, sizeof out), 1) << le_last_error();
+  ::testing::internal::GetCapturedStderr();
+  const std::string dir = out;
+  EXPECT_EQ(tree(dir), tree(src));
+  for (const auto& m : le::forge::bundleMembers(src))
+    EXPECT_EQ(le::readFile(dir + "/" + m.name), le::readFile(m.path)) << m.name;
+  EXPECT_EQ(le_bundle_resolve_member(c.c_str(), "mask_512.u8", out, sizeof out), 1);
+  EXPECT_EQ(std::string(out), dir + "/paste_mask.u8");
+  EXPECT_EQ(le_bundle_resolve_member(c.c_str(), "drive/si.i32", out, sizeof out), 1);
+  EXPECT_EQ(std::string(out), dir + "/idle_loop/source_index.i32");
+
+  const std::string broken = scratch / "broken.imx";
+  writeFile(broken, le::forge::imxToc({{"x", 0, 0}}).substr(0, 10));
+  out[0] = 'z';
+  EXPECT_EQ(le_bundle_resolve_member(broken.c_str(), "x", out, sizeof out), -1);
+  EXPECT_EQ(out[0], 0);
+  EXPECT_EQ(std::string(le_last_error()),
+            "le_bundle_resolve_member: " + broken + ": truncated member name at 0");
+}
+
+}  // namespace
