@@ -1,0 +1,450 @@
+// The forge: member layout, spellings, breaks, determinism, and pictures that agree with
+// their geometry (checked through real decoders).
+#include "tools/forge/forge.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tools/forge/forge_movie.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/pixdesc.h>
+}
+
+
+namespace fs = std::filesystem;
+using namespace le::forge;
+
+namespace {
+
+std::string scratch(const std::string& name) {
+  const char* t = std::getenv("LE_TEST_TMP");
+  const fs::path base = t && *t ? fs::path(t) : fs::temp_directory_path() / "le_forge_test";
+  fs::create_directories(base);
+  const fs::path p = base / name;
+  fs::remove_all(p);
+  return p.string();
+}
+
+std::vector<uint8_t> slurp(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  return std::vector<uint8_t>((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+}
+
+std::string text(const std::string& path) {
+  const auto b = slurp(path);
+  return std::string(b.begin(), b.end());
+}
+
+template <class T>
+std::vector<T> table(const std::string& path) {
+  const auto b = slurp(path);
+  std::vector<T> v(b.size() / sizeof(T));
+  std::memcpy(v.data(), b.data(), v.size() * sizeof(T));
+  return v;
+}
+
+Params small() {
+  Params p;
+  p.nt = 5;
+  p.width = 96;
+  p.height = 64;
+  p.crop = 48;
+  p.frames = 9;
+  return p;
+}
+
+// Everything a decoder reports about a movie, and its first frame converted to RGB with the
+// engine's BT.601 limited-range rule.
+struct Decoded {
+  std::string codec, pixfmt;
+  int width = 0, height = 0, frames = 0;
+  int64_t declared = 0;
+  std::vector<uint8_t> rgb0;
+};
+
+Decoded decode(const std::string& path) {
+  Decoded d;
+  AVFormatContext* fmt = nullptr;
+  if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0) return d;
+  avformat_find_stream_info(fmt, nullptr);
+  const int si = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  if (si < 0) {
+    avformat_close_input(&fmt);
+    return d;
+  }
+  AVStream* st = fmt->streams[si];
+  d.declared = st->nb_frames;
+  const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
+  AVCodecContext* dec = avcodec_alloc_context3(codec);
+  avcodec_parameters_to_context(dec, st->codecpar);
+  dec->thread_count = 1;
+  avcodec_open2(dec, codec, nullptr);
+  d.codec = codec->name;
+  AVPacket* pkt = av_packet_alloc();
+  AVFrame* fr = av_frame_alloc();
+  auto take = [&]() {
+    while (avcodec_receive_frame(dec, fr) == 0) {
+      if (d.frames == 0) {
+        d.width = fr->width;
+        d.height = fr->height;
+        const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(fr->format));
+        d.pixfmt = name ? name : "?";
+        const int cx = fr->format == AV_PIX_FMT_YUV444P ? 0 : 1;
+        const int cy = fr->format == AV_PIX_FMT_YUV420P ? 1 : 0;
+        d.rgb0.resize(static_cast<size_t>(fr->width) * fr->height * 3);
+        for (int y = 0; y < fr->height; ++y)
+          for (int x = 0; x < fr->width; ++x) {
+            const int Y = fr->data[0][y * fr->linesize[0] + x];
+            const int U = fr->data[1][(y >> cy) * fr->linesize[1] + (x >> cx)];
+            const int V = fr->data[2][(y >> cy) * fr->linesize[2] + (x >> cx)];
+            const int L = 298 * (Y - 16) + 128, D = U - 128, E = V - 128;
+            auto c = [](int v) { return static_cast<uint8_t>(std::min(255, std::max(0, v >> 8))); };
+            uint8_t* o = &d.rgb0[(static_cast<size_t>(y) * fr->width + x) * 3];
+            o[0] = c(L + 409 * E), o[1] = c(L - 100 * D - 208 * E), o[2] = c(L + 516 * D);
+          }
+      }
+      ++d.frames;
+    }
+  };
+  while (av_read_frame(fmt, pkt) >= 0) {
+    if (pkt->stream_index == si) {
+      avcodec_send_packet(dec, pkt);
+      take();
+    }
+    av_packet_unref(pkt);
+  }
+  avcodec_send_packet(dec, nullptr);
+  take();
+  av_frame_free(&fr);
+  av_packet_free(&pkt);
+  avcodec_free_context(&dec);
+  avformat_close_input(&fmt);
+  return d;
+}
+
+double meanAbsDiff(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+  if (a.size() != b.size() || a.empty()) return 1e9;
+  double s = 0;
+  for (size_t i = 0; i < a.size(); ++i) s += std::abs(int(a[i]) - int(b[i]));
+  return s / a.size();
+}
+
+}  // namespace
+
+TEST(Forge, HalfConversionRoundsToNearestEven) {
+  EXPECT_EQ(toHalf(1.0f), 0x3C00);
+  EXPECT_EQ(toHalf(0.5f), 0x3800);
+  EXPECT_EQ(toHalf(-2.0f), 0xC000);
+  EXPECT_EQ(toHalf(0.0f), 0x0000);
+  EXPECT_EQ(toHalf(-0.0f), 0x8000);
+  EXPECT_EQ(toHalf(65519.0f), 0x7BFF);
+  EXPECT_EQ(toHalf(65520.0f), 0x7C00);
+  EXPECT_EQ(toHalf(std::ldexp(1.0f, -24)), 0x0001);      // smallest subnormal
+  EXPECT_EQ(toHalf(std::ldexp(1.0f, -25)), 0x0000);      // tie to even: down to zero
+  EXPECT_EQ(toHalf(std::ldexp(1.5f, -24)), 0x0002);      // tie to even: up
+  EXPECT_EQ(toHalf(1.0f + std::ldexp(1.0f, -11)), 0x3C00);  // halfway, even stays
+  EXPECT_EQ(toHalf(1.0f + 3 * std::ldexp(1.0f, -11)), 0x3C02);
+  EXPECT_EQ(toHalf(std::nanf("")) & 0x7C00, 0x7C00);
+  EXPECT_NE(toHalf(std::nanf("")) & 0x03FF, 0);
+}
+
+TEST(Forge, CanonicalBundleHasEveryMemberAtItsSize) {
+  Params p = small();
+  p.drive = DriveMedia::Both;
+  p.fsRed = true;
+  const std::string dir = scratch("canonical");
+  const Result r = forgeBundle(dir, p);
+  const size_t nt = p.nt, c2 = static_cast<size_t>(p.crop) * p.crop, fr = p.frames;
+  const std::pair<const char*, size_t> sizes[] = {
+      {"P.f16", nt * 6 * c2},       {"pooled64.f16", nt * 131072}, {"fs_red.f16", nt * 524288},
+      {"M.f32", nt * 24},           {"mask_512.u8", c2},           {"xs_target.bin", nt * 252},
+      {"drive/xs.f32", fr * 252},   {"drive/xd.f32", fr * 252},    {"drive/si.i32", fr * 4},
+  };
+  for (const auto& [name, size] : sizes) {
+    ASSERT_TRUE(fs::exists(dir + "/" + name)) << name;
+    EXPECT_EQ(fs::file_size(dir + "/" + name), size) << name;
+  }
+  for (int i = 0; i < p.nt; ++i) {
+    char f[64];
+    std::snprintf(f, sizeof f, "/target_frames/frame_%06d.jpg", i);
+    const Decoded still = decode(dir + f);
+    EXPECT_EQ(still.width, p.width) << f;
+    EXPECT_EQ(still.height, p.height) << f;
+  }
+  EXPECT_FALSE(fs::exists(dir + "/target_frames/frame_000005.jpg"));
+  EXPECT_EQ(r.members.size(), 11u + p.nt);
+
+  const std::string m = text(dir + "/manifest.json");
+  for (const char* key : {"\"format\": \"le-bundle-v0\"", "\"agent\": \"forge-face\"", "\"NT\": 5", "\"W\": 96",
+                          "\"H\": 64", "\"crop\": 48", "\"M_src_w\": 96", "\"M_src_h\": 64", "\"amount\": 1.3",
+                          "\"sigma\": 2", "\"ksize\": 13", "\"frames\": 9"})
+    EXPECT_NE(m.find(key), std::string::npos) << key << " in\n" << m;
+  EXPECT_EQ(m.find("P_hevc"), std::string::npos);
+
+  // the idle track: ping-pong over the sources, rows agree with the keypoint functions
+  const auto si = table<int32_t>(dir + "/drive/si.i32");
+  EXPECT_EQ(si, (std::vector<int32_t>{0, 1, 2, 3, 4, 3, 2, 1, 0}));
+  const auto xs = table<float>(dir + "/drive/xs.f32");
+  const auto xd = table<float>(dir + "/drive/xd.f32");
+  const auto xt = table<float>(dir + "/xs_target.bin");
+  for (int i = 0; i < p.frames; ++i) {
+    EXPECT_EQ(std::memcmp(&xs[63 * i], &xt[63 * si[i]], 252), 0) << i;
+    EXPECT_EQ(std::memcmp(&xd[63 * i], drivenKeypoints(p, i).data(), 252), 0) << i;
+  }
+  EXPECT_NE(std::memcmp(&xs[63], &xd[63], 252), 0) << "driven and source keypoints should differ";
+
+  // another call with the same directory refuses unless asked to replace
+  try {
+    forgeBundle(dir, p);
+    FAIL() << "a non-empty directory was overwritten";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()), "forge: " + dir + " exists and is not empty");
+  }
+  p.replace = true;
+  p.drive = DriveMedia::Stills;
+  p.fsRed = false;
+  forgeBundle(dir, p);
+  EXPECT_FALSE(fs::exists(dir + "/fs_red.f16"));
+  EXPECT_FALSE(fs::exists(dir + "/target_frames.mp4"));
+}
+
+TEST(Forge, AlternativeNamesAndManifestSpellings) {
+  Params p = small();
+  p.alternativeNames = true;
+  p.frameCountKey = true;
+  p.cropSizeKey = true;
+  p.longStampKeys = true;
+  p.stamp = Stamp::Other;  // half the width
+  p.prior = Prior::FsRedOnly;
+  p.manifestExtra = {{"note", "\"forged\""}};
+  const std::string dir = scratch("alternative");
+  forgeBundle(dir, p);
+  for (const char* name : {"source_frames.f16", "P.f16", "pooled64.f16", "M.f32", "mask_512.u8", "xs_target.bin",
+                           "fs_red.f16", "drive"})
+    EXPECT_FALSE(fs::exists(dir + "/" + name)) << name;
+  for (const char* name : {"pooled_features.f16", "feature_synth.f16", "paste_transform.f32", "paste_mask.u8",
+                           "target_keypoints.bin", "idle_loop/source_keypoints.f32", "idle_loop/driven_keypoints.f32",
+                           "idle_loop/source_index.i32"})
+    EXPECT_TRUE(fs::exists(dir + "/" + name)) << name;
+  const std::string m = text(dir + "/manifest.json");
+  for (const char* key : {"\"frame_count\": 5", "\"crop_size\": 48", "\"paste_source_width\": 48",
+                          "\"paste_source_height\": 64", "\"note\": \"forged\""})
+    EXPECT_NE(m.find(key), std::string::npos) << key << " in\n" << m;
+  for (const char* key : {"\"NT\"", "\"crop\"", "M_src"}) EXPECT_EQ(m.find(key), std::string::npos) << key;
+
+  // M.f32 is authored on the 48x64 canvas: scaling back to 96x64 gives the frame transform
+  const auto M = table<float>(dir + "/paste_transform.f32");
+  ASSERT_EQ(M.size(), 30u);
+  for (int si = 0; si < p.nt; ++si) {
+    const auto want = pasteTransform(p, si);
+    for (int k = 0; k < 6; ++k) EXPECT_NEAR(M[6 * si + k] * (k < 3 ? 2.0 : 1.0), want[k], 1e-4 * (1 + std::fabs(want[k])));
+  }
+
+  p.stamp = Stamp::None;
+  p.replace = true;
+  forgeBundle(dir, p);
+  EXPECT_EQ(text(dir + "/manifest.json").find("paste_source"), std::string::npos);
+}
+
+TEST(Forge, SameParametersSameBytes) {
+  Params p = small();
+  p.drive = DriveMedia::Both;
+  p.prior = Prior::Hevc;
+  const std::string a = scratch("same_a"), b = scratch("same_b");
+  const Result ra = forgeBundle(a, p);
+  const Result rb = forgeBundle(b, p);
+  ASSERT_EQ(ra.members, rb.members);
+  for (const std::string& m : ra.members) EXPECT_EQ(slurp(a + "/" + m), slurp(b + "/" + m)) << m;
+  // and another seed draws another picture
+  p.seed = 2;
+  EXPECT_NE(cropImage(p, 0), cropImage(small(), 0));
+}
+
+TEST(Forge, MoviesDecodeAsTheEngineExpects) {
+  Params p = small();
+  p.drive = DriveMedia::Movie;
+  p.prior = Prior::Hevc;
+  const std::string dir = scratch("movies");
+  forgeBundle(dir, p);
+  EXPECT_NE(text(dir + "/manifest.json").find("\"P_hevc\": \"P_hevc.mov\""), std::string::npos);
+  EXPECT_FALSE(fs::exists(dir + "/target_frames"));
+
+  const Decoded drive = decode(dir + "/target_frames.mp4");
+  EXPECT_EQ(drive.codec, "h264");
+  EXPECT_EQ(drive.pixfmt, "yuv420p");
+  EXPECT_EQ(drive.width, p.width);
+  EXPECT_EQ(drive.height, p.height);
+  EXPECT_EQ(drive.frames, p.nt);
+  EXPECT_EQ(drive.declared, p.nt);
+  EXPECT_LT(meanAbsDiff(drive.rgb0, driveFrame(p, 0)), 4.0);
+
+  const Decoded prior = decode(dir + "/P_hevc.mov");
+  EXPECT_EQ(prior.codec, "hevc");
+  EXPECT_EQ(prior.pixfmt, "yuv444p");
+  EXPECT_EQ(prior.width, p.crop);
+  EXPECT_EQ(prior.height, p.crop);
+  EXPECT_EQ(prior.frames, p.nt);
+  EXPECT_LT(meanAbsDiff(prior.rgb0, cropImage(p, 0)), 2.0);
+}
+
+TEST(Forge, BrokenMoviesAndStills) {
+  Params p = small();
+  p.drive = DriveMedia::Both;
+  p.prior = Prior::Hevc;
+  p.breaks = {Break::ShortMovie, Break::PriorYuv420, Break::StillWrongSize, Break::NoLastStill};
+  const std::string dir = scratch("broken_media");
+  forgeBundle(dir, p);
+  EXPECT_EQ(decode(dir + "/target_frames.mp4").frames, p.nt - 1);
+  EXPECT_EQ(decode(dir + "/P_hevc.mov").pixfmt, "yuv420p");
+  EXPECT_EQ(decode(dir + "/target_frames/frame_000003.jpg").width, p.width - 1);
+  EXPECT_EQ(decode(dir + "/target_frames/frame_000002.jpg").width, p.width);
+  EXPECT_FALSE(fs::exists(dir + "/target_frames/frame_000004.jpg"));
+
+  p.breaks = {Break::MovieWrongSize, Break::PriorWrongSize, Break::PriorShortMovie};
+  p.replace = true;
+  forgeBundle(dir, p);
+  EXPECT_EQ(decode(dir + "/target_frames.mp4").width, p.width - 2);
+  const Decoded prior = decode(dir + "/P_hevc.mov");
+  EXPECT_EQ(prior.width, p.crop - 2);
+  EXPECT_EQ(prior.frames, p.nt - 1);
+
+  p.breaks = {Break::MovieYuv422, Break::NoPriorMovie};
+  forgeBundle(dir, p);
+  EXPECT_EQ(decode(dir + "/target_frames.mp4").pixfmt, "yuv422p");
+  EXPECT_FALSE(fs::exists(dir + "/P_hevc.mov"));
+  EXPECT_NE(text(dir + "/manifest.json").find("\"P_hevc\""), std::string::npos);
+}
+
+TEST(Forge, BrokenTablesAndManifests) {
+  Params p = small();
+  p.breaks = {Break::ShortPooled, Break::ShortPrior, Break::ShortM,       Break::ShortMask,
+              Break::ShortXs,     Break::ShortSi,    Break::SiOutOfRange, Break::ManifestDuplicateW};
+  const std::string dir = scratch("broken_tables");
+  forgeBundle(dir, p);
+  EXPECT_EQ(fs::file_size(dir + "/pooled64.f16"), p.nt * 131072u - 1);
+  EXPECT_EQ(fs::file_size(dir + "/P.f16"), p.nt * 6u * p.crop * p.crop - 1);
+  EXPECT_EQ(fs::file_size(dir + "/M.f32"), p.nt * 24u - 1);
+  EXPECT_EQ(fs::file_size(dir + "/mask_512.u8"), static_cast<size_t>(p.crop) * p.crop - 1);
+  EXPECT_EQ(fs::file_size(dir + "/drive/xs.f32"), p.frames * 252u - 1);
+  EXPECT_EQ(fs::file_size(dir + "/drive/xd.f32"), p.frames * 252u);
+  const auto si = slurp(dir + "/drive/si.i32");
+  ASSERT_EQ(si.size(), p.frames * 4u - 1);
+  int32_t last7 = 0;  // the out-of-range entry is the last whole one left before the cut byte
+  std::memcpy(&last7, &si[4 * (p.frames - 2)], 4);
+  EXPECT_EQ(last7, 1);
+  const std::string m = text(dir + "/manifest.json");
+  EXPECT_NE(m.find("\"W\": 96"), m.rfind("\"W\": 96"));
+
+  p.breaks = {Break::SiOutOfRange, Break::LongPooled, Break::LongMask, Break::ManifestBadFormat,
+              Break::ManifestNoAgent, Break::ManifestZeroDims, Break::ManifestNoNT};
+  p.replace = true;
+  forgeBundle(dir, p);
+  EXPECT_EQ(table<int32_t>(dir + "/drive/si.i32").back(), p.nt);
+  EXPECT_EQ(fs::file_size(dir + "/pooled64.f16"), p.nt * 131072u + 1);
+  EXPECT_EQ(fs::file_size(dir + "/mask_512.u8"), static_cast<size_t>(p.crop) * p.crop + 1);
+  const std::string bad = text(dir + "/manifest.json");
+  EXPECT_NE(bad.find("\"le-bundle-v1\""), std::string::npos);
+  EXPECT_EQ(bad.find("agent"), std::string::npos);
+  EXPECT_NE(bad.find("\"W\": 0"), std::string::npos);
+  EXPECT_EQ(bad.find("\"NT\""), std::string::npos);
+
+  p.breaks = {Break::NoManifest, Break::NoPooled, Break::NoM, Break::NoMask, Break::NoDriveTrack, Break::NoXsTarget};
+  forgeBundle(dir, p);
+  for (const char* name : {"manifest.json", "pooled64.f16", "M.f32", "mask_512.u8", "drive", "xs_target.bin"})
+    EXPECT_FALSE(fs::exists(dir + "/" + name)) << name;
+  EXPECT_TRUE(fs::exists(dir + "/P.f16"));
+
+  for (const auto& [name, b] : breakNames()) EXPECT_EQ(std::string(name).find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ_ "), std::string::npos) << name;
+}
+
+TEST(Forge, PicturesAgreeWithGeometry) {
+  Params p = small();
+  p.nt = 8;
+  p.width = 320;
+  p.height = 240;
+  p.crop = 160;
+  const int n = p.crop;
+  for (int si : {0, 2, 5}) {
+    const auto crop = cropImage(p, si);
+    const auto frame = driveFrame(p, si);
+    const auto M = pasteTransform(p, si);
+    // the crop is what M places into the drive frame
+    double diff = 0;
+    int count = 0;
+    for (int v = n / 4; v < 3 * n / 4; v += 3)
+      for (int u = n / 4; u < 3 * n / 4; u += 3) {
+        const int X = static_cast<int>(std::lround(M[0] * u + M[1] * v + M[2]));
+        const int Y = static_cast<int>(std::lround(M[3] * u + M[4] * v + M[5]));
+        ASSERT_TRUE(X >= 0 && X < p.width && Y >= 0 && Y < p.height);
+        for (int k = 0; k < 3; ++k) diff += std::abs(int(crop[(v * n + u) * 3 + k]) - int(frame[(Y * p.width + X) * 3 + k]));
+        count += 3;
+      }
+    EXPECT_LT(diff / count, 12.0) << si;
+
+    // keypoints sit on the drawn face: lips are red between the lip rows, eyes light, all inside [-1, 1]
+    const auto kp = keypoints(p, si);
+    ASSERT_EQ(kp.size(), 63u);
+    for (int k = 0; k < 21; ++k) {
+      EXPECT_LE(std::fabs(kp[3 * k]), 1.0f) << k;
+      EXPECT_LE(std::fabs(kp[3 * k + 1]), 1.0f) << k;
+    }
+    auto at = [&](float x, float y) {
+      const int u = static_cast<int>(std::lround((x + 1) * 0.5f * (n - 1)));
+      const int v = static_cast<int>(std::lround((y + 1) * 0.5f * (n - 1)));
+      return &crop[(static_cast<size_t>(v) * n + u) * 3];
+    };
+    auto mid = [&](int a, int b) { return at(0.5f * (kp[3 * a] + kp[3 * b]), 0.5f * (kp[3 * a + 1] + kp[3 * b + 1])); };
+    for (auto [a, b] : {std::pair{6, 19}, std::pair{12, 20}}) {
+      const uint8_t* c = mid(a, b);
+      EXPECT_GT(int(c[0]), int(c[1]) + 60) << "lip between rows " << a << " and " << b << " at frame " << si;
+    }
+    EXPECT_GT(kp[3 * 18] - kp[3 * 17], 0.3f);                 // mouth corners apart
+    EXPECT_LT(kp[3 * 19 + 1], kp[3 * 20 + 1]);                // upper inner lip above the lower
+    EXPECT_LT(kp[3 * 6 + 1], kp[3 * 14 + 1]);
+    EXPECT_GT(kp[3 * 12 + 1], kp[3 * 14 + 1]);
+    const uint8_t* eye = at(0.8f * kp[3 * 3] + 0.2f * kp[3 * 4], 0.8f * kp[3 * 3 + 1] + 0.2f * kp[3 * 4 + 1]);
+    EXPECT_GT(int(eye[0]) + eye[1] + eye[2], 3 * 150) << "left eye white at frame " << si;
+  }
+  // the sway moves M and the face from frame to frame
+  EXPECT_NE(pasteTransform(p, 0)[2], pasteTransform(p, 2)[2]);
+  EXPECT_NE(keypoints(p, 0), keypoints(p, 2));
+
+  // a soft face ellipse: opaque in the middle, clear in the corners, graded in between
+  const auto mask = pasteMask(p);
+  ASSERT_EQ(mask.size(), static_cast<size_t>(n) * n);
+  EXPECT_EQ(mask[(n / 2) * n + n / 2], 255);
+  EXPECT_EQ(mask[0], 0);
+  EXPECT_EQ(mask[n * n - 1], 0);
+  int soft = 0;
+  for (int u = 0; u < n; ++u) soft += mask[(n / 2) * n + u] > 0 && mask[(n / 2) * n + u] < 255;
+  EXPECT_GE(soft, 4);
+}
+
+TEST(Forge, RefusesBadGeometryAndMovieSizes) {
+  Params p = small();
+  p.crop = 1;
+  EXPECT_THROW(forgeBundle(scratch("bad_geom"), p), std::runtime_error);
+  p = small();
+  p.width = 95;
+  p.drive = DriveMedia::Movie;
+  try {
+    forgeBundle(scratch("odd_movie"), p);
+    FAIL() << "an odd-width 4:2:0 movie was written";
+  } catch (const std::runtime_error& e) {
+    EXPECT_NE(std::string(e.what()).find("needs an even size, got 95x64"), std::string::npos) << e.what();
+  }
+  MovieSpec spec;
+  spec.encoder = "no-such-encoder";
+  spec.width = spec.height = 16;
+  EXPECT_THROW(MovieWriter(scratch("x.mp4"), spec), std::runtime_error);
+}

@@ -1,0 +1,204 @@
+#include "tools/forge/forge_movie.h"
+
+#include <stdexcept>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/opt.h>
+}
+
+namespace le::forge {
+namespace {
+
+std::string avText(int code) {
+  char buf[AV_ERROR_MAX_STRING_SIZE] = {0};
+  av_strerror(code, buf, sizeof buf);
+  return buf;
+}
+
+inline uint8_t clamp8(int v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
+
+// BT.601 limited range, 8-bit integer form.
+inline uint8_t lumaOf(int r, int g, int b) { return clamp8(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16); }
+inline uint8_t cbOf(int r, int g, int b) { return clamp8(((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128); }
+inline uint8_t crOf(int r, int g, int b) { return clamp8(((112 * r - 94 * g - 18 * b + 128) >> 8) + 128); }
+
+}  // namespace
+
+struct MovieWriter::Impl {
+  MovieSpec spec;
+  std::string path;
+  AVFormatContext* fmt = nullptr;
+  AVCodecContext* enc = nullptr;
+  AVStream* stream = nullptr;
+  AVFrame* frame = nullptr;
+  AVPacket* pkt = nullptr;
+  int64_t pts = 0;
+  bool headerWritten = false;
+  bool finished = false;
+
+  ~Impl() {
+    av_frame_free(&frame);
+    av_packet_free(&pkt);
+    avcodec_free_context(&enc);
+    if (fmt) {
+      if (!(fmt->oformat->flags & AVFMT_NOFILE)) avio_closep(&fmt->pb);
+      avformat_free_context(fmt);
+    }
+  }
+
+  [[noreturn]] void fail(const std::string& what) { throw std::runtime_error(path + ": " + what); }
+
+  void drain(const AVFrame* f) {
+    int rc = avcodec_send_frame(enc, f);
+    if (rc < 0) fail("encoder refused a frame (" + avText(rc) + ")");
+    for (;;) {
+      rc = avcodec_receive_packet(enc, pkt);
+      if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return;
+      if (rc < 0) fail("encode failed (" + avText(rc) + ")");
+      // Every frame lasts one tick; without it the muxer's edit list drops the last frame.
+      if (pkt->duration <= 0) pkt->duration = 1;
+      av_packet_rescale_ts(pkt, enc->time_base, stream->time_base);
+      pkt->stream_index = stream->index;
+      rc = av_interleaved_write_frame(fmt, pkt);
+      if (rc < 0) fail("write failed (" + avText(rc) + ")");
+    }
+  }
+
+  void convert(const uint8_t* rgb) {
+    const int W = spec.width, H = spec.height;
+    for (int y = 0; y < H; ++y) {
+      const uint8_t* s = rgb + static_cast<size_t>(y) * W * 3;
+      uint8_t* dy = frame->data[0] + static_cast<size_t>(y) * frame->linesize[0];
+      for (int x = 0; x < W; ++x) dy[x] = lumaOf(s[3 * x], s[3 * x + 1], s[3 * x + 2]);
+    }
+    // Chroma from the mean colour of the block each sample covers.
+    const int sx = spec.chroma == Chroma::Yuv444 ? 1 : 2;
+    const int sy = spec.chroma == Chroma::Yuv420 ? 2 : 1;
+    const int cw = (W + sx - 1) / sx, ch = (H + sy - 1) / sy;
+    for (int cy = 0; cy < ch; ++cy) {
+      uint8_t* du = frame->data[1] + static_cast<size_t>(cy) * frame->linesize[1];
+      uint8_t* dv = frame->data[2] + static_cast<size_t>(cy) * frame->linesize[2];
+      for (int cx = 0; cx < cw; ++cx) {
+        int r = 0, g = 0, b = 0, n = 0;
+        for (int j = 0; j < sy; ++j) {
+          const int y = cy * sy + j < H ? cy * sy + j : H - 1;
+          for (int i = 0; i < sx; ++i) {
+            const int x = cx * sx + i < W ? cx * sx + i : W - 1;
+            const uint8_t* p = rgb + (static_cast<size_t>(y) * W + x) * 3;
+            r += p[0], g += p[1], b += p[2], ++n;
+          }
+        }
+        r = (r + n / 2) / n, g = (g + n / 2) / n, b = (b + n / 2) / n;
+        du[cx] = cbOf(r, g, b);
+        dv[cx] = crOf(r, g, b);
+      }
+    }
+  }
+};
+
+MovieWriter::MovieWriter(const std::string& path, const MovieSpec& spec) : impl_(std::make_unique<Impl>()) {
+  Impl& m = *impl_;
+  m.spec = spec;
+  m.path = path;
+  if (spec.width < 1 || spec.height < 1) m.fail("bad movie size");
+  if (spec.chroma != Chroma::Yuv444 && (spec.width % 2 || (spec.chroma == Chroma::Yuv420 && spec.height % 2)))
+    m.fail("a subsampled movie needs an even size, got " + std::to_string(spec.width) + "x" +
+           std::to_string(spec.height));
+  if (avformat_alloc_output_context2(&m.fmt, nullptr, nullptr, path.c_str()) < 0 || !m.fmt)
+    m.fail("no container format for this file name");
+  const AVCodec* codec = avcodec_find_encoder_by_name(spec.encoder.c_str());
+  if (!codec) m.fail("encoder " + spec.encoder + " is not available in this FFmpeg");
+  m.stream = avformat_new_stream(m.fmt, nullptr);
+  m.enc = avcodec_alloc_context3(codec);
+  m.frame = av_frame_alloc();
+  m.pkt = av_packet_alloc();
+  if (!m.stream || !m.enc || !m.frame || !m.pkt) m.fail("out of memory");
+
+  const AVPixelFormat pix = spec.chroma == Chroma::Yuv420   ? AV_PIX_FMT_YUV420P
+                            : spec.chroma == Chroma::Yuv422 ? AV_PIX_FMT_YUV422P
+                                                            : AV_PIX_FMT_YUV444P;
+  AVCodecContext* e = m.enc;
+  e->width = spec.width;
+  e->height = spec.height;
+  e->pix_fmt = pix;
+  e->time_base = AVRational{1, spec.fps};
+  e->framerate = AVRational{spec.fps, 1};
+  e->gop_size = spec.fps;
+  e->thread_count = spec.threads;
+  e->color_range = AVCOL_RANGE_MPEG;
+  e->colorspace = AVCOL_SPC_SMPTE170M;
+  e->color_primaries = AVCOL_PRI_SMPTE170M;
+  e->color_trc = AVCOL_TRC_SMPTE170M;
+  e->flags |= AV_CODEC_FLAG_BITEXACT;
+  if (m.fmt->oformat->flags & AVFMT_GLOBALHEADER) e->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+
+  AVDictionary* opts = nullptr;
+  av_dict_set(&opts, "preset", spec.preset.c_str(), 0);
+  if (spec.qp >= 0)
+    av_dict_set_int(&opts, "qp", spec.qp, 0);
+  else
+    av_dict_set_int(&opts, "crf", spec.crf, 0);
+  if (spec.encoder == "libx264") av_dict_set(&opts, "x264-params", "log=0", 0);
+  if (spec.encoder == "libx265") {
+    std::string x265 = "log-level=error:info=0";
+    if (spec.threads == 1) x265 += ":pools=none:frame-threads=1:wpp=0:lookahead-slices=0";
+    av_dict_set(&opts, "x265-params", x265.c_str(), 0);
+  }
+  const int rc = avcodec_open2(e, codec, &opts);
+  av_dict_free(&opts);
+  if (rc < 0) m.fail("cannot open encoder " + spec.encoder + " (" + avText(rc) + ")");
+  if (avcodec_parameters_from_context(m.stream->codecpar, e) < 0) m.fail("cannot copy encoder parameters");
+  m.stream->time_base = e->time_base;
+
+  m.frame->format = pix;
+  m.frame->width = spec.width;
+  m.frame->height = spec.height;
+  if (av_frame_get_buffer(m.frame, 0) < 0) m.fail("out of memory");
+
+  m.fmt->flags |= AVFMT_FLAG_BITEXACT;
+  if (!(m.fmt->oformat->flags & AVFMT_NOFILE)) {
+    const int orc = avio_open(&m.fmt->pb, path.c_str(), AVIO_FLAG_WRITE);
+    if (orc < 0) m.fail("cannot open for writing (" + avText(orc) + ")");
+  }
+  const int hrc = avformat_write_header(m.fmt, nullptr);
+  if (hrc < 0) m.fail("cannot write the container header (" + avText(hrc) + ")");
+  m.headerWritten = true;
+}
+
+MovieWriter::~MovieWriter() {
+  if (impl_ && impl_->headerWritten && !impl_->finished) {
+    try {
+      finish();
+    } catch (...) {
+      // a destructor cannot report; callers who care call finish()
+    }
+  }
+}
+
+void MovieWriter::write(const uint8_t* rgb) {
+  Impl& m = *impl_;
+  if (m.finished) m.fail("frame after finish");
+  if (av_frame_make_writable(m.frame) < 0) m.fail("out of memory");
+  m.convert(rgb);
+  m.frame->pts = m.pts++;
+  m.drain(m.frame);
+}
+
+void MovieWriter::finish() {
+  Impl& m = *impl_;
+  if (m.finished) return;
+  m.finished = true;
+  m.drain(nullptr);
+  const int rc = av_write_trailer(m.fmt);
+  if (rc < 0) m.fail("cannot write the container trailer (" + avText(rc) + ")");
+  if (!(m.fmt->oformat->flags & AVFMT_NOFILE)) {
+    if (avio_closep(&m.fmt->pb) < 0) m.fail("close failed");
+  }
+}
+
+int MovieWriter::frames() const { return static_cast<int>(impl_->pts); }
+
+}  // namespace le::forge

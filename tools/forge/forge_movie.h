@@ -1,0 +1,45 @@
+// Movie encoding through libavcodec/libavformat: the forge's drive movie and video prior and
+// the le tool's output. With threads = 1 the bytes are the same on every run.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace le::forge {
+
+enum class Chroma { Yuv420, Yuv422, Yuv444 };
+
+struct MovieSpec {
+  std::string encoder = "libx264";  // or "libx265"
+  Chroma chroma = Chroma::Yuv420;
+  int width = 0, height = 0;
+  int fps = 25;
+  int crf = 18;        // quality (libx264 crf); used when qp < 0
+  int qp = -1;         // constant quantiser when >= 0
+  int threads = 1;     // 1 keeps the output deterministic
+  std::string preset = "veryfast";
+};
+
+// Writes one video stream into the container chosen by the file name (.mp4, .mov, ...).
+// Frames arrive as packed RGB and are converted with BT.601 limited range, the matrix the
+// engine decodes with. Throws std::runtime_error with a one-line reason.
+class MovieWriter {
+ public:
+  MovieWriter(const std::string& path, const MovieSpec& spec);
+  ~MovieWriter();
+  MovieWriter(const MovieWriter&) = delete;
+  MovieWriter& operator=(const MovieWriter&) = delete;
+
+  // One frame of width×height×3 bytes.
+  void write(const uint8_t* rgb);
+  // Drains the encoder and writes the trailer; the destructor does it when not called.
+  void finish();
+  int frames() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace le::forge

@@ -1,0 +1,72 @@
+// le: the command-line host of the engine.
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "tools/le/le_cli.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+namespace {
+
+struct Command {
+  const char* name;
+  int (*run)(const std::vector<std::string>&);
+  const char* summary;
+};
+
+const Command kCommands[] = {
+    {"forge", le::cli::cmdForge, "write a bundle of a drawn stylised face"},
+};
+
+void usage(FILE* out) {
+  std::fprintf(out,
+               "usage: le COMMAND [ARGS]\n"
+               "\n"
+               "commands:\n");
+  for (const Command& c : kCommands) std::fprintf(out, "  %-8s %s\n", c.name, c.summary);
+  std::fprintf(out, "\n'le COMMAND --help' describes a command.\n");
+}
+
+// Errors are one line: the engine's messages stay whole, line breaks become blanks.
+std::string oneLine(std::string s) {
+  for (char& ch : s)
+    if (ch == '\n' || ch == '\r') ch = ' ';
+  while (!s.empty() && s.back() == ' ') s.pop_back();
+  return s;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    usage(stderr);
+    return le::cli::kUsage;
+  }
+  // Encoder chatter would bury the tool's own lines; FFmpeg errors still show.
+  av_log_set_level(AV_LOG_ERROR);
+  const std::string cmd = argv[1];
+  if (cmd == "--help" || cmd == "-h" || cmd == "help") {
+    usage(stdout);
+    return le::cli::kOk;
+  }
+  for (const Command& c : kCommands) {
+    if (cmd != c.name) continue;
+    const std::vector<std::string> args(argv + 2, argv + argc);
+    try {
+      return c.run(args);
+    } catch (const le::cli::UsageError& e) {
+      std::fprintf(stderr, "le %s: %s (see 'le %s --help')\n", c.name, oneLine(e.what()).c_str(), c.name);
+      return le::cli::kUsage;
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "le %s: %s\n", c.name, oneLine(e.what()).c_str());
+      return le::cli::kFailed;
+    }
+  }
+  std::fprintf(stderr, "le: unknown command '%s' (see 'le --help')\n", cmd.c_str());
+  return le::cli::kUsage;
+}
