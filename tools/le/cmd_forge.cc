@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "tools/forge/forge.h"
+#include "tools/forge/imx_pack.h"
 #include "tools/le/le_cli.h"
 
 namespace le::cli {
@@ -36,6 +37,7 @@ const char kHelp[] =
     "  --seed N            picture seed (default 1)\n"
     "  --break NAME        write a deliberately broken bundle; repeatable; --break list\n"
     "                      prints the names\n"
+    "  --imx               also pack the bundle into the container DIR.imx\n"
     "  --force             replace DIR when it exists and is not empty\n"
     "  --quiet             no progress on standard error\n";
 
@@ -69,7 +71,7 @@ void unsharpOf(const std::string& s, forge::Params& p) {
 
 int cmdForge(const std::vector<std::string>& argv) {
   using namespace le::forge;
-  const Args args(argv, {"fs-red", "alt-names", "frame-count-key", "crop-size-key", "long-stamp-keys", "force", "quiet"},
+  const Args args(argv, {"fs-red", "alt-names", "frame-count-key", "crop-size-key", "long-stamp-keys", "imx", "force", "quiet"},
                   {"nt", "frames", "size", "crop", "prior", "drive", "stamp", "unsharp", "seed", "break"});
   if (args.help()) {
     std::fputs(kHelp, stdout);
@@ -136,6 +138,12 @@ int cmdForge(const std::vector<std::string>& argv) {
   }
   const forge::Result r = forgeBundle(dir, p);
   if (bar) bar->finish();
+  if (args.flag("imx")) {
+    std::string stem = dir;
+    while (stem.size() > 1 && stem.back() == '/') stem.pop_back();
+    const size_t n = forge::packImx(dir, stem + ".imx");
+    if (!quiet) std::fprintf(stderr, "packed %zu members into %s.imx\n", n, stem.c_str());
+  }
   if (!quiet) std::fprintf(stderr, "forged %s: %zu members, NT %d, %dx%d, crop %d, %d drive frames\n", dir.c_str(), r.members.size(), p.nt, p.width, p.height, p.crop, p.frames);
   return kOk;
 }

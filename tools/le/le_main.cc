@@ -21,6 +21,8 @@ struct Command {
 
 const Command kCommands[] = {
     {"forge", le::cli::cmdForge, "write a bundle of a drawn stylised face"},
+    {"info", le::cli::cmdInfo, "what the engine sees in a bundle"},
+    {"pack", le::cli::cmdPack, "pack a bundle directory into a container"},
 };
 
 void usage(FILE* out) {
