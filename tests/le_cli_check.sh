@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# The le tool as a user meets it: exit codes 0/1/2, --help everywhere, one-line errors.
+#   le_cli_check.sh LE_BINARY SCRATCH_DIR
+set -u
+le="$1"
+tmp="$2"
+rm -rf "$tmp" && mkdir -p "$tmp"
+fails=0
+
+# expect CODE DESCRIPTION -- command...   (stdout/stderr land in $tmp/out, $tmp/err)
+expect() {
+  local want="$1" what="$2"
+  shift 3
+  "$@" >"$tmp/out" 2>"$tmp/err"
+  local got=$?
+  if [ "$got" != "$want" ]; then
+    echo "FAIL: $what: exit $got, wanted $want"; sed 's/^/  stderr: /' "$tmp/err"; fails=$((fails + 1))
+  fi
+}
+# the last command's stderr is one line starting with PREFIX and containing TEXT
+one_line_error() {
+  local prefix="$1" text="$2"
+  if [ "$(wc -l <"$tmp/err")" != 1 ] || ! head -c "${#prefix}" "$tmp/err" | grep -qF "$prefix" || ! grep -qF -- "$text" "$tmp/err"; then
+    echo "FAIL: wanted one line '$prefix...$text...' on stderr, got:"; sed 's/^/  /' "$tmp/err"; fails=$((fails + 1))
+  fi
+}
+stdout_has() {
+  if ! grep -qF -- "$1" "$tmp/out"; then echo "FAIL: stdout lacks '$1'"; sed 's/^/  /' "$tmp/out"; fails=$((fails + 1)); fi
+}
+
+expect 2 "no command" -- "$le"
+expect 2 "unknown command" -- "$le" frobnicate
+one_line_error "le: " "unknown command 'frobnicate'"
+expect 0 "top-level help" -- "$le" --help
+stdout_has "forge"
+for cmd in forge info pack paste; do
+  if grep -q "^  $cmd " "$tmp/out"; then
+    expect 0 "$cmd --help" -- "$le" "$cmd" --help
+    stdout_has "usage: le $cmd"
+  fi
+done
+
+small=(--nt 4 --frames 6 --size 96x64 --crop 48 --quiet)
+expect 2 "forge without a directory" -- "$le" forge "${small[@]}"
+one_line_error "le forge: " "wants exactly one bundle directory"
+expect 2 "forge with a bad number" -- "$le" forge "$tmp/b" --nt zero
+one_line_error "le forge: " "--nt wants an integer"
+expect 2 "forge with an unknown option" -- "$le" forge "$tmp/b" --colour red
+one_line_error "le forge: " "unknown option --colour"
+expect 2 "forge with an unknown break" -- "$le" forge "$tmp/b" --break nonsense
+one_line_error "le forge: " "unknown break 'nonsense'"
+expect 0 "forge --break list" -- "$le" forge --break list
+stdout_has "short-pooled"
+
+expect 0 "forge a bundle" -- "$le" forge "$tmp/b" "${small[@]}" --imx
+[ -f "$tmp/b/manifest.json" ] && [ -f "$tmp/b.imx" ] || { echo "FAIL: forge wrote no bundle or container"; fails=$((fails + 1)); }
+expect 1 "forge into a non-empty directory" -- "$le" forge "$tmp/b" "${small[@]}"
+one_line_error "le forge: " "exists and is not empty"
+expect 0 "forge --force" -- "$le" forge "$tmp/b" "${small[@]}" --force
+
+expect 0 "info on a good bundle" -- "$le" info "$tmp/b"
+stdout_has "NT        4 source frames"
+stdout_has "pooled64.f16"
+expect 0 "pack" -- "$le" pack "$tmp/b" "$tmp/c.imx" --quiet
+expect 0 "info on a container" -- "$le" info "$tmp/c.imx"
+stdout_has "(unwrapped container)"
+expect 1 "pack a missing directory" -- "$le" pack "$tmp/nothing" "$tmp/x.imx"
+one_line_error "le pack: " "is not a directory"
+expect 2 "pack with one argument" -- "$le" pack "$tmp/b"
+
+expect 0 "forge a broken bundle" -- "$le" forge "$tmp/bad" "${small[@]}" --break manifest-duplicate-w
+expect 1 "info refuses an ambiguous manifest" -- "$le" info "$tmp/bad"
+one_line_error "le info: " "is AMBIGUOUS — 2 scalar occurrences"
+stdout_has "REFUSED"
+
+if [ "$fails" != 0 ]; then echo "$fails failure(s)"; exit 1; fi
+echo "le tool: all checks passed"
