@@ -1,0 +1,85 @@
+// The engine's vector kernels: half-precision conversion, video row colour conversion,
+// the Lanczos-8 paste row, a 3x3 convolution and the retrieval distance terms.
+//
+// Each kernel is compiled once per x86 target (SSSE3, SSE4, AVX2, AVX3, AVX3_DL); the entry
+// points below pick the best version for the running processor on first call. Every version
+// computes bit-identical results (same operation order, no fused multiply-add, scalar tails
+// with the same formulas), so callers never see which one ran.
+//
+// Thread rules: all kernels are pure functions of their arguments and may be called from any
+// number of threads at once; conv3x3Range keeps one reusable scratch image per thread.
+// Pointers are read (or written) during the call only; nothing is retained or allocated,
+// except conv3x3Range's thread-local scratch.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "le/le.h"
+
+namespace le {
+
+// Widens n IEEE binary16 values to float, exactly.
+void halfToFloat(const uint16_t* src, float* dst, size_t n);
+
+// Converts one float to binary16 with round-to-nearest-even. Every magnitude >= 65536,
+// infinity and NaN becomes +-infinity (this conversion never yields a NaN).
+uint16_t f32ToF16(float x);
+
+namespace simd {
+
+// dst[i] = binary16(src[i]), round-to-nearest-even (also subnormal), overflow to +-inf,
+// NaN stays a quiet NaN keeping its top mantissa bits.
+void f32ToF16(const float* src, uint16_t* dst, size_t n);
+
+// dst[i] = float(src[i]) exactly; subnormals normalised, a NaN comes back quiet.
+void f16ToF32(const uint16_t* src, float* dst, size_t n);
+
+// out[i] = h(a[i]) * b[i], where h rounds to binary16 and back.
+void roundF16Mul(const float* a, const float* b, float* out, size_t n);
+
+// Interleaved RGB bytes of n pixels -> three binary16 planes (byte / 255), planes
+// plane_stride elements apart.
+void rgb8ToPlanarF16(const uint8_t* rgb, uint16_t* out, size_t plane_stride, size_t n);
+
+// Sum over i in index order of h(h(d_i / 3) * w[i]), d_i the sum of the three absolute
+// half-rounded channel differences of the planar half images a and b (planes n apart).
+float retrieveTermPooled(const uint16_t* a, const uint16_t* b, const uint16_t* w, size_t n);
+
+// Sum over i in [lo, hi), index order, of w[i] * h(d_i / 3), skipping i where w[i] == 0.
+float retrieveTermExactRange(const uint16_t* a, const uint16_t* b, const float* w, size_t n,
+                             size_t lo, size_t hi);
+// retrieveTermExactRange over [0, n).
+float retrieveTermExact(const uint16_t* a, const uint16_t* b, const float* w, size_t n);
+
+// Same-size 3x3 convolution, zero padding, of in [N][Cin][H][W] by weight [Cout][Cin][3][3]
+// plus bias[Cout] into out [N][Cout][H][W], for the (image, output channel) items
+// k = n * Cout + oc with begin <= k < end. Accumulation order: ky, kx, then ci ascending.
+void conv3x3Range(const float* in, int N, int Cin, int H, int W, const float* weight,
+                  const float* bias, int Cout, float* out, int begin, int end);
+
+// One row of limited-range BT.601 4:2:0 video to packed RGB (3 * width bytes). Pixel x uses
+// chroma sample (x >> 1) * chroma_step of u and v: chroma_step 1 for separate planes,
+// 2 for interleaved UV (v = u + 1).
+void yuv420RowToRgb24(const uint8_t* y, const uint8_t* u, const uint8_t* v, int width,
+                      int chroma_step, uint8_t* rgb);
+
+// Blends output pixels x_begin..x_end (inclusive) of one frame row from the interleaved
+// crop src (R, G, B, 0 floats per pixel, crop x crop pixels) under the crop mask, with
+// 32-phase Lanczos-8 (256 floats) and bilinear (64 floats) tables. col_x / col_y hold the
+// fixed-point (10 fractional bits) source offsets of columns x_begin.., row_x / row_y the
+// row start. dst_row is the frame row (pixel x at bytes 3x..3x+2); only blended pixels
+// between x_begin and x_end are written.
+void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const float* lanczos,
+                      const float* bilinear, const int* col_x, const int* col_y, int row_x,
+                      int row_y, int x_begin, int x_end, uint8_t* dst_row);
+
+// Name of the best target the processor supports ("AVX3_DL", "AVX2", ...). Static string.
+LE_API const char* target();
+
+// Bit mask (Highway's target bits) of the targets the kernels were compiled for; tests use
+// it to run every compiled version the processor can execute.
+int64_t compiledTargets();
+
+}  // namespace simd
+}  // namespace le

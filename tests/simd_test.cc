@@ -1,0 +1,579 @@
+// Every vector kernel, on every compiled target this processor runs, against plain scalar
+// references written here from the kernels' formulas, bit for bit.
+#include "le/le_simd.h"
+
+#include <gtest/gtest.h>
+#include <hwy/targets.h>
+#include <immintrin.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+uint32_t bitsOf(float f) {
+  uint32_t u;
+  std::memcpy(&u, &f, 4);
+  return u;
+}
+float fromBits(uint32_t u) {
+  float f;
+  std::memcpy(&f, &u, 4);
+  return f;
+}
+
+// ---- scalar references -------------------------------------------------------------
+
+// binary16 -> float from the definition; a NaN is returned quiet with its payload.
+float refHalfToFloat(uint16_t h) {
+  const bool neg = h & 0x8000;
+  const int e = (h >> 10) & 31;
+  const int m = h & 0x3FF;
+  if (e == 31) {
+    const uint32_t b = (neg ? 0x80000000u : 0u) | 0x7F800000u |
+                       (m ? 0x400000u | (static_cast<uint32_t>(m) << 13) : 0u);
+    return fromBits(b);
+  }
+  const float mag = e == 0 ? std::ldexp(static_cast<float>(m), -24)
+                           : std::ldexp(static_cast<float>(1024 + m), e - 25);
+  return neg ? -mag : mag;
+}
+
+// Nearest-even binary16 by exhaustive neighbour choice over the finite halves.
+uint16_t refFloatToHalf(float x) {
+  const uint32_t b = bitsOf(x);
+  const uint16_t sign = static_cast<uint16_t>((b >> 16) & 0x8000);
+  if (std::isnan(x)) return sign | 0x7E00 | ((b >> 13) & 0x3FF);
+  const double a = std::fabs(static_cast<double>(x));
+  if (a >= 65520.0) return sign | 0x7C00;  // at or past the midpoint above the largest half
+  // Candidates: the two halves around a (the magnitudes are monotonic in their bits).
+  uint16_t lo = 0, hi = 0x7BFF;
+  while (lo < hi) {  // largest h with value(h) <= a
+    const uint16_t mid = static_cast<uint16_t>((lo + hi + 1) / 2);
+    if (static_cast<double>(refHalfToFloat(mid)) <= a) lo = mid; else hi = mid - 1;
+  }
+  uint16_t q = lo;
+  const double vlo = refHalfToFloat(lo);
+  if (vlo != a) {
+    const double vhi = refHalfToFloat(static_cast<uint16_t>(lo + 1));
+    const double dlo = a - vlo, dhi = vhi - a;
+    if (dhi < dlo || (dhi == dlo && (lo & 1))) q = static_cast<uint16_t>(lo + 1);
+  }
+  return sign | q;
+}
+
+float refRoundHalf(float x) { return refHalfToFloat(refFloatToHalf(x)); }
+
+float refDistance(const uint16_t* a, const uint16_t* b, size_t n, size_t i) {
+  float d = 0.0f;
+  for (int k = 0; k < 3; ++k)
+    d = d + std::fabs(refRoundHalf(refHalfToFloat(a[k * n + i]) - refHalfToFloat(b[k * n + i])));
+  return refRoundHalf(d / 3.0f);
+}
+
+float refPooled(const uint16_t* a, const uint16_t* b, const uint16_t* w, size_t n) {
+  float total = 0.0f;
+  for (size_t i = 0; i < n; ++i) total = total + refRoundHalf(refDistance(a, b, n, i) * refHalfToFloat(w[i]));
+  return total;
+}
+
+float refExactRange(const uint16_t* a, const uint16_t* b, const float* w, size_t n, size_t lo, size_t hi) {
+  float total = 0.0f;
+  for (size_t i = lo; i < hi; ++i)
+    if (w[i] != 0.0f) total = total + w[i] * refDistance(a, b, n, i);
+  return total;
+}
+
+void refConv(const std::vector<float>& in, int N, int Cin, int H, int W, const std::vector<float>& wt,
+             const std::vector<float>& bias, int Cout, std::vector<float>& out, int begin, int end) {
+  (void)N;
+  for (int k = begin; k < end; ++k) {
+    const int n = k / Cout, oc = k % Cout;
+    for (int y = 0; y < H; ++y)
+      for (int x = 0; x < W; ++x) {
+        float acc = 0.0f;
+        for (int ky = 0; ky < 3; ++ky) {
+          const int yy = y + ky - 1;
+          if (yy < 0 || yy >= H) continue;
+          for (int kx = 0; kx < 3; ++kx)
+            for (int ci = 0; ci < Cin; ++ci) {
+              const int xx = x + kx - 1;
+              const float v = (xx >= 0 && xx < W) ? in[((static_cast<size_t>(n) * Cin + ci) * H + yy) * W + xx] : 0.0f;
+              acc = acc + wt[((static_cast<size_t>(oc) * Cin + ci) * 3 + ky) * 3 + kx] * v;
+            }
+        }
+        out[((static_cast<size_t>(n) * Cout + oc) * H + y) * W + x] = acc + bias[oc];
+      }
+  }
+}
+
+uint8_t refClamp(int v) { return static_cast<uint8_t>(std::min(255, std::max(0, v))); }
+
+void refYuvRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, int width, int step, uint8_t* rgb) {
+  for (int x = 0; x < width; ++x) {
+    const int c = (x >> 1) * step;
+    const int L = 298 * (y[x] - 16) + 128, D = u[c] - 128, E = v[c] - 128;
+    rgb[3 * x] = refClamp((L + 409 * E) >> 8);
+    rgb[3 * x + 1] = refClamp((L - 100 * D - 208 * E) >> 8);
+    rgb[3 * x + 2] = refClamp((L + 516 * D) >> 8);
+  }
+}
+
+struct PasteArgs {
+  std::vector<float> src;  // crop * crop * 4
+  int crop = 0;
+  std::vector<uint8_t> mask;
+  std::vector<float> lanczos, bilinear;
+  std::vector<int> col_x, col_y;
+  int row_x = 0, row_y = 0, x_begin = 0, x_end = 0;
+};
+
+void refPasteRow(const PasteArgs& a, uint8_t* dst) {
+  const int crop = a.crop;
+  for (int x = a.x_begin; x <= a.x_end; ++x) {
+    const int sx = a.row_x + a.col_x[x - a.x_begin], sy = a.row_y + a.col_y[x - a.x_begin];
+    const int ix = sx >> 10, iy = sy >> 10;
+    if (!(sx >= -1024 && sy >= -1024 && ix < crop && iy < crop)) continue;
+    const int px = (sx >> 5) & 31, py = (sy >> 5) & 31;
+    const float wx0 = a.bilinear[2 * px], wx1 = a.bilinear[2 * px + 1];
+    const float wy0 = a.bilinear[2 * py], wy1 = a.bilinear[2 * py + 1];
+    auto m = [&](int xx, int yy) {
+      return (xx >= 0 && xx < crop && yy >= 0 && yy < crop) ? static_cast<float>(a.mask[yy * crop + xx]) : 0.0f;
+    };
+    const float alpha = std::rint(((wx1 * m(ix + 1, iy + 1) + wx0 * m(ix, iy + 1)) * wy1) +
+                                  ((wx1 * m(ix + 1, iy) + wx0 * m(ix, iy)) * wy0)) / 255.0f;
+    if (alpha <= 0.0f) continue;
+    const float* kx = &a.lanczos[8 * px];
+    const float* ky = &a.lanczos[8 * py];
+    for (int k = 0; k < 3; ++k) {
+      auto s = [&](int row, int i) {
+        const int col = ix + i;
+        return (col >= 0 && col < crop) ? a.src[(static_cast<size_t>(row) * crop + col) * 4 + k] : 0.0f;
+      };
+      float sum = 0.0f;
+      for (int j = 0; j < 8; ++j) {
+        const int row = iy - 3 + j;
+        if (row < 0 || row >= crop) continue;
+        const float r = ((((((kx[0] * s(row, -3) + kx[1] * s(row, -2)) + kx[2] * s(row, -1)) + kx[3] * s(row, 0)) +
+                           kx[4] * s(row, 1)) + kx[5] * s(row, 2)) + kx[6] * s(row, 3)) + kx[7] * s(row, 4);
+        sum = sum + r * ky[j];
+      }
+      float v = (1.0f - alpha) * static_cast<float>(dst[3 * x + k]) + alpha * sum;
+      v = std::min(255.0f, std::max(0.0f, v));
+      dst[3 * x + k] = static_cast<uint8_t>(std::trunc(v));
+    }
+  }
+}
+
+// ---- running on every target ---------------------------------------------------------
+
+// The compiled targets the processor can run, best first.
+std::vector<int64_t> runnableTargets() {
+  hwy::SetSupportedTargetsForTest(0);
+  const int64_t mask = le::simd::compiledTargets() & hwy::SupportedTargets();
+  std::vector<int64_t> out;
+  for (int64_t m = mask; m; m &= m - 1) out.push_back(m & -m);
+  return out;
+}
+
+// Runs body once per runnable target with dispatch forced to that target.
+void forEachTarget(const std::function<void(const std::string&)>& body) {
+  const std::vector<int64_t> targets = runnableTargets();
+  ASSERT_FALSE(targets.empty());
+  for (int64_t t : targets) {
+    hwy::SetSupportedTargetsForTest(t);
+    const std::string name = hwy::TargetName(t);
+    ASSERT_EQ(name, le::simd::target());
+    SCOPED_TRACE("target " + name);
+    body(name);
+    // Forcing a target resets the dispatch choice; the kernels above made it again.
+    EXPECT_TRUE(hwy::GetChosenTarget().IsInitialized());
+  }
+  hwy::SetSupportedTargetsForTest(0);
+}
+
+const size_t kLengths[] = {0, 1, 3, 7, 8, 15, 16, 17, 31, 33, 63, 64, 65, 100, 131};
+
+TEST(SimdTargets, CompiledSetAndName) {
+  const int64_t compiled = le::simd::compiledTargets();
+  EXPECT_EQ(compiled, HWY_SSSE3 | HWY_SSE4 | HWY_AVX2 | HWY_AVX3 | HWY_AVX3_DL);
+  hwy::SetSupportedTargetsForTest(0);
+  const int64_t supported = hwy::SupportedTargets();
+  EXPECT_STREQ(le::simd::target(), hwy::TargetName(supported & -supported));
+  EXPECT_GE(runnableTargets().size(), 1u);
+  std::printf("[simd] best target %s, %zu runnable compiled targets\n", le::simd::target(),
+              runnableTargets().size());
+}
+
+TEST(SimdHalf, WideningAllHalvesExact) {
+  std::vector<uint16_t> all(65536);
+  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<uint16_t>(i);
+  std::vector<uint32_t> want(65536);
+  for (size_t i = 0; i < all.size(); ++i) want[i] = bitsOf(refHalfToFloat(all[i]));
+  forEachTarget([&](const std::string&) {
+    std::vector<float> got(65536);
+    le::simd::f16ToF32(all.data(), got.data(), all.size());
+    for (size_t i = 0; i < all.size(); ++i) ASSERT_EQ(bitsOf(got[i]), want[i]) << "half " << std::hex << i;
+    // Every start offset and length exercises the scalar tail on the same values.
+    for (size_t len : kLengths)
+      for (size_t off = 0; off < 3; ++off) {
+        std::vector<float> part(len + 1, -7.0f);
+        const size_t base = 0x7BF0 + off * 977;
+        le::simd::f16ToF32(all.data() + base, part.data(), len);
+        for (size_t i = 0; i < len; ++i) ASSERT_EQ(bitsOf(part[i]), want[base + i]);
+        ASSERT_EQ(part[len], -7.0f);  // nothing past n
+      }
+    std::vector<float> widened(65536);
+    le::halfToFloat(all.data(), widened.data(), all.size());
+    ASSERT_EQ(0, std::memcmp(widened.data(), got.data(), sizeof(float) * 65536));
+  });
+}
+
+// Floats that probe every rounding decision: all halves, the midpoints between neighbours
+// and one float either side, the overflow threshold, NaNs, and random bit patterns.
+std::vector<float> probeFloats() {
+  std::vector<float> v;
+  for (uint32_t h = 0; h < 0x7C00; ++h) {
+    const float a = refHalfToFloat(static_cast<uint16_t>(h));
+    const float b = h + 1 < 0x7C00 ? refHalfToFloat(static_cast<uint16_t>(h + 1)) : 65536.0f;
+    const float mid = static_cast<float>((static_cast<double>(a) + b) / 2);
+    for (float f : {a, mid, std::nextafter(mid, 0.0f), std::nextafter(mid, 1e9f)}) {
+      v.push_back(f);
+      v.push_back(-f);
+    }
+  }
+  for (uint32_t b : {0x7F800000u, 0xFF800000u, 0x7F800001u, 0x7FC00000u, 0xFFFFFFFFu, 0x7FA00000u,
+                     0x7F802001u, 0x00000001u, 0x80000001u, 0x007FFFFFu, 0x33000000u, 0x33000001u,
+                     0x477FEFFFu, 0x477FF000u, 0x47800000u, 0x7F7FFFFFu})
+    v.push_back(fromBits(b));
+  std::mt19937 rng(12345);
+  for (int i = 0; i < 300000; ++i) v.push_back(fromBits(static_cast<uint32_t>(rng())));
+  return v;
+}
+
+TEST(SimdHalf, NarrowingMatchesNearestEven) {
+  const std::vector<float> in = probeFloats();
+  std::vector<uint16_t> want(in.size());
+  for (size_t i = 0; i < in.size(); ++i) want[i] = refFloatToHalf(in[i]);
+  forEachTarget([&](const std::string&) {
+    std::vector<uint16_t> got(in.size());
+    le::simd::f32ToF16(in.data(), got.data(), in.size());
+    for (size_t i = 0; i < in.size(); ++i)
+      ASSERT_EQ(got[i], want[i]) << "float bits " << std::hex << bitsOf(in[i]);
+    for (size_t len : kLengths) {
+      std::vector<uint16_t> part(len + 1, 0xABCD);
+      le::simd::f32ToF16(in.data() + 5, part.data(), len);
+      for (size_t i = 0; i < len; ++i) ASSERT_EQ(part[i], want[5 + i]);
+      ASSERT_EQ(part[len], 0xABCD);
+    }
+    const float edge[] = {65520.0f, 65519.0f, std::nanf("")};
+    uint16_t out[3];
+    le::simd::f32ToF16(edge, out, 3);
+    EXPECT_EQ(out[0], 0x7C00);
+    EXPECT_EQ(out[1], 0x7BFF);
+    EXPECT_EQ(out[2] & 0x7C00, 0x7C00);
+    EXPECT_NE(out[2] & 0x3FF, 0);
+  });
+}
+
+TEST(SimdHalf, ScalarConversionSaturatesNaNToInfinity) {
+  for (float f : probeFloats()) {
+    const uint32_t b = bitsOf(f);
+    const uint16_t got = le::f32ToF16(f);
+    const uint16_t sign = static_cast<uint16_t>((b >> 16) & 0x8000);
+    if ((b & 0x7FFFFFFF) >= 0x47800000u)  // >= 65536, infinities and NaNs
+      ASSERT_EQ(got, sign | 0x7C00) << std::hex << b;
+    else
+      ASSERT_EQ(got, refFloatToHalf(f)) << std::hex << b;
+  }
+  EXPECT_EQ(le::f32ToF16(std::nanf("")), 0x7C00);
+  EXPECT_EQ(le::f32ToF16(-std::nanf("")), 0xFC00);
+  EXPECT_EQ(le::f32ToF16(65520.0f), 0x7C00);
+  EXPECT_EQ(le::f32ToF16(65519.0f), 0x7BFF);
+  EXPECT_EQ(le::f32ToF16(1.0f), 0x3C00);
+}
+
+TEST(SimdHalf, RoundMulAndRgbPlanes) {
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> ua(-70000.0f, 70000.0f), ub(-3.0f, 3.0f);
+  std::vector<float> a(4099), b(4099);
+  for (size_t i = 0; i < a.size(); ++i) {
+    const float s = std::ldexp(1.0f, static_cast<int>(rng() % 40) - 30);
+    a[i] = ua(rng) * s / 70000.0f * (i % 5 == 0 ? 70000.0f : 1.0f);
+    b[i] = ub(rng);
+  }
+  a[3] = std::nanf(""), a[4] = INFINITY, a[5] = 1e-9f;
+  std::vector<float> want(a.size());
+  for (size_t i = 0; i < a.size(); ++i) want[i] = refRoundHalf(a[i]) * b[i];
+
+  // Every byte value in every channel position, with planes further apart than n.
+  std::vector<uint8_t> rgb(3 * 300);
+  for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>((i * 7 + i / 3) & 255);
+  rgb[0] = 255, rgb[1] = 0;
+  forEachTarget([&](const std::string&) {
+    for (size_t len : {a.size(), size_t{0}, size_t{9}, size_t{17}, size_t{35}}) {
+      std::vector<float> got(len + 1, 5.0f);
+      le::simd::roundF16Mul(a.data(), b.data(), got.data(), len);
+      for (size_t i = 0; i < len; ++i) ASSERT_EQ(bitsOf(got[i]), bitsOf(want[i])) << i;
+      ASSERT_EQ(got[len], 5.0f);
+    }
+    for (size_t n : {size_t{300}, size_t{1}, size_t{19}, size_t{64}}) {
+      const size_t stride = n + 11;
+      std::vector<uint16_t> out(3 * stride, 0xEEEE);
+      le::simd::rgb8ToPlanarF16(rgb.data(), out.data(), stride, n);
+      for (size_t k = 0; k < 3; ++k)
+        for (size_t i = 0; i < stride; ++i) {
+          const uint16_t exp = i < n ? refFloatToHalf(static_cast<float>(rgb[3 * i + k]) / 255.0f) : 0xEEEE;
+          ASSERT_EQ(out[k * stride + i], exp) << "channel " << k << " pixel " << i;
+        }
+      EXPECT_EQ(out[0], 0x3C00);       // 255 -> 1.0
+      EXPECT_EQ(out[stride], 0x0000);  // 0 -> 0
+    }
+  });
+}
+
+TEST(SimdRetrieve, TermsFollowIndexOrder) {
+  std::mt19937 rng(99);
+  const size_t n = 1037;
+  std::vector<uint16_t> a(3 * n), b(3 * n), wh(n);
+  std::vector<float> wf(n);
+  for (size_t i = 0; i < 3 * n; ++i) {
+    a[i] = refFloatToHalf(static_cast<float>(rng() % 100000) / 100000.0f);
+    b[i] = refFloatToHalf(static_cast<float>(rng() % 100000) / 100000.0f);
+  }
+  for (size_t i = 0; i < n; ++i) {
+    wh[i] = refFloatToHalf(static_cast<float>(rng() % 1000) / 997.0f);
+    wf[i] = (i % 7 == 3) ? 0.0f : static_cast<float>(rng() % 5000) / 313.0f;
+  }
+  // Infinities only where the exact weight is zero: those pixels must not count.
+  std::vector<uint16_t> ainf = a;
+  std::vector<float> wzero(n, 0.0f);
+  for (size_t i = 0; i < n; i += 7) ainf[i] = 0x7C00, ainf[n + i] = 0xFC00;
+  for (size_t i = 0; i < n; ++i)
+    if (ainf[i] == 0x7C00) wf[i] = 0.0f;
+  const float wantPooled = refPooled(a.data(), b.data(), wh.data(), n);
+  const float wantExact = refExactRange(ainf.data(), b.data(), wf.data(), n, 0, n);
+  forEachTarget([&](const std::string&) {
+    EXPECT_EQ(bitsOf(le::simd::retrieveTermPooled(a.data(), b.data(), wh.data(), n)), bitsOf(wantPooled));
+    EXPECT_EQ(bitsOf(le::simd::retrieveTermExact(ainf.data(), b.data(), wf.data(), n)), bitsOf(wantExact));
+    for (size_t lo : {size_t{0}, size_t{1}, size_t{13}, size_t{500}})
+      for (size_t hi : {lo, lo + 1, lo + 9, lo + 40, n}) {
+        ASSERT_EQ(bitsOf(le::simd::retrieveTermExactRange(ainf.data(), b.data(), wf.data(), n, lo, hi)),
+                  bitsOf(refExactRange(ainf.data(), b.data(), wf.data(), n, lo, hi)))
+            << lo << ".." << hi;
+      }
+    for (size_t len : {size_t{1}, size_t{5}, size_t{16}, size_t{21}})
+      ASSERT_EQ(bitsOf(le::simd::retrieveTermPooled(a.data(), b.data(), wh.data(), len)),
+                bitsOf(refPooled(a.data(), b.data(), wh.data(), len)));
+    EXPECT_EQ(le::simd::retrieveTermExact(ainf.data(), b.data(), wzero.data(), n), 0.0f);
+    EXPECT_EQ(le::simd::retrieveTermExactRange(a.data(), b.data(), wf.data(), n, 10, 10), 0.0f);
+  });
+}
+
+TEST(SimdConv, ItemsMatchReferenceAndLeaveOthersAlone) {
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<float> u(-2.0f, 2.0f);
+  struct Shape { int N, Cin, H, W, Cout; };
+  for (const Shape s : {Shape{2, 3, 5, 37, 6}, Shape{1, 1, 1, 1, 1}, Shape{3, 2, 4, 16, 5}, Shape{1, 4, 9, 70, 9}}) {
+    std::vector<float> in(static_cast<size_t>(s.N) * s.Cin * s.H * s.W), wt(static_cast<size_t>(s.Cout) * s.Cin * 9),
+        bias(s.Cout);
+    for (float& v : in) v = u(rng);
+    for (float& v : wt) v = u(rng);
+    for (float& v : bias) v = u(rng);
+    const size_t outSize = static_cast<size_t>(s.N) * s.Cout * s.H * s.W;
+    const int items = s.N * s.Cout;
+    std::vector<std::pair<int, int>> ranges = {{0, items}, {1, items - 1}, {items / 2, items}, {0, 1}};
+    forEachTarget([&](const std::string&) {
+      for (auto [begin, end] : ranges) {
+        if (begin >= end) continue;
+        std::vector<float> want(outSize, 42.0f), got(outSize, 42.0f);
+        refConv(in, s.N, s.Cin, s.H, s.W, wt, bias, s.Cout, want, begin, end);
+        le::simd::conv3x3Range(in.data(), s.N, s.Cin, s.H, s.W, wt.data(), bias.data(), s.Cout, got.data(),
+                               begin, end);
+        for (size_t i = 0; i < outSize; ++i)
+          ASSERT_EQ(bitsOf(got[i]), bitsOf(want[i])) << "range " << begin << ".." << end << " at " << i;
+      }
+    });
+    // The thread's padded copy must follow a new input even for the same image index.
+    std::vector<float> in2 = in;
+    for (float& v : in2) v = -v;
+    std::vector<float> want(outSize, 0.0f), got(outSize, 0.0f);
+    refConv(in2, s.N, s.Cin, s.H, s.W, wt, bias, s.Cout, want, 0, items);
+    le::simd::conv3x3Range(in2.data(), s.N, s.Cin, s.H, s.W, wt.data(), bias.data(), s.Cout, got.data(), 0, items);
+    ASSERT_EQ(0, std::memcmp(got.data(), want.data(), sizeof(float) * outSize));
+  }
+}
+
+TEST(SimdYuv, EveryYuvTripleBothChromaLayouts) {
+  const int W = 512;
+  std::vector<uint8_t> y(W), u(W / 2), v(W / 2), uv(W + 1), want(3 * W), got(3 * W + 16);
+  forEachTarget([&](const std::string&) {
+    // Row r: U fixed, V = chroma index, Y sweeping so every (Y, U, V) appears.
+    for (int u0 = 0; u0 < 256; u0 += 1)
+      for (int yoff = 0; yoff < 128; yoff += (u0 % 17 == 0 ? 1 : 31)) {
+        for (int c = 0; c < W / 2; ++c) {
+          u[c] = static_cast<uint8_t>(u0), v[c] = static_cast<uint8_t>(c);
+          uv[2 * c] = u[c], uv[2 * c + 1] = v[c];
+          y[2 * c] = static_cast<uint8_t>(2 * yoff + c), y[2 * c + 1] = static_cast<uint8_t>(2 * yoff + 1 + c);
+        }
+        refYuvRow(y.data(), u.data(), v.data(), W, 1, want.data());
+        le::simd::yuv420RowToRgb24(y.data(), u.data(), v.data(), W, 1, got.data());
+        ASSERT_EQ(0, std::memcmp(got.data(), want.data(), want.size())) << "u " << u0 << " yoff " << yoff;
+        le::simd::yuv420RowToRgb24(y.data(), uv.data(), uv.data() + 1, W, 2, got.data());
+        ASSERT_EQ(0, std::memcmp(got.data(), want.data(), want.size())) << "nv12 u " << u0;
+      }
+    // Every width, odd ones included: the last pixel uses chroma (width - 1) >> 1.
+    std::mt19937 rng(5);
+    for (int width = 1; width <= 200; ++width) {
+      std::vector<uint8_t> yy(width), uu((width + 1) / 2), vv((width + 1) / 2), nv(2 * ((width + 1) / 2));
+      for (auto& b : yy) b = static_cast<uint8_t>(rng());
+      for (size_t c = 0; c < uu.size(); ++c) uu[c] = nv[2 * c] = static_cast<uint8_t>(rng()), vv[c] = nv[2 * c + 1] = static_cast<uint8_t>(rng());
+      std::vector<uint8_t> w2(3 * width), g1(3 * width + 1, 0x5A), g2(3 * width + 1, 0x5A);
+      refYuvRow(yy.data(), uu.data(), vv.data(), width, 1, w2.data());
+      le::simd::yuv420RowToRgb24(yy.data(), uu.data(), vv.data(), width, 1, g1.data());
+      le::simd::yuv420RowToRgb24(yy.data(), nv.data(), nv.data() + 1, width, 2, g2.data());
+      ASSERT_EQ(0, std::memcmp(g1.data(), w2.data(), w2.size())) << "width " << width;
+      ASSERT_EQ(0, std::memcmp(g2.data(), w2.data(), w2.size())) << "nv12 width " << width;
+      ASSERT_EQ(g1[3 * width], 0x5A);
+      ASSERT_EQ(g2[3 * width], 0x5A);
+    }
+    const uint8_t black[2] = {16, 235}, mid[1] = {128};
+    uint8_t px[6];
+    le::simd::yuv420RowToRgb24(black, mid, mid, 2, 1, px);
+    const uint8_t want[6] = {0, 0, 0, 255, 255, 255};
+    EXPECT_EQ(0, std::memcmp(px, want, 6));
+  });
+}
+
+// Tables as the compositor builds them: normalised Lanczos (a = 4) and bilinear phases.
+void pasteTables(PasteArgs& a) {
+  a.lanczos.assign(256, 0.0f);
+  a.bilinear.assign(64, 0.0f);
+  for (int p = 0; p < 32; ++p) {
+    const double t = p / 32.0;
+    a.bilinear[2 * p] = static_cast<float>(1.0 - t);
+    a.bilinear[2 * p + 1] = static_cast<float>(t);
+    if (p == 0) {
+      a.lanczos[3] = 1.0f;
+      continue;
+    }
+    double w[8], sum = 0;
+    for (int i = 0; i < 8; ++i) {
+      const double d = t + 3 - i;
+      auto sinc = [](double x) { return x == 0 ? 1.0 : std::sin(M_PI * x) / (M_PI * x); };
+      w[i] = sinc(d) * sinc(d / 4);
+      sum += w[i];
+    }
+    for (int i = 0; i < 8; ++i) a.lanczos[8 * p + i] = static_cast<float>(w[i] / sum);
+  }
+}
+
+TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
+  std::mt19937 rng(11);
+  PasteArgs a;
+  a.crop = 48;
+  pasteTables(a);
+  a.src.resize(static_cast<size_t>(a.crop) * a.crop * 4);
+  for (size_t i = 0; i < a.src.size(); ++i) a.src[i] = (i % 4 == 3) ? 0.0f : static_cast<float>(rng() % 30000) / 100.0f - 20.0f;
+  a.mask.resize(static_cast<size_t>(a.crop) * a.crop);
+  for (int yy = 0; yy < a.crop; ++yy)
+    for (int xx = 0; xx < a.crop; ++xx)  // zero band on the left, full and soft regions elsewhere
+      a.mask[yy * a.crop + xx] = xx < 6 ? 0 : static_cast<uint8_t>(xx > 30 ? 255 : rng() % 256);
+  const int W = 160;
+  forEachTarget([&](const std::string&) {
+    for (int trial = 0; trial < 60; ++trial) {
+      // A scaled, slightly rotated map (about 1.2x) whose rows cross the whole crop.
+      const double scale = 1.0 / (0.8 + 0.8 * (rng() % 100) / 100.0), rot = ((rng() % 100) - 50) / 400.0;
+      const double da = scale * std::cos(rot), dc = scale * std::sin(rot);
+      a.x_begin = static_cast<int>(rng() % 20);
+      a.x_end = W - 1 - static_cast<int>(rng() % 20);
+      a.col_x.resize(a.x_end - a.x_begin + 1);
+      a.col_y.resize(a.col_x.size());
+      for (int x = a.x_begin; x <= a.x_end; ++x) {
+        a.col_x[x - a.x_begin] = static_cast<int>(std::lrint(x * da * 1024));
+        a.col_y[x - a.x_begin] = static_cast<int>(std::lrint(x * dc * 1024));
+      }
+      a.row_x = -static_cast<int>(rng() % 40000) - 6000 + 16;
+      a.row_y = static_cast<int>(rng() % (56 * 1024)) - 5 * 1024 + 16;
+      std::vector<uint8_t> row(3 * W), want;
+      for (auto& b : row) b = static_cast<uint8_t>(rng());
+      want = row;
+      refPasteRow(a, want.data());
+      le::simd::pasteLanczos8Row(a.src.data(), a.crop, a.mask.data(), a.lanczos.data(), a.bilinear.data(),
+                                 a.col_x.data(), a.col_y.data(), a.row_x, a.row_y, a.x_begin, a.x_end, row.data());
+      ASSERT_EQ(0, std::memcmp(row.data(), want.data(), row.size())) << "trial " << trial;
+    }
+  });
+}
+
+TEST(SimdPaste, ZeroMaskAndOutsideColumnsUntouched) {
+  PasteArgs a;
+  a.crop = 16;
+  pasteTables(a);
+  a.src.assign(static_cast<size_t>(a.crop) * a.crop * 4, 200.0f);
+  a.mask.assign(static_cast<size_t>(a.crop) * a.crop, 0);
+  a.mask[5 * a.crop + 5] = 255;  // one mask pixel
+  const int W = 40;
+  a.x_begin = 3, a.x_end = 30;
+  for (int x = a.x_begin; x <= a.x_end; ++x) a.col_x.push_back((x - 3) * 1024), a.col_y.push_back(0);
+  a.row_x = 16;
+  forEachTarget([&](const std::string&) {
+    // Phase 0 rows: only the column right over the weak pixel is blended.
+    a.row_y = 5 * 1024 + 16;
+    std::vector<uint8_t> row(3 * W, 7), want(3 * W, 7);
+    refPasteRow(a, want.data());
+    le::simd::pasteLanczos8Row(a.src.data(), a.crop, a.mask.data(), a.lanczos.data(), a.bilinear.data(),
+                               a.col_x.data(), a.col_y.data(), a.row_x, a.row_y, a.x_begin, a.x_end, row.data());
+    EXPECT_EQ(row, want);
+    for (int x = 0; x < W; ++x) {
+      if (x != 8) {
+        EXPECT_EQ(row[3 * x], 7) << x;
+      }
+    }
+    EXPECT_NE(row[3 * 8], 7);
+    // A weak mask pixel half-way between two rows weighs rint(0.5) = 0: nothing changes.
+    a.mask[5 * a.crop + 5] = 1;
+    a.row_y = 5 * 1024 + 16 * 32 + 16;
+    std::vector<uint8_t> row2(3 * W, 7);
+    le::simd::pasteLanczos8Row(a.src.data(), a.crop, a.mask.data(), a.lanczos.data(), a.bilinear.data(),
+                               a.col_x.data(), a.col_y.data(), a.row_x, a.row_y, a.x_begin, a.x_end, row2.data());
+    EXPECT_EQ(row2, std::vector<uint8_t>(3 * W, 7));
+    a.mask[5 * a.crop + 5] = 255;
+  });
+}
+
+// The processor's own conversion (F16C), an independent reference for the sweep below.
+__attribute__((target("f16c,avx"))) void hardwareToHalf(const float* in, uint16_t* out, size_t n) {
+  for (size_t i = 0; i < n; i += 8)
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm256_cvtps_ph(_mm256_loadu_ps(in + i), 0));
+}
+
+// One-off exhaustive check of every float on every target against the hardware conversion
+// (a few minutes); run with --gtest_also_run_disabled_tests.
+TEST(SimdHalf, DISABLED_NarrowingAllFloats) {
+  if (!__builtin_cpu_supports("f16c")) GTEST_SKIP() << "no F16C";
+  const size_t chunk = size_t{1} << 24;
+  std::vector<float> in(chunk);
+  std::vector<uint16_t> got(chunk), want(chunk);
+  for (uint64_t base = 0; base < (uint64_t{1} << 32); base += chunk) {
+    for (size_t i = 0; i < chunk; ++i) in[i] = fromBits(static_cast<uint32_t>(base + i));
+    hardwareToHalf(in.data(), want.data(), chunk);
+    for (size_t i = 0; i < chunk; ++i) {
+      const bool saturates = (static_cast<uint32_t>(base + i) & 0x7FFFFFFF) >= 0x47800000u;
+      const uint16_t exp = saturates ? static_cast<uint16_t>((want[i] & 0x8000) | 0x7C00) : want[i];
+      ASSERT_EQ(le::f32ToF16(in[i]), exp) << std::hex << base + i;
+    }
+    forEachTarget([&](const std::string&) {
+      le::simd::f32ToF16(in.data(), got.data(), chunk - 3);  // with a scalar tail
+      le::simd::f32ToF16(in.data() + chunk - 3, got.data() + chunk - 3, 3);
+      ASSERT_EQ(0, std::memcmp(got.data(), want.data(), chunk * 2)) << std::hex << base;
+    });
+  }
+}
+
+}  // namespace
