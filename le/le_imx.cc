@@ -5,6 +5,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -230,7 +231,10 @@ std::string unwrapOnce(const std::string& container) {
   if (!in) fail("cannot open container " + container);
   const std::vector<TocEntry> toc = readToc(in.get(), container);
 
-  std::vector<char> buf(kCopyBuffer);
+  // One buffer for the whole unwrap, no larger than the largest member needs.
+  uint64_t largest = 1;
+  for (const TocEntry& e : toc) largest = std::max(largest, e.size);
+  std::vector<char> buf(static_cast<size_t>(std::min<uint64_t>(largest, kCopyBuffer)));
   for (const TocEntry& e : toc) {
     if (!isSafeMemberName(e.name))
       fail(container + ": refusing unsafe member name '" + printableName(e.name) + "'");

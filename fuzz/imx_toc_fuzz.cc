@@ -1,0 +1,89 @@
+// Container table-of-contents reader and the whole unwrap over arbitrary bytes: every input is
+// either refused with a runtime error or unwrapped, and nothing is ever written outside the
+// unwrap directory.
+#include <dirent.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "le/le_imx.h"
+
+namespace {
+
+struct Scratch {
+  std::string base, in, root, container, dir;
+  Scratch() {
+    base = "/tmp/le_imx_toc_fuzz." + std::to_string(::getpid());
+    in = base + "/in";
+    root = base + "/root";
+    container = in + "/c.imx";
+    dir = root + "/c.lebundle";
+    le::imx::rmTree(base);
+    if (!le::imx::mkdirs(in)) std::abort();
+    setenv("LE_IMX_UNWRAP_ROOT", root.c_str(), 1);
+  }
+};
+
+// Every path below p; anything outside the allowed places is an escape.
+void walk(const std::string& p, const Scratch& s) {
+  struct stat st;
+  if (::lstat(p.c_str(), &st) != 0) return;
+  const bool allowed = p == s.base || p == s.in || p == s.container || p == s.root ||
+                       p == s.dir + le::imx::kMarkerSuffix || p.rfind(s.dir, 0) == 0;
+  if (!allowed) {
+    std::fprintf(stderr, "written outside the unwrap directory: %s\n", p.c_str());
+    std::abort();
+  }
+  if (S_ISLNK(st.st_mode)) {
+    std::fprintf(stderr, "symbolic link created: %s\n", p.c_str());
+    std::abort();
+  }
+  if (!S_ISDIR(st.st_mode)) return;
+  DIR* d = ::opendir(p.c_str());
+  if (!d) return;
+  while (const dirent* e = ::readdir(d)) {
+    const std::string n = e->d_name;
+    if (n != "." && n != "..") walk(p + "/" + n, s);
+  }
+  ::closedir(d);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Scratch s;
+
+  // The reader alone, over memory.
+  if (std::FILE* f = ::fmemopen(const_cast<uint8_t*>(data), size, "rb")) {
+    try {
+      for (const le::imx::TocEntry& e : le::imx::readToc(f, "mem")) {
+        if (le::imx::isSafeMemberName(e.name) &&
+            (e.name.find("..") != std::string::npos || e.name[0] == '/'))
+          std::abort();
+      }
+    } catch (const std::runtime_error&) {
+    }
+    std::fclose(f);
+  }
+
+  // The whole unwrap, from a fresh state each time.
+  le::imx::rmTree(s.root);
+  if (std::FILE* f = std::fopen(s.container.c_str(), "wb")) {
+    std::fwrite(data, 1, size, f);
+    std::fclose(f);
+  }
+  try {
+    const std::string got = le::resolveBundlePath(s.container);
+    if (got != s.container && got != s.dir) std::abort();
+  } catch (const std::runtime_error&) {
+  }
+  walk(s.base, s);
+  return 0;
+}
