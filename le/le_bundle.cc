@@ -24,11 +24,6 @@ namespace {
 
 [[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
 
-struct FileCloser {
-  void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
 class Fd {
  public:
   explicit Fd(int fd) : fd_(fd) {}
@@ -199,7 +194,7 @@ std::string readFile(const std::string& path) {
 }
 
 void readExact(const std::string& path, void* dst, size_t bytes) {
-  File f(std::fopen(path.c_str(), "rb"));
+  FilePtr f(std::fopen(path.c_str(), "rb"));
   if (!f) fail("cannot open " + path);
   if (std::fread(dst, 1, bytes, f.get()) != bytes) fail("size mismatch " + path);
   char extra;

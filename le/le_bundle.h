@@ -4,7 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <limits>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -82,6 +84,12 @@ bool optStr(const std::string& text, const char* key, std::string& out);
 // ---------------------------------------------------------------------------------------------
 // File readers. Errors are std::runtime_error: "cannot open <path>", "short read <path>",
 // "size mismatch <path>", "mmap failed <path>".
+
+// An owned stdio stream, closed on destruction (check fclose(release()) where a write matters).
+struct FileCloser {
+  void operator()(std::FILE* f) const { std::fclose(f); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
 // Whole file as bytes.
 std::string readFile(const std::string& path);

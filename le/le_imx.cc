@@ -14,16 +14,13 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "le/le_bundle.h"
+
 namespace le {
 
 namespace {
 
 [[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
-
-struct FileCloser {
-  void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
 
 bool endsWith(const std::string& s, const char* suffix) {
   const size_t n = std::strlen(suffix);
@@ -59,7 +56,7 @@ std::string markerText(const std::string& container, const struct stat& st) {
 
 // Trimmed marker text, or false when it cannot be read.
 bool readMarker(const std::string& path, std::string& out) {
-  File f(std::fopen(path.c_str(), "rb"));
+  FilePtr f(std::fopen(path.c_str(), "rb"));
   if (!f) return false;
   char buf[4096];
   size_t got;
@@ -77,7 +74,7 @@ bool readMarker(const std::string& path, std::string& out) {
 }
 
 void writeMarker(const std::string& path, const std::string& text) {
-  File f(std::fopen(path.c_str(), "wb"));
+  FilePtr f(std::fopen(path.c_str(), "wb"));
   if (!f) fail("cannot write unwrap marker " + path);
   const bool wrote = std::fwrite(text.data(), 1, text.size(), f.get()) == text.size();
   if (!wrote || std::fclose(f.release()) != 0) fail("short write on unwrap marker " + path);
@@ -227,7 +224,7 @@ std::string unwrapOnce(const std::string& container) {
   rmTree(dir);
   if (!mkdirs(dir)) fail("cannot create unwrap dir " + dir);
 
-  File in(std::fopen(container.c_str(), "rb"));
+  FilePtr in(std::fopen(container.c_str(), "rb"));
   if (!in) fail("cannot open container " + container);
   const std::vector<TocEntry> toc = readToc(in.get(), container);
 
@@ -249,7 +246,7 @@ std::string unwrapOnce(const std::string& container) {
 
     // Written under ".part" and renamed, so a final name always holds a complete member.
     const std::string part = dest + ".part";
-    File out(std::fopen(part.c_str(), "wb"));
+    FilePtr out(std::fopen(part.c_str(), "wb"));
     if (!out) fail("cannot write " + part);
     std::string error;
     switch (copyBytes(in.get(), out.get(), e.size, buf.data(), buf.size())) {
@@ -278,7 +275,7 @@ std::string unwrapOnce(const std::string& container) {
 bool isImxV2File(const std::string& path) {
   struct stat st;
   if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
-  File f(std::fopen(path.c_str(), "rb"));
+  FilePtr f(std::fopen(path.c_str(), "rb"));
   unsigned char hdr[8];
   return f && std::fread(hdr, 1, sizeof hdr, f.get()) == sizeof hdr && u32le(hdr) == imx::kMagic &&
          u16le(hdr + 4) == imx::kVersion;

@@ -53,4 +53,15 @@ inline std::string manifestText(const std::string& extra = "") {
          extra + "\n}\n";
 }
 
+// The message of the runtime error fn throws, or "" when it does not throw.
+template <class Fn>
+std::string thrown(Fn&& fn) {
+  try {
+    fn();
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "";
+}
+
 }  // namespace le::testing

@@ -5,7 +5,7 @@
 #include <sys/mman.h>
 
 #include <cstring>
-#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,6 +18,7 @@ namespace {
 
 using le::testing::manifestText;
 using le::testing::ScratchDir;
+using le::testing::thrown;
 using le::testing::writeFile;
 namespace mk = le::manifest_key;
 
@@ -25,17 +26,6 @@ std::string edited(std::string text, const std::string& from, const std::string&
   const size_t at = text.find(from);
   if (at == std::string::npos) throw std::logic_error("no " + from + " in manifest");
   return text.replace(at, from.size(), to);
-}
-
-// The message of the runtime error fn throws, or "" when it does not throw.
-template <class Fn>
-std::string thrown(Fn&& fn) {
-  try {
-    fn();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "";
 }
 
 std::string loadError(const ScratchDir& dir, const std::string& manifest) {
@@ -285,27 +275,28 @@ TEST(FileReaders, MappingIsExactMovableAndUnmapsWithItsOwner) {
 TEST(MemberResolution, PairsFamiliesAndFallbacks) {
   ScratchDir dir("members");
   const std::string d = dir.path();
-  const std::pair<const char*, const char*> pairs[] = {
-      {"P.f16", "source_frames.f16"},
-      {"P_hevc.mov", "source_frames.hevc"},
-      {"a2x_enc_stream.onnx", "audio_motion_encoder.onnx"},
-      {"a2x_dec.onnx", "audio_motion_decoder.onnx"},
-      {"M.f32", "paste_transform.f32"},
-      {"mask_512.u8", "paste_mask.u8"},
-      {"pooled64.f16", "pooled_features.f16"},
-      {"fs_red.f16", "feature_synth.f16"},
-      {"xs_target.bin", "target_keypoints.bin"},
-      {"model_b4.onnx", "render_model.batch4.onnx"},
-      {"model_b4_int8.onnx", "render_model.batch4.int8.onnx"},
-      {"model_b2_a_b.onnx", "render_model.batch2.a_b.onnx"},
-      {"drive/xs.f32", "idle_loop/source_keypoints.f32"},
-      {"drive/xd.f32", "idle_loop/driven_keypoints.f32"},
-      {"drive/si.i32", "idle_loop/source_index.i32"},
-      {"drive/other.bin", "idle_loop/other.bin"},
-      {"drive/xs", "idle_loop/source_keypoints"},
-      {"drive/xs.f32.bak", "idle_loop/source_keypoints.f32.bak"},
-  };
-  for (const auto& [canonical, alt] : pairs) {
+  // canonical name, then the alternative the bundle may carry instead.
+  std::istringstream pairs(
+      "P.f16 source_frames.f16\n"
+      "P_hevc.mov source_frames.hevc\n"
+      "a2x_enc_stream.onnx audio_motion_encoder.onnx\n"
+      "a2x_dec.onnx audio_motion_decoder.onnx\n"
+      "M.f32 paste_transform.f32\n"
+      "mask_512.u8 paste_mask.u8\n"
+      "pooled64.f16 pooled_features.f16\n"
+      "fs_red.f16 feature_synth.f16\n"
+      "xs_target.bin target_keypoints.bin\n"
+      "model_b4.onnx render_model.batch4.onnx\n"
+      "model_b4_int8.onnx render_model.batch4.int8.onnx\n"
+      "model_b2_a_b.onnx render_model.batch2.a_b.onnx\n"
+      "drive/xs.f32 idle_loop/source_keypoints.f32\n"
+      "drive/xd.f32 idle_loop/driven_keypoints.f32\n"
+      "drive/si.i32 idle_loop/source_index.i32\n"
+      "drive/other.bin idle_loop/other.bin\n"
+      "drive/xs idle_loop/source_keypoints\n"
+      "drive/xs.f32.bak idle_loop/source_keypoints.f32.bak\n");
+  std::string canonical, alt;
+  while (pairs >> canonical >> alt) {
     EXPECT_EQ(le::alternativeMemberName(canonical), alt);
     // Neither exists: the canonical path, so errors name the canonical member.
     EXPECT_EQ(le::resolveMember(d, canonical), d + "/" + canonical);

@@ -21,18 +21,9 @@ namespace {
 
 using le::testing::manifestText;
 using le::testing::ScratchDir;
+using le::testing::thrown;
 using le::testing::writeFile;
 using Members = std::vector<std::pair<std::string, std::string>>;
-
-template <class Fn>
-std::string thrown(Fn&& fn) {
-  try {
-    fn();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "";
-}
 
 bool exists(const std::string& p) {
   struct stat st;

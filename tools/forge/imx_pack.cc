@@ -9,16 +9,13 @@
 #include <memory>
 #include <stdexcept>
 
+#include "le/le_bundle.h"
+
 namespace le::forge {
 
 namespace {
 
 [[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
-
-struct FileCloser {
-  void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
 
 void putLe(std::string& s, uint64_t v, int bytes) {
   for (int i = 0; i < bytes; ++i) s.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
@@ -96,13 +93,13 @@ void writeImx(const std::string& out, const std::vector<ImxSource>& members) {
   const std::string head = imxToc(toc);
 
   const std::string part = out + ".part";
-  File f(std::fopen(part.c_str(), "wb"));
+  FilePtr f(std::fopen(part.c_str(), "wb"));
   if (!f) fail("cannot write " + part);
   std::string error;
   if (std::fwrite(head.data(), 1, head.size(), f.get()) != head.size()) error = "short write " + part;
   std::vector<char> buf(imx::kCopyBuffer);
   for (size_t i = 0; i < members.size() && error.empty(); ++i) {
-    File in(std::fopen(members[i].path.c_str(), "rb"));
+    FilePtr in(std::fopen(members[i].path.c_str(), "rb"));
     if (!in) {
       error = "cannot open " + members[i].path;
       break;
