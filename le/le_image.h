@@ -1,0 +1,17 @@
+// Still images: JPEG (and other stb formats) in, PNG out. Reentrant.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace le {
+
+// Decodes the image at path to packed RGB (3 channels forced) and stores its size in w and h.
+// Throws "decode failed: " + path.
+std::vector<uint8_t> loadImageRGB(const std::string& path, int* w, int* h);
+
+// Writes w×h packed RGB rows as a PNG. Throws "png write failed: " + path.
+void writePNG(const std::string& path, const uint8_t* rgb, int w, int h);
+
+}  // namespace le

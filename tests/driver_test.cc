@@ -1,0 +1,323 @@
+// Frame sources: movies decoded with FFmpeg (mode 0 packed RGB, mode 1 planar half RGB), JPEG
+// still directories, and the image module. Media are encoded by the tests themselves.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include "le/le_driver.h"
+#include "le/le_driver_ff.h"
+#include "le/le_image.h"
+#include "le/le_moviedec_ff.h"
+#include "le/le_simd.h"
+#include "tests/support/media.h"
+
+namespace media = le::testmedia;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+std::string errorOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "<no error>";
+}
+
+// Decodes every frame of a movie with the ffmpeg command-line tool into raw planes.
+std::vector<uint8_t> ffmpegDecode(const std::string& movie, const std::string& pixFmt) {
+  const std::string out = movie + "." + pixFmt + ".raw";
+  const int rc = media::run("ffmpeg -nostdin -v error -y -i '" + movie + "' -f rawvideo -pix_fmt " + pixFmt + " '" +
+                         out + "'");
+  if (rc != 0) throw std::runtime_error("ffmpeg CLI failed on " + movie);
+  return media::readBytes(out);
+}
+
+// Expected packed RGB of one yuv420p frame from the integer formula.
+std::vector<uint8_t> rgbFrom420(const uint8_t* yuv, int w, int h) {
+  const uint8_t* Y = yuv;
+  const uint8_t* U = Y + w * h;
+  const uint8_t* V = U + (w / 2) * (h / 2);
+  std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      media::yuvToRgbRef(Y[y * w + x], U[(y / 2) * (w / 2) + x / 2], V[(y / 2) * (w / 2) + x / 2],
+                      &rgb[(static_cast<size_t>(y) * w + x) * 3]);
+  return rgb;
+}
+
+std::vector<uint8_t> readAll(le::driver::Source& s) {
+  std::vector<uint8_t> all, frame(s.frameBytes());
+  while (s.next(frame.data())) all.insert(all.end(), frame.begin(), frame.end());
+  return all;
+}
+
+struct EnvGuard {
+  std::string name;
+  EnvGuard(const char* n, const char* value) : name(n) {
+    if (value)
+      setenv(n, value, 1);
+    else
+      unsetenv(n);
+  }
+  ~EnvGuard() { unsetenv(name.c_str()); }
+};
+
+}  // namespace
+
+TEST(MovieSource, MatchesFfmpegDecodeThroughTheFormulaAndSeeks) {
+  const std::string dir = media::scratchDir("movie_source");
+  const std::string path = dir + "/drive.mp4";
+  media::MovieSpec spec;
+  spec.w = 96, spec.h = 64, spec.frames = 30, spec.gop = 10;
+  media::writeMovie(path, spec);
+  const std::vector<uint8_t> yuv = ffmpegDecode(path, "yuv420p");
+  const size_t yuvFrame = 96 * 64 * 3 / 2, rgbFrame = 96 * 64 * 3;
+  ASSERT_EQ(yuv.size(), yuvFrame * 30);
+
+  EnvGuard hw("LE_DRIVER_HWDEC", nullptr);
+  testing::internal::CaptureStderr();
+  auto src = le::driver::openMp4(path, 30, 96, 64);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(src->frameBytes(), rgbFrame);
+  EXPECT_EQ(src->name(), "mp4/libavcodec " + le::driver::libavcodecBuildVersion() + " h264");
+  // Without a GPU the hardware decoder exists in FFmpeg but refuses to open.
+  if (avcodec_find_decoder_by_name("h264_cuvid")) {
+    EXPECT_THAT(err, HasSubstr("[le-driver] h264_cuvid refused " + path +
+                               " — falling back to the software h264 decoder (same samples, more CPU)\n"));
+  }
+
+  const std::vector<uint8_t> all = readAll(*src);
+  ASSERT_EQ(all.size(), rgbFrame * 30);
+  for (int i = 0; i < 30; ++i) {
+    const auto want = rgbFrom420(&yuv[yuvFrame * i], 96, 64);
+    ASSERT_EQ(0, std::memcmp(want.data(), &all[rgbFrame * i], rgbFrame)) << "frame " << i;
+    EXPECT_EQ(media::frameTag(&all[rgbFrame * i], 96), i);
+  }
+  // Residency: 4 frame threads + 5 frames of 4:2:0 plus the largest packet.
+  EXPECT_GE(src->residentBytes(), (96 * 64 * 3 / 2) * 9u);
+  EXPECT_LT(src->residentBytes(), (96 * 64 * 3 / 2) * 9u + 96 * 64 * 3);
+
+  std::vector<uint8_t> f(rgbFrame);
+  src->seek(17);  // backwards from the end: rewind + 17 decodes
+  ASSERT_TRUE(src->next(f.data()));
+  EXPECT_EQ(0, std::memcmp(f.data(), &all[rgbFrame * 17], rgbFrame));
+  src->seek(25);  // forwards
+  ASSERT_TRUE(src->next(f.data()));
+  EXPECT_EQ(0, std::memcmp(f.data(), &all[rgbFrame * 25], rgbFrame));
+  src->rewind();
+  ASSERT_TRUE(src->next(f.data()));
+  EXPECT_EQ(0, std::memcmp(f.data(), all.data(), rgbFrame));
+  EXPECT_EQ(errorOf([&] { src->seek(30); }), "le_driver: seek outside the member");
+  EXPECT_EQ(errorOf([&] { src->seek(-1); }), "le_driver: seek outside the member");
+}
+
+TEST(MovieSource, Nv12RowsUseInterleavedChroma) {
+  const std::string dir = media::scratchDir("nv12");
+  const std::string path = dir + "/drive.nut";
+  media::MovieSpec spec;
+  spec.encoder = "rawvideo", spec.pixFmt = "nv12", spec.w = 64, spec.h = 32, spec.frames = 3;
+  media::writeMovie(path, spec);
+  auto src = le::driver::openMp4(path, 3, 64, 32);
+  std::vector<uint8_t> got(64 * 32 * 3), want(64 * 32 * 3);
+  std::vector<uint8_t> Y(64 * 32), UV(64 * 16);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(src->next(got.data()));
+    uint8_t* data[2] = {Y.data(), UV.data()};
+    int ls[2] = {64, 64};
+    media::fillPattern(i, "nv12", data, ls, 64, 32);
+    for (int y = 0; y < 32; ++y)
+      for (int x = 0; x < 64; ++x)
+        media::yuvToRgbRef(Y[y * 64 + x], UV[(y / 2) * 64 + (x / 2) * 2], UV[(y / 2) * 64 + (x / 2) * 2 + 1],
+                        &want[(y * 64 + x) * 3]);
+    ASSERT_EQ(got, want) << "frame " << i;
+  }
+  EXPECT_FALSE(src->next(got.data()));
+}
+
+TEST(MovieSource, PriorDecodesToHalfPlanesWithTheFixedPointFormula) {
+  const std::string dir = media::scratchDir("prior");
+  const std::string path = dir + "/P_hevc.mov";
+  const int side = 64, n = 4;
+  media::MovieSpec spec;
+  spec.encoder = "libx265", spec.pixFmt = "yuv444p", spec.w = side, spec.h = side, spec.frames = n;
+  spec.lossless = true, spec.preset = "ultrafast";
+  media::writeMovie(path, spec, [](int i, uint8_t* const* d, const int* ls, int w, int h) {
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        uint8_t Y = 16, U = 128, V = 128;  // frame 0: black
+        if (i == 1) Y = 235;               // frame 1: white
+        if (i >= 2) Y = uint8_t(x * 4 + y), U = uint8_t(x * 3 + i * 40), V = uint8_t(255 - y * 4);
+        d[0][y * ls[0] + x] = Y, d[1][y * ls[1] + x] = U, d[2][y * ls[2] + x] = V;
+      }
+  });
+  EnvGuard hw("LE_DRIVER_HWDEC", "0");
+  testing::internal::CaptureStderr();
+  auto src = le::driver::openPriorHevc(path, n, side);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "[le-driver] LE_DRIVER_HWDEC=0 — h264_cuvid not attempted; the software decoder is the one decoder on "
+            "this fleet (same samples)\n");
+  EXPECT_EQ(src->name(), "hevc444/libavcodec " + le::driver::libavcodecBuildVersion() + " hevc");
+  const size_t plane = side * side;
+  ASSERT_EQ(src->frameBytes(), plane * 6);
+  std::vector<uint16_t> f(plane * 3);
+  auto bytes = reinterpret_cast<uint8_t*>(f.data());
+
+  ASSERT_TRUE(src->next(bytes));
+  EXPECT_EQ(f, std::vector<uint16_t>(plane * 3, 0));
+  ASSERT_TRUE(src->next(bytes));
+  EXPECT_EQ(f, std::vector<uint16_t>(plane * 3, 0x3C00));
+
+  const std::vector<uint8_t> yuv = ffmpegDecode(path, "yuv444p");
+  ASSERT_EQ(yuv.size(), plane * 3 * n);
+  uint16_t half[256];
+  for (int v = 0; v < 256; ++v) half[v] = le::f32ToF16(static_cast<float>(v / 255.0));
+  for (int i = 2; i < n; ++i) {
+    ASSERT_TRUE(src->next(bytes));
+    const uint8_t* Y = &yuv[plane * 3 * i];
+    for (size_t p = 0; p < plane; ++p) {
+      int rgb[3];
+      media::yuv444ToRgbRef(Y[p], Y[plane + p], Y[2 * plane + p], rgb);
+      ASSERT_EQ(f[p], half[rgb[0]]) << "R at " << p << " frame " << i;
+      ASSERT_EQ(f[plane + p], half[rgb[1]]) << "G at " << p;
+      ASSERT_EQ(f[2 * plane + p], half[rgb[2]]) << "B at " << p;
+    }
+  }
+  EXPECT_FALSE(src->next(bytes));
+  // Mode 1 residency counts 4:4:4 frames.
+  EXPECT_GE(src->residentBytes(), plane * 3 * 9);
+}
+
+TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
+  const std::string dir = media::scratchDir("refusals");
+  media::MovieSpec spec;
+  spec.frames = 6;
+  const std::string good = dir + "/good.mp4";
+  media::writeMovie(good, spec);
+
+  EXPECT_EQ(errorOf([&] { le::driver::openMp4(good, 6, 96, 62); }),
+            "le_driver: " + good + " is 96x64, the manifest says 96x62 — refusing to rescale the driver");
+  EXPECT_EQ(errorOf([&] { le::driver::openMp4(good, 7, 96, 64); }),
+            "le_driver: " + good + " carries 6 frames, the manifest says NT=7 — member/manifest mismatch, refusing");
+  EXPECT_EQ(errorOf([&] { le::driver::openMp4(dir + "/missing.mp4", 6, 96, 64); }),
+            "le_driver: " + dir + "/missing.mp4 is not a readable container");
+
+  // Truncated before its index: unreadable.
+  const auto bytes = media::readBytes(good);
+  const std::string cut = dir + "/cut.mp4";
+  {
+    FILE* f = std::fopen(cut.c_str(), "wb");
+    std::fwrite(bytes.data(), 1, bytes.size() / 2, f);
+    std::fclose(f);
+  }
+  EXPECT_EQ(errorOf([&] { le::driver::openMp4(cut, 6, 96, 64); }),
+            "le_driver: " + cut + " is not a readable container");
+
+  // 4:2:2 fails at the first frame in mode 0.
+  media::MovieSpec s422 = spec;
+  s422.pixFmt = "yuv422p";
+  const std::string m422 = dir + "/m422.mp4";
+  media::writeMovie(m422, s422);
+  auto src = le::driver::openMp4(m422, 6, 96, 64);
+  std::vector<uint8_t> frame(96 * 64 * 6);
+  EXPECT_EQ(errorOf([&] { src->next(frame.data()); }),
+            "le_driver: " + m422 +
+                " decoded to yuv422p, not the 4:2:0 layout the canvas conversion is written for (yuv420p / nv12) — "
+                "refusing rather than pasting onto a different pixel domain");
+
+  // A yuv420p prior fails at the first frame in mode 1.
+  media::MovieSpec sq = spec;
+  sq.w = sq.h = 64;
+  const std::string p420 = dir + "/p420.mov";
+  media::writeMovie(p420, sq);
+  auto prior = le::driver::openPriorHevc(p420, 6, 64);
+  EXPECT_EQ(errorOf([&] { prior->next(frame.data()); }),
+            "le_driver: " + p420 +
+                " decoded to yuv420p, not the yuv444p a warp prior is authored in — a subsampled prior is a different "
+                "mouth, refusing");
+
+  // A member that declares no frame count is accepted; only running past its end fails.
+  const std::string mkv = dir + "/short.mkv";
+  media::writeMovie(mkv, spec);
+  auto shortSrc = le::driver::openMp4(mkv, 10, 96, 64);
+  EXPECT_EQ(errorOf([&] { shortSrc->seek(8); }), "le_driver: " + mkv + " ended at frame 6 while seeking to 8");
+
+  // Not a movie at all.
+  const std::string text = dir + "/notes.mp4";
+  {
+    FILE* f = std::fopen(text.c_str(), "wb");
+    std::fputs("plain text, no container here\n", f);
+    std::fclose(f);
+  }
+  EXPECT_THAT(errorOf([&] { le::driver::openMp4(text, 6, 96, 64); }), StartsWith("le_driver: " + text));
+}
+
+TEST(MovieSource, DecoderBuildNamesTheBuildTimeLibavcodec) {
+  const std::string s = le::movieDecoderBuild();
+  EXPECT_EQ(s, "libavcodec " + le::driver::libavcodecBuildVersion() + " / " + avcodec_configuration());
+  EXPECT_EQ(le::driver::libavcodecBuildVersion(), std::to_string(LIBAVCODEC_VERSION_MAJOR) + "." +
+                                                     std::to_string(LIBAVCODEC_VERSION_MINOR) + "." +
+                                                     std::to_string(LIBAVCODEC_VERSION_MICRO));
+}
+
+TEST(JpgDirSource, DeliversStillsAndRefusesAWrongSize) {
+  const std::string dir = media::scratchDir("jpgdir");
+  media::writeJpegDir(dir, 80, 48, 6);
+  // frame 3 one pixel narrower
+  const auto narrow = media::patternRgb(79, 48, 3);
+  media::writeJpeg(dir + "/frame_000003.jpg", narrow.data(), 79, 48);
+
+  auto src = le::driver::openJpgDir(dir, 6, 80, 48);
+  EXPECT_EQ(src->name(), "jpg/stb");
+  EXPECT_EQ(src->residentBytes(), 0u);
+  EXPECT_EQ(src->frameBytes(), 80u * 48 * 3);
+  std::vector<uint8_t> f(80 * 48 * 3);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(src->next(f.data()));
+    int w = 0, h = 0;
+    char name[64];
+    std::snprintf(name, sizeof name, "/frame_%06d.jpg", i);
+    EXPECT_EQ(f, le::loadImageRGB(dir + name, &w, &h));
+    EXPECT_EQ(media::frameTag(f.data(), 80), i);
+  }
+  EXPECT_EQ(errorOf([&] { src->next(f.data()); }),
+            "le_driver: " + dir + "/frame_000003.jpg is 79x48, the manifest says 80x48 — refusing");
+  src->seek(5);
+  ASSERT_TRUE(src->next(f.data()));
+  EXPECT_EQ(media::frameTag(f.data(), 80), 5);
+  EXPECT_FALSE(src->next(f.data()));
+  src->rewind();
+  ASSERT_TRUE(src->next(f.data()));
+  EXPECT_EQ(media::frameTag(f.data(), 80), 0);
+  EXPECT_EQ(errorOf([&] { src->seek(6); }), "le_driver: seek outside the member");
+  // A missing still surfaces the image module's text.
+  auto gap = le::driver::openJpgDir(dir + "/nowhere", 6, 80, 48);
+  EXPECT_EQ(errorOf([&] { gap->next(f.data()); }), "decode failed: " + dir + "/nowhere/frame_000000.jpg");
+}
+
+TEST(Image, PngRoundTripsAndFailuresNameThePath) {
+  const std::string dir = media::scratchDir("image");
+  const auto rgb = media::patternRgb(33, 17, 9);
+  le::writePNG(dir + "/a.png", rgb.data(), 33, 17);
+  int w = 0, h = 0;
+  EXPECT_EQ(le::loadImageRGB(dir + "/a.png", &w, &h), rgb);
+  EXPECT_EQ(w, 33);
+  EXPECT_EQ(h, 17);
+  EXPECT_EQ(errorOf([&] { le::writePNG(dir + "/no/such/dir/a.png", rgb.data(), 33, 17); }),
+            "png write failed: " + dir + "/no/such/dir/a.png");
+  EXPECT_EQ(errorOf([&] { le::loadImageRGB(dir + "/absent.jpg", &w, &h); }), "decode failed: " + dir + "/absent.jpg");
+  // A grey PNG comes back with three channels.
+  const std::vector<uint8_t> grey(16 * 16, 77);
+  media::writeGreyPng(dir + "/g.png", grey.data(), 16, 16);
+  EXPECT_EQ(le::loadImageRGB(dir + "/g.png", &w, &h), std::vector<uint8_t>(16 * 16 * 3, 77));
+}

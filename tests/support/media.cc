@@ -1,0 +1,253 @@
+#include "tests/support/media.h"
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
+}
+
+#define STB_IMAGE_WRITE_STATIC
+#define STB_IMAGE_WRITE_IMPLEMENTATION
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wunused-function"
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+#endif
+#include <stb_image_write.h>
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+
+namespace le::testmedia {
+
+namespace {
+
+constexpr int kTagBits = 8;
+constexpr int kTagBlock = 8;
+
+[[noreturn]] void fail(const std::string& what) { throw std::runtime_error("testmedia: " + what); }
+
+void check(int r, const char* what) {
+  if (r < 0) {
+    char buf[64];
+    av_strerror(r, buf, sizeof buf);
+    fail(std::string(what) + ": " + buf);
+  }
+}
+
+bool tagBit(int index, int x, int y) {
+  if (y >= kTagBlock || x >= kTagBits * kTagBlock) return false;
+  return (index >> (x / kTagBlock)) & 1;
+}
+bool inTag(int x, int y) { return y < kTagBlock && x < kTagBits * kTagBlock; }
+
+void drain(AVCodecContext* c, AVFormatContext* oc, AVStream* st, AVPacket* pkt) {
+  for (;;) {
+    int r = avcodec_receive_packet(c, pkt);
+    if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return;
+    check(r, "receive packet");
+    if (pkt->duration <= 0) pkt->duration = 1;  // else the muxer's edit list cuts the last frame
+    av_packet_rescale_ts(pkt, c->time_base, st->time_base);
+    pkt->stream_index = st->index;
+    check(av_interleaved_write_frame(oc, pkt), "write frame");
+  }
+}
+
+}  // namespace
+
+void fillPattern(int index, const std::string& pixFmt, uint8_t* const* data, const int* linesize, int w, int h) {
+  const AVPixelFormat f = av_get_pix_fmt(pixFmt.c_str());
+  const AVPixFmtDescriptor* d = av_pix_fmt_desc_get(f);
+  if (!d) fail("unknown pixel format " + pixFmt);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      int Y = 16 + ((x * 3 + y * 2 + index * 9) % 200);
+      if (inTag(x, y)) Y = tagBit(index, x, y) ? 235 : 16;
+      data[0][y * linesize[0] + x] = static_cast<uint8_t>(Y);
+    }
+  if (f == AV_PIX_FMT_NV12) {
+    for (int y = 0; y < (h + 1) / 2; ++y)
+      for (int x = 0; x < (w + 1) / 2; ++x) {
+        const bool tag = inTag(2 * x, 2 * y);
+        data[1][y * linesize[1] + 2 * x] = static_cast<uint8_t>(tag ? 128 : 64 + (x * 5 + index * 3) % 128);
+        data[1][y * linesize[1] + 2 * x + 1] = static_cast<uint8_t>(tag ? 128 : 64 + (y * 7 + index * 5) % 128);
+      }
+    return;
+  }
+  const int cw = -((-w) >> d->log2_chroma_w), ch = -((-h) >> d->log2_chroma_h);
+  for (int y = 0; y < ch; ++y)
+    for (int x = 0; x < cw; ++x) {
+      const bool tag = inTag(x << d->log2_chroma_w, y << d->log2_chroma_h);
+      data[1][y * linesize[1] + x] = static_cast<uint8_t>(tag ? 128 : 64 + (x * 5 + index * 3) % 128);
+      data[2][y * linesize[2] + x] = static_cast<uint8_t>(tag ? 128 : 64 + (y * 7 + index * 5) % 128);
+    }
+}
+
+void writeMovie(const std::string& path, const MovieSpec& spec, const FillFn& fill) {
+  // Encoders report statistics at info level; tests only want errors.
+  struct LogLevel {
+    int saved = av_log_get_level();
+    LogLevel() { av_log_set_level(AV_LOG_ERROR); }
+    ~LogLevel() { av_log_set_level(saved); }
+  } quiet;
+  AVFormatContext* ocRaw = nullptr;
+  check(avformat_alloc_output_context2(&ocRaw, nullptr, nullptr, path.c_str()), "output context");
+  std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> oc(ocRaw, [](AVFormatContext* o) {
+    if (o->pb) avio_closep(&o->pb);
+    avformat_free_context(o);
+  });
+  const AVCodec* codec = avcodec_find_encoder_by_name(spec.encoder.c_str());
+  if (!codec) fail("no encoder " + spec.encoder);
+  AVStream* st = avformat_new_stream(oc.get(), nullptr);
+  if (!st) fail("new stream");
+  std::unique_ptr<AVCodecContext, void (*)(AVCodecContext*)> c(avcodec_alloc_context3(codec),
+                                                               [](AVCodecContext* p) { avcodec_free_context(&p); });
+  c->width = spec.w;
+  c->height = spec.h;
+  c->pix_fmt = av_get_pix_fmt(spec.pixFmt.c_str());
+  if (c->pix_fmt == AV_PIX_FMT_NONE) fail("pixel format " + spec.pixFmt);
+  c->time_base = AVRational{1, spec.fps};
+  c->framerate = AVRational{spec.fps, 1};
+  c->gop_size = spec.gop;
+  if (oc->oformat->flags & AVFMT_GLOBALHEADER) c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  AVDictionary* opts = nullptr;
+  if (spec.encoder == "libx264") {
+    av_dict_set(&opts, "preset", spec.preset.c_str(), 0);
+    if (spec.lossless)
+      av_dict_set(&opts, "qp", "0", 0);
+    else
+      av_dict_set(&opts, "crf", std::to_string(spec.crf).c_str(), 0);
+  } else if (spec.encoder == "libx265") {
+    av_dict_set(&opts, "preset", spec.preset.c_str(), 0);
+    av_dict_set(&opts, "x265-params", spec.lossless ? "log-level=error:lossless=1" : "log-level=error", 0);
+    if (!spec.lossless) av_dict_set(&opts, "crf", std::to_string(spec.crf).c_str(), 0);
+  }
+  const int opened = avcodec_open2(c.get(), codec, &opts);
+  av_dict_free(&opts);
+  check(opened, "open encoder");
+  check(avcodec_parameters_from_context(st->codecpar, c.get()), "parameters");
+  st->time_base = c->time_base;
+  if (!(oc->oformat->flags & AVFMT_NOFILE)) check(avio_open(&oc->pb, path.c_str(), AVIO_FLAG_WRITE), "open file");
+  check(avformat_write_header(oc.get(), nullptr), "header");
+
+  std::unique_ptr<AVFrame, void (*)(AVFrame*)> frame(av_frame_alloc(), [](AVFrame* f) { av_frame_free(&f); });
+  std::unique_ptr<AVPacket, void (*)(AVPacket*)> pkt(av_packet_alloc(), [](AVPacket* p) { av_packet_free(&p); });
+  frame->format = c->pix_fmt;
+  frame->width = spec.w;
+  frame->height = spec.h;
+  check(av_frame_get_buffer(frame.get(), 0), "frame buffer");
+  for (int i = 0; i < spec.frames; ++i) {
+    check(av_frame_make_writable(frame.get()), "writable");
+    if (fill)
+      fill(i, frame->data, frame->linesize, spec.w, spec.h);
+    else
+      fillPattern(i, spec.pixFmt, frame->data, frame->linesize, spec.w, spec.h);
+    frame->pts = i;
+    check(avcodec_send_frame(c.get(), frame.get()), "send frame");
+    drain(c.get(), oc.get(), st, pkt.get());
+  }
+  check(avcodec_send_frame(c.get(), nullptr), "flush");
+  drain(c.get(), oc.get(), st, pkt.get());
+  check(av_write_trailer(oc.get()), "trailer");
+}
+
+std::vector<uint8_t> patternRgb(int w, int h, int index) {
+  std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      uint8_t* p = &rgb[(static_cast<size_t>(y) * w + x) * 3];
+      if (inTag(x, y)) {
+        p[0] = p[1] = p[2] = tagBit(index, x, y) ? 255 : 0;
+      } else {
+        p[0] = static_cast<uint8_t>((x * 2 + index * 13) & 255);
+        p[1] = static_cast<uint8_t>((y * 3 + index * 7) & 255);
+        p[2] = static_cast<uint8_t>(((x + y) + index * 5) & 255);
+      }
+    }
+  return rgb;
+}
+
+int frameTag(const uint8_t* rgb, int w) {
+  if (w < kTagBits * kTagBlock) return -1;
+  int v = 0;
+  const int y = kTagBlock / 2;
+  for (int b = 0; b < kTagBits; ++b) {
+    const int x = b * kTagBlock + kTagBlock / 2;
+    const uint8_t* p = rgb + (static_cast<size_t>(y) * w + x) * 3;
+    const int lum = (p[0] + p[1] + p[2]) / 3;
+    if (lum > 170)
+      v |= 1 << b;
+    else if (lum > 85)
+      return -1;
+  }
+  return v;
+}
+
+void writeJpeg(const std::string& path, const uint8_t* rgb, int w, int h, int quality) {
+  if (!stbi_write_jpg(path.c_str(), w, h, 3, rgb, quality)) fail("jpeg write " + path);
+}
+
+void writeGreyPng(const std::string& path, const uint8_t* grey, int w, int h) {
+  if (!stbi_write_png(path.c_str(), w, h, 1, grey, w)) fail("png write " + path);
+}
+
+void writeJpegDir(const std::string& dir, int w, int h, int n) {
+  ::mkdir(dir.c_str(), 0755);
+  for (int i = 0; i < n; ++i) {
+    char name[64];
+    std::snprintf(name, sizeof name, "/frame_%06d.jpg", i);
+    const auto rgb = patternRgb(w, h, i);
+    writeJpeg(dir + name, rgb.data(), w, h);
+  }
+}
+
+std::string scratchDir(const std::string& name) {
+  const char* base = std::getenv("LE_TEST_TMP");
+  std::string root = base && *base ? base : "/tmp/le_test_tmp";
+  ::mkdir(root.c_str(), 0755);
+  const std::string dir = root + "/" + name + "." + std::to_string(::getpid());
+  run("rm -rf '" + dir + "'");
+  if (::mkdir(dir.c_str(), 0755) != 0) fail("cannot create " + dir);
+  return dir;
+}
+
+int run(const std::string& cmd) {
+  const int r = std::system(cmd.c_str());
+  return r == -1 ? -1 : WEXITSTATUS(r);
+}
+
+std::vector<uint8_t> readBytes(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  if (!f) fail("cannot open " + path);
+  return std::vector<uint8_t>((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+}
+
+void yuvToRgbRef(int Y, int U, int V, uint8_t* rgb) {
+  const int L = 298 * (Y - 16) + 128, D = U - 128, E = V - 128;
+  auto c = [](int x) { return static_cast<uint8_t>(x < 0 ? 0 : x > 255 ? 255 : x); };
+  rgb[0] = c((L + 409 * E) >> 8);
+  rgb[1] = c((L - 100 * D - 208 * E) >> 8);
+  rgb[2] = c((L + 516 * D) >> 8);
+}
+
+void yuv444ToRgbRef(int Y, int U, int V, int* rgb) {
+  const int y = (Y - 16) * 76312, u = U - 128, v = V - 128;
+  auto c = [](int x) { return x < 0 ? 0 : x > 255 ? 255 : x; };
+  rgb[0] = c((y + 104600 * v + 32768) >> 16);
+  rgb[1] = c((y - 25672 * u - 53280 * v + 32768) >> 16);
+  rgb[2] = c((y + 132200 * u + 32768) >> 16);
+}
+
+}  // namespace le::testmedia

@@ -1,0 +1,62 @@
+// Real media for tests and benchmarks: movies encoded through libavcodec and JPEG stills
+// written with stb_image_write. Every frame carries its index as a row of black/white blocks
+// so that a reader can tell which frame it got.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace le::testmedia {
+
+struct MovieSpec {
+  std::string encoder = "libx264";  // any libavcodec encoder: libx264, libx265, rawvideo, ...
+  std::string pixFmt = "yuv420p";
+  int w = 96, h = 64, frames = 12, fps = 25;
+  bool lossless = false;  // x264 qp 0 / x265 lossless
+  int crf = 20;
+  std::string preset = "veryfast";
+  int gop = 12;  // keyframe interval
+};
+
+// Writes the samples of frame `index` into data/linesize (planes as the pixel format lays them).
+using FillFn = std::function<void(int index, uint8_t* const* data, const int* linesize, int w, int h)>;
+
+// Encodes spec.frames frames into path; the container follows the file extension (.mp4, .mov,
+// .mkv, .nut). Throws std::runtime_error on any failure.
+void writeMovie(const std::string& path, const MovieSpec& spec, const FillFn& fill = {});
+
+// The default content: a moving colour gradient with the index blocks on top. Works for planar
+// yuv formats and nv12.
+void fillPattern(int index, const std::string& pixFmt, uint8_t* const* data, const int* linesize, int w, int h);
+
+// Packed RGB frame with the same kind of content and index blocks.
+std::vector<uint8_t> patternRgb(int w, int h, int index);
+
+// The index read back from the blocks of a packed RGB frame (w >= 64); -1 when unreadable.
+int frameTag(const uint8_t* rgb, int w);
+
+// JPEG still through stb_image_write.
+void writeJpeg(const std::string& path, const uint8_t* rgb, int w, int h, int quality = 92);
+
+// One-channel PNG through stb_image_write.
+void writeGreyPng(const std::string& path, const uint8_t* grey, int w, int h);
+
+// Writes frame_%06d.jpg for frames 0 … n-1 into dir (created).
+void writeJpegDir(const std::string& dir, int w, int h, int n);
+
+// A fresh empty scratch directory under LE_TEST_TMP (or /tmp).
+std::string scratchDir(const std::string& name);
+
+// Runs a shell command; returns its exit status.
+int run(const std::string& cmd);
+
+// Whole file as bytes.
+std::vector<uint8_t> readBytes(const std::string& path);
+
+// The reference conversions the engine promises, written out scalar.
+void yuvToRgbRef(int Y, int U, int V, uint8_t* rgb);
+void yuv444ToRgbRef(int Y, int U, int V, int* rgb);
+
+}  // namespace le::testmedia
