@@ -3,7 +3,7 @@
 # namespace functions a host may call.
 set -euo pipefail
 lib="$1"
-allowed='^(le_[a-z0-9_]+|le::simd::target\(\)|le::movieDecoderBuild\(.*\)|le::tessera::decodeBankTrack\(.*\)|le::tessera::bankDecoderBuild\(.*\))$'
+allowed='^(le_[a-z0-9_]+|le::simd::target\(\)|le::movieDecoderBuild(\[abi:cxx11\])?\(.*\)|le::tessera::decodeBankTrack\(.*\)|le::tessera::bankDecoderBuild(\[abi:cxx11\])?\(.*\))$'
 bad=$(nm -D --defined-only -C "$lib" | awk '{ $1=""; $2=""; sub(/^  /, ""); print }' | grep -v -E "$allowed" || true)
 if [ -n "$bad" ]; then
   echo "unexpected exported symbols:"; echo "$bad"; exit 1
