@@ -107,22 +107,116 @@ HWY_INLINE V4 LanczosPixel(const float* HWY_RESTRICT src, int crop, const float*
   return sum;
 }
 
+#if HWY_TARGET <= HWY_AVX2
+// Wide targets hold kGroup pixels per vector, one per 128-bit block; each block runs
+// exactly the single-pixel sequence of operations.
+using DW = hn::ScalableTag<float>;
+using VW = hn::Vec<DW>;
+constexpr int kGroup = static_cast<int>(hn::MaxLanes(DW()) / 4);
+
+// One vector of kGroup 128-bit pieces, piece k from p[k].
+HWY_INLINE VW Pieces(const float* const* p) {
+  const D4 d4;
+#if HWY_TARGET <= HWY_AVX3
+  const hn::Half<DW> d8;
+  return hn::Combine(DW(), hn::Combine(d8, hn::LoadU(d4, p[3]), hn::LoadU(d4, p[2])),
+                     hn::Combine(d8, hn::LoadU(d4, p[1]), hn::LoadU(d4, p[0])));
+#else
+  return hn::Combine(DW(), hn::LoadU(d4, p[1]), hn::LoadU(d4, p[0]));
+#endif
+}
+
+// Piece k of the result broadcasts v[k].
+HWY_INLINE VW Broadcasts(const float* v) {
+  const D4 d4;
+#if HWY_TARGET <= HWY_AVX3
+  const hn::Half<DW> d8;
+  return hn::Combine(DW(), hn::Combine(d8, hn::Set(d4, v[3]), hn::Set(d4, v[2])),
+                     hn::Combine(d8, hn::Set(d4, v[1]), hn::Set(d4, v[0])));
+#else
+  return hn::Combine(DW(), hn::Set(d4, v[1]), hn::Set(d4, v[0]));
+#endif
+}
+
+// Channel sums of kGroup interior pixels, stored as kGroup runs of four floats.
+HWY_INLINE void LanczosGroup(const float* HWY_RESTRICT src, int crop, const float* HWY_RESTRICT lanczos,
+                             const detail::PastePos* p, float* HWY_RESTRICT sums) {
+  const DW dw;
+  VW kx[8];
+  float tap[kGroup];
+  for (int i = 0; i < 8; ++i) {
+    for (int k = 0; k < kGroup; ++k) tap[k] = lanczos[8 * p[k].px + i];
+    kx[i] = Broadcasts(tap);
+  }
+  VW sum = hn::Zero(dw);
+  for (int j = 0; j < 8; ++j) {
+    const float* s[kGroup];
+    for (int k = 0; k < kGroup; ++k) {
+      s[k] = src + (static_cast<size_t>(p[k].iy - 3 + j) * crop + (p[k].ix - 3)) * 4;
+      tap[k] = lanczos[8 * p[k].py + j];
+    }
+    VW r = hn::Mul(kx[0], Pieces(s));
+    for (int i = 1; i < 8; ++i) {
+      for (int k = 0; k < kGroup; ++k) s[k] += 4;
+      r = hn::Add(r, hn::Mul(kx[i], Pieces(s)));
+    }
+    sum = hn::Add(sum, hn::Mul(r, Broadcasts(tap)));
+  }
+  hn::StoreU(sum, dw, sums);
+}
+#endif
+
+// Blends one output pixel through the single-pixel path.
+HWY_INLINE void PastePixel(const float* HWY_RESTRICT src, int crop, const uint8_t* HWY_RESTRICT mask,
+                           const float* HWY_RESTRICT lanczos, const float* HWY_RESTRICT bilinear, int sx,
+                           int sy, uint8_t* HWY_RESTRICT px) {
+  const detail::PastePos p = detail::pastePos(sx, sy, crop);
+  if (!p.ok) return;
+  const float alpha = detail::pasteAlpha(mask, crop, bilinear, p);
+  if (!(alpha > 0.0f)) return;
+  HWY_ALIGN float sum[4];
+  hn::Store(LanczosPixel(src, crop, lanczos + 8 * p.px, lanczos + 8 * p.py, p, detail::pasteInterior(p, crop)),
+            D4(), sum);
+  detail::pasteBlend(alpha, sum, px);
+}
+
 void PasteLanczos8Row(const float* HWY_RESTRICT src, int crop, const uint8_t* HWY_RESTRICT mask,
                       const float* HWY_RESTRICT lanczos, const float* HWY_RESTRICT bilinear,
                       const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x,
                       int row_y, int x_begin, int x_end, uint8_t* HWY_RESTRICT dst_row) {
-  const D4 d;
-  HWY_ALIGN float sum[4];
-  for (int x = x_begin; x <= x_end; ++x) {
+#if HWY_TARGET <= HWY_AVX2
+  HWY_ALIGN float sums[4 * kGroup];
+#endif
+  for (int x = x_begin; x <= x_end;) {
+#if HWY_TARGET <= HWY_AVX2
+    if (x + kGroup - 1 <= x_end) {
+      detail::PastePos p[kGroup];
+      float alpha[kGroup];
+      bool interior = true, any = false;
+      for (int k = 0; k < kGroup && interior; ++k) {
+        const int i = x + k - x_begin;
+        p[k] = detail::pastePos(row_x + col_x[i], row_y + col_y[i], crop);
+        interior = p[k].ok && detail::pasteInterior(p[k], crop);
+        if (interior) {
+          alpha[k] = detail::pasteAlpha(mask, crop, bilinear, p[k]);
+          any = any || alpha[k] > 0.0f;
+        }
+      }
+      if (interior) {
+        if (any) {
+          LanczosGroup(src, crop, lanczos, p, sums);
+          for (int k = 0; k < kGroup; ++k)
+            if (alpha[k] > 0.0f) detail::pasteBlend(alpha[k], sums + 4 * k, dst_row + 3 * static_cast<size_t>(x + k));
+        }
+        x += kGroup;
+        continue;
+      }
+    }
+#endif
     const int i = x - x_begin;
-    const detail::PastePos p = detail::pastePos(row_x + col_x[i], row_y + col_y[i], crop);
-    if (!p.ok) continue;
-    const float alpha = detail::pasteAlpha(mask, crop, bilinear, p);
-    if (!(alpha > 0.0f)) continue;
-    const V4 s = LanczosPixel(src, crop, lanczos + 8 * p.px, lanczos + 8 * p.py, p,
-                              detail::pasteInterior(p, crop));
-    hn::Store(s, d, sum);
-    detail::pasteBlend(alpha, sum, dst_row + 3 * static_cast<size_t>(x));
+    PastePixel(src, crop, mask, lanczos, bilinear, row_x + col_x[i], row_y + col_y[i],
+               dst_row + 3 * static_cast<size_t>(x));
+    ++x;
   }
 }
 

@@ -26,10 +26,6 @@ inline void yuvPixel(int Y, int U, int V, uint8_t* rgb) {
   rgb[2] = clampByte((L + 516 * D) >> 8);
 }
 
-// Lane i of a pixel vector takes chroma lane (i >> 1) * step.
-alignas(64) constexpr int32_t kChromaStep1[16] = {0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7};
-alignas(64) constexpr int32_t kChromaStep2[16] = {0, 0, 2, 2, 4, 4, 6, 6, 8, 8, 10, 10, 12, 12, 14, 14};
-
 }  // namespace le::simd::detail
 
 #endif  // LE_YUV2RGB_SCALAR_ONCE
@@ -44,22 +40,36 @@ namespace le::simd {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-using D32 = hn::ScalableTag<int32_t>;
-using V32 = hn::Vec<D32>;
+// 16-bit lanes, exactly equal to the 32-bit formula: with y' = Y - 16,
+//   (298 y' + 128 + 409 E) >> 8 = y' + E + ((42 y' + 128 + 153 E) >> 8)
+//   (298 y' + 128 - 100 D - 208 E) >> 8 = y' - E + ((42 y' + 128 - 100 D + 48 E) >> 8)
+//   (298 y' + 128 + 516 D) >> 8 = y' + 2 D + ((42 y' + 128 + 4 D) >> 8)
+// (the multiples of 256 leave the floor division whole), and every bracket stays within
+// [-20128, 29597].
+using D16 = hn::ScalableTag<int16_t>;
+using V16 = hn::Vec<D16>;
+using D32 = hn::Repartition<int32_t, D16>;
 
-// Chroma of the pixel lanes starting at even pixel px, widened to one lane per pixel.
+// Duplicates each 32-bit lane's low half into both 16-bit halves: chroma per pixel pair.
+HWY_INLINE V16 PerPixel(hn::Vec<D32> c) { return hn::BitCast(D16(), hn::Or(c, hn::ShiftLeft<16>(c))); }
+
+// U and V of the pixels starting at even pixel px, one 16-bit lane per pixel.
 template <int kStep>
-HWY_INLINE V32 ChromaLanes(const uint8_t* HWY_RESTRICT c, size_t px) {
-  const D32 d;
+HWY_INLINE void Chroma(const uint8_t* HWY_RESTRICT u, const uint8_t* HWY_RESTRICT v, size_t px, V16& cu,
+                       V16& cv) {
+  const D32 d32;
   if constexpr (kStep == 1) {
-    const hn::Half<D32> dh;
-    const hn::Rebind<uint8_t, decltype(dh)> d8;
-    const V32 v = hn::ZeroExtendVector(d, hn::PromoteTo(dh, hn::LoadU(d8, c + px / 2)));
-    return hn::TableLookupLanes(v, hn::SetTableIndices(d, detail::kChromaStep1));
-  } else {
     const hn::Rebind<uint8_t, D32> d8;
-    const V32 v = hn::PromoteTo(d, hn::LoadU(d8, c + px));
-    return hn::TableLookupLanes(v, hn::SetTableIndices(d, detail::kChromaStep2));
+    cu = PerPixel(hn::PromoteTo(d32, hn::LoadU(d8, u + px / 2)));
+    cv = PerPixel(hn::PromoteTo(d32, hn::LoadU(d8, v + px / 2)));
+  } else {
+    // Interleaved UV: one 16-bit pair per chroma sample, V the high byte.
+    const hn::Rebind<uint16_t, D32> d16u;
+    const hn::Repartition<uint8_t, decltype(d16u)> d8;
+    const auto pairs = hn::BitCast(d32, hn::PromoteTo(hn::RebindToUnsigned<D32>(),
+                                                      hn::BitCast(d16u, hn::LoadU(d8, u + px))));
+    cu = PerPixel(hn::And(pairs, hn::Set(d32, 0xFF)));
+    cv = PerPixel(hn::ShiftRight<8>(pairs));
   }
 }
 
@@ -67,40 +77,33 @@ template <int kStep>
 HWY_INLINE void RowVectors(const uint8_t* HWY_RESTRICT y, const uint8_t* HWY_RESTRICT u,
                            const uint8_t* HWY_RESTRICT v, size_t width, uint8_t* HWY_RESTRICT rgb,
                            size_t& x_out) {
-  const D32 d;
-  const hn::Repartition<int16_t, D32> d16;
-  const hn::Half<decltype(d16)> d16h;
-  const hn::Repartition<uint8_t, D32> d8;
-  const hn::Half<decltype(d8)> d8h;
-  const hn::Rebind<uint8_t, D32> dq8;
+  const D16 d;
+  const hn::Rebind<uint8_t, D16> d8h;
+  const hn::Repartition<uint8_t, D16> d8;
   const size_t N = hn::Lanes(d), N8 = hn::Lanes(d8);
-  const V32 k16 = hn::Set(d, 16), k128 = hn::Set(d, 128), k298 = hn::Set(d, 298);
-  const V32 k409 = hn::Set(d, 409), k100 = hn::Set(d, 100), k208 = hn::Set(d, 208);
-  const V32 k516 = hn::Set(d, 516);
-  // Interleaved UV reads one byte past the last V sample the block needs.
-  const size_t guard = kStep == 2 ? 1 : 0;
+  const V16 k16 = hn::Set(d, 16), k128 = hn::Set(d, 128), k42 = hn::Set(d, 42);
+  const V16 k153 = hn::Set(d, 153), k100 = hn::Set(d, 100), k48 = hn::Set(d, 48);
   size_t x = 0;
-  for (; x + N8 + guard <= width; x += N8) {
-    hn::Vec<decltype(d16h)> r16[4], g16[4], b16[4];
-    for (size_t q = 0; q < 4; ++q) {
-      const size_t px = x + q * N;
-      const V32 L = hn::Add(hn::Mul(hn::Sub(hn::PromoteTo(d, hn::LoadU(dq8, y + px)), k16), k298), k128);
-      const V32 D = hn::Sub(ChromaLanes<kStep>(u, px), k128);
-      const V32 E = hn::Sub(ChromaLanes<kStep>(v, px), k128);
-      const V32 R = hn::ShiftRight<8>(hn::Add(L, hn::Mul(k409, E)));
-      const V32 G = hn::ShiftRight<8>(hn::Sub(hn::Sub(L, hn::Mul(k100, D)), hn::Mul(k208, E)));
-      const V32 B = hn::ShiftRight<8>(hn::Add(L, hn::Mul(k516, D)));
-      r16[q] = hn::DemoteTo(d16h, R);  // |values| < 2^10: exact
-      g16[q] = hn::DemoteTo(d16h, G);
-      b16[q] = hn::DemoteTo(d16h, B);
+  for (; x + N8 <= width; x += N8) {
+    hn::Vec<decltype(d8h)> r[2], g[2], b[2];
+    for (size_t h = 0; h < 2; ++h) {
+      const size_t px = x + h * N;
+      V16 cu, cv;
+      Chroma<kStep>(u, v, px, cu, cv);
+      const V16 D = hn::Sub(cu, k128), E = hn::Sub(cv, k128);
+      const V16 yp = hn::Sub(hn::PromoteTo(d, hn::LoadU(d8h, y + px)), k16);
+      const V16 y42 = hn::Add(hn::Mul(yp, k42), k128);
+      const V16 R = hn::Add(hn::Add(yp, E), hn::ShiftRight<8>(hn::Add(y42, hn::Mul(E, k153))));
+      const V16 G = hn::Add(hn::Sub(yp, E),
+                            hn::ShiftRight<8>(hn::Add(hn::Sub(y42, hn::Mul(D, k100)), hn::Mul(E, k48))));
+      const V16 B = hn::Add(hn::Add(yp, hn::ShiftLeft<1>(D)), hn::ShiftRight<8>(hn::Add(y42, hn::ShiftLeft<2>(D))));
+      // Saturating narrowing to bytes is the clamp to [0, 255].
+      r[h] = hn::DemoteTo(d8h, R);
+      g[h] = hn::DemoteTo(d8h, G);
+      b[h] = hn::DemoteTo(d8h, B);
     }
-    // Saturating narrowing to bytes is the clamp to [0, 255].
-    const auto pack = [&](hn::Vec<decltype(d16h)>* c) {
-      const auto lo = hn::Combine(d16, c[1], c[0]);
-      const auto hi = hn::Combine(d16, c[3], c[2]);
-      return hn::Combine(d8, hn::DemoteTo(d8h, hi), hn::DemoteTo(d8h, lo));
-    };
-    hn::StoreInterleaved3(pack(r16), pack(g16), pack(b16), d8, rgb + 3 * x);
+    hn::StoreInterleaved3(hn::Combine(d8, r[1], r[0]), hn::Combine(d8, g[1], g[0]), hn::Combine(d8, b[1], b[0]),
+                          d8, rgb + 3 * x);
   }
   x_out = x;
 }
@@ -113,7 +116,7 @@ void Yuv420RowToRgb24(const uint8_t* HWY_RESTRICT y, const uint8_t* HWY_RESTRICT
   size_t x = 0;
   if (chroma_step == 1)
     RowVectors<1>(y, u, v, w, rgb, x);
-  else if (chroma_step == 2)
+  else if (chroma_step == 2 && v == u + 1)
     RowVectors<2>(y, u, v, w, rgb, x);
   for (; x < w; ++x) {
     const size_t c = (x >> 1) * static_cast<size_t>(chroma_step);
