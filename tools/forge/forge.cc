@@ -11,18 +11,6 @@
 
 #include "tools/forge/forge_movie.h"
 
-// Static functions keep these copies of stb private to the forge.
-#define STB_IMAGE_WRITE_STATIC
-#define STB_IMAGE_WRITE_IMPLEMENTATION
-#if defined(__GNUC__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-#pragma GCC diagnostic ignored "-Wunused-function"
-#endif
-#include <stb_image_write.h>
-#if defined(__GNUC__)
-#pragma GCC diagnostic pop
-#endif
 
 namespace fs = std::filesystem;
 
@@ -273,17 +261,6 @@ void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
   f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   f.close();
   if (!f) throw std::runtime_error("forge: short write " + path);
-}
-
-void writeJpeg(const std::string& path, const uint8_t* rgb, int w, int h, int quality) {
-  std::vector<uint8_t> out;
-  auto sink = [](void* ctx, void* data, int size) {
-    auto* v = static_cast<std::vector<uint8_t>*>(ctx);
-    const auto* b = static_cast<const uint8_t*>(data);
-    v->insert(v->end(), b, b + size);
-  };
-  if (!stbi_write_jpg_to_func(sink, &out, w, h, 3, rgb, quality)) throw std::runtime_error("forge: jpeg encode failed " + path);
-  writeBytes(path, out);
 }
 
 std::string manifestText(const Params& p) {
