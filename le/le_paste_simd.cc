@@ -28,13 +28,12 @@ namespace le::simd::detail {
 // Source position of one output pixel, or !ok when it falls outside the crop.
 struct PastePos {
   int ix, iy, px, py;
-  bool ok;
+  int ok;  // an int: copying the struct must not mix byte and word accesses
 };
 
 inline PastePos pastePos(int sx, int sy, int crop) {
-  PastePos p{sx >> 10, sy >> 10, (sx >> 5) & 31, (sy >> 5) & 31, false};
-  p.ok = sx >= -1024 && sy >= -1024 && p.ix < crop && p.iy < crop;
-  return p;
+  const int ix = sx >> 10, iy = sy >> 10;
+  return PastePos{ix, iy, (sx >> 5) & 31, (sy >> 5) & 31, sx >= -1024 && sy >= -1024 && ix < crop && iy < crop};
 }
 
 // Bilinear mask weight of the position, in [0, 1] after the division by 255.
@@ -66,6 +65,13 @@ inline bool pasteInterior(const PastePos& p, int crop) {
 
 #endif  // LE_PASTE_SIMD_SCALAR_ONCE
 
+// The tap and row loops must unroll so the eight row sums live in registers.
+#if defined(__clang__)
+#define LE_UNROLL8 _Pragma("unroll 8")
+#else
+#define LE_UNROLL8 _Pragma("GCC unroll 8")
+#endif
+
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "le/le_paste_simd.cc"
 #include <hwy/foreach_target.h>  // IWYU pragma: keep
@@ -81,90 +87,59 @@ using D4 = hn::FixedTag<float, 4>;
 using V4 = hn::Vec<D4>;
 
 // Channel sums of one pixel; columns and rows outside the crop contribute nothing.
+// Channel sums of one pixel; columns and rows outside the crop contribute nothing.
 HWY_INLINE V4 LanczosPixel(const float* HWY_RESTRICT src, int crop, const float* HWY_RESTRICT kx,
                            const float* HWY_RESTRICT ky, const detail::PastePos& p, bool interior) {
   const D4 d;
   V4 sum = hn::Zero(d);
+  if (interior) {
+    const size_t rs = static_cast<size_t>(crop) * 4;
+    const float* s = src + (static_cast<size_t>(p.iy - 3) * crop + (p.ix - 3)) * 4;
+#if HWY_TARGET <= HWY_AVX2
+    // Two rows per 256-bit vector (row 2m in block 0, row 2m + 1 in block 1), built from
+    // broadcast loads and a blend; every lane runs the 128-bit sequence below.
+    const hn::FixedTag<float, 8> dw;
+    hn::Vec<decltype(dw)> r[4];
+    LE_UNROLL8 for (int i = 0; i < 8; ++i) {
+      const auto k = hn::Set(dw, kx[i]);
+      LE_UNROLL8 for (int m = 0; m < 4; ++m) {
+        const float* t = s + 2 * m * rs + 4 * i;
+        const auto v = hn::OddEvenBlocks(hn::LoadDup128(dw, t + rs), hn::LoadDup128(dw, t));
+        r[m] = i == 0 ? hn::Mul(k, v) : hn::Add(r[m], hn::Mul(k, v));
+      }
+    }
+    LE_UNROLL8 for (int m = 0; m < 4; ++m) {
+      sum = hn::Add(sum, hn::Mul(hn::LowerHalf(d, r[m]), hn::Set(d, ky[2 * m])));
+      sum = hn::Add(sum, hn::Mul(hn::UpperHalf(d, r[m]), hn::Set(d, ky[2 * m + 1])));
+    }
+#else
+    // Taps outer, rows inner: eight independent chains, each still summed in tap order.
+    V4 r[8];
+    const V4 k0 = hn::Set(d, kx[0]);
+    LE_UNROLL8 for (int j = 0; j < 8; ++j) r[j] = hn::Mul(k0, hn::LoadU(d, s + j * rs));
+    LE_UNROLL8 for (int i = 1; i < 8; ++i) {
+      const V4 k = hn::Set(d, kx[i]);
+      LE_UNROLL8 for (int j = 0; j < 8; ++j) r[j] = hn::Add(r[j], hn::Mul(k, hn::LoadU(d, s + j * rs + 4 * i)));
+    }
+    LE_UNROLL8 for (int j = 0; j < 8; ++j) sum = hn::Add(sum, hn::Mul(r[j], hn::Set(d, ky[j])));
+#endif
+    return sum;
+  }
   for (int j = 0; j < 8; ++j) {
     const int row = p.iy - 3 + j;
-    if (!interior && (row < 0 || row >= crop)) continue;
+    if (row < 0 || row >= crop) continue;
     const float* s = src + static_cast<size_t>(row) * crop * 4;
-    V4 r;
-    if (interior) {
-      s += static_cast<size_t>(p.ix - 3) * 4;
-      r = hn::Mul(hn::Set(d, kx[0]), hn::LoadU(d, s));
-      for (int i = 1; i < 8; ++i) r = hn::Add(r, hn::Mul(hn::Set(d, kx[i]), hn::LoadU(d, s + 4 * i)));
-    } else {
-      const auto tap = [&](int i) {
-        const int col = p.ix - 3 + i;
-        return (col >= 0 && col < crop) ? hn::LoadU(d, s + 4 * static_cast<size_t>(col)) : hn::Zero(d);
-      };
-      r = hn::Mul(hn::Set(d, kx[0]), tap(0));
-      for (int i = 1; i < 8; ++i) r = hn::Add(r, hn::Mul(hn::Set(d, kx[i]), tap(i)));
-    }
+    const auto tap = [&](int i) {
+      const int col = p.ix - 3 + i;
+      return (col >= 0 && col < crop) ? hn::LoadU(d, s + 4 * static_cast<size_t>(col)) : hn::Zero(d);
+    };
+    V4 r = hn::Mul(hn::Set(d, kx[0]), tap(0));
+    for (int i = 1; i < 8; ++i) r = hn::Add(r, hn::Mul(hn::Set(d, kx[i]), tap(i)));
     sum = hn::Add(sum, hn::Mul(r, hn::Set(d, ky[j])));
   }
   return sum;
 }
 
-#if HWY_TARGET <= HWY_AVX2
-// Wide targets hold kGroup pixels per vector, one per 128-bit block; each block runs
-// exactly the single-pixel sequence of operations.
-using DW = hn::ScalableTag<float>;
-using VW = hn::Vec<DW>;
-constexpr int kGroup = static_cast<int>(hn::MaxLanes(DW()) / 4);
-
-// One vector of kGroup 128-bit pieces, piece k from p[k].
-HWY_INLINE VW Pieces(const float* const* p) {
-  const D4 d4;
-#if HWY_TARGET <= HWY_AVX3
-  const hn::Half<DW> d8;
-  return hn::Combine(DW(), hn::Combine(d8, hn::LoadU(d4, p[3]), hn::LoadU(d4, p[2])),
-                     hn::Combine(d8, hn::LoadU(d4, p[1]), hn::LoadU(d4, p[0])));
-#else
-  return hn::Combine(DW(), hn::LoadU(d4, p[1]), hn::LoadU(d4, p[0]));
-#endif
-}
-
-// Piece k of the result broadcasts v[k].
-HWY_INLINE VW Broadcasts(const float* v) {
-  const D4 d4;
-#if HWY_TARGET <= HWY_AVX3
-  const hn::Half<DW> d8;
-  return hn::Combine(DW(), hn::Combine(d8, hn::Set(d4, v[3]), hn::Set(d4, v[2])),
-                     hn::Combine(d8, hn::Set(d4, v[1]), hn::Set(d4, v[0])));
-#else
-  return hn::Combine(DW(), hn::Set(d4, v[1]), hn::Set(d4, v[0]));
-#endif
-}
-
-// Channel sums of kGroup interior pixels, stored as kGroup runs of four floats.
-HWY_INLINE void LanczosGroup(const float* HWY_RESTRICT src, int crop, const float* HWY_RESTRICT lanczos,
-                             const detail::PastePos* p, float* HWY_RESTRICT sums) {
-  const DW dw;
-  VW kx[8];
-  float tap[kGroup];
-  for (int i = 0; i < 8; ++i) {
-    for (int k = 0; k < kGroup; ++k) tap[k] = lanczos[8 * p[k].px + i];
-    kx[i] = Broadcasts(tap);
-  }
-  VW sum = hn::Zero(dw);
-  for (int j = 0; j < 8; ++j) {
-    const float* s[kGroup];
-    for (int k = 0; k < kGroup; ++k) {
-      s[k] = src + (static_cast<size_t>(p[k].iy - 3 + j) * crop + (p[k].ix - 3)) * 4;
-      tap[k] = lanczos[8 * p[k].py + j];
-    }
-    VW r = hn::Mul(kx[0], Pieces(s));
-    for (int i = 1; i < 8; ++i) {
-      for (int k = 0; k < kGroup; ++k) s[k] += 4;
-      r = hn::Add(r, hn::Mul(kx[i], Pieces(s)));
-    }
-    sum = hn::Add(sum, hn::Mul(r, Broadcasts(tap)));
-  }
-  hn::StoreU(sum, dw, sums);
-}
-#endif
 
 // Blends one output pixel through the single-pixel path.
 HWY_INLINE void PastePixel(const float* HWY_RESTRICT src, int crop, const uint8_t* HWY_RESTRICT mask,
@@ -184,39 +159,10 @@ void PasteLanczos8Row(const float* HWY_RESTRICT src, int crop, const uint8_t* HW
                       const float* HWY_RESTRICT lanczos, const float* HWY_RESTRICT bilinear,
                       const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x,
                       int row_y, int x_begin, int x_end, uint8_t* HWY_RESTRICT dst_row) {
-#if HWY_TARGET <= HWY_AVX2
-  HWY_ALIGN float sums[4 * kGroup];
-#endif
-  for (int x = x_begin; x <= x_end;) {
-#if HWY_TARGET <= HWY_AVX2
-    if (x + kGroup - 1 <= x_end) {
-      detail::PastePos p[kGroup];
-      float alpha[kGroup];
-      bool interior = true, any = false;
-      for (int k = 0; k < kGroup && interior; ++k) {
-        const int i = x + k - x_begin;
-        p[k] = detail::pastePos(row_x + col_x[i], row_y + col_y[i], crop);
-        interior = p[k].ok && detail::pasteInterior(p[k], crop);
-        if (interior) {
-          alpha[k] = detail::pasteAlpha(mask, crop, bilinear, p[k]);
-          any = any || alpha[k] > 0.0f;
-        }
-      }
-      if (interior) {
-        if (any) {
-          LanczosGroup(src, crop, lanczos, p, sums);
-          for (int k = 0; k < kGroup; ++k)
-            if (alpha[k] > 0.0f) detail::pasteBlend(alpha[k], sums + 4 * k, dst_row + 3 * static_cast<size_t>(x + k));
-        }
-        x += kGroup;
-        continue;
-      }
-    }
-#endif
+  for (int x = x_begin; x <= x_end; ++x) {
     const int i = x - x_begin;
     PastePixel(src, crop, mask, lanczos, bilinear, row_x + col_x[i], row_y + col_y[i],
                dst_row + 3 * static_cast<size_t>(x));
-    ++x;
   }
 }
 
