@@ -12,6 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "le/le_bundle.h"
+#include "le/le_driver.h"
+#include "le/le_simd.h"
 #include "tools/forge/forge_movie.h"
 
 extern "C" {
@@ -147,23 +150,6 @@ double meanAbsDiff(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b)
 }
 
 }  // namespace
-
-TEST(Forge, HalfConversionRoundsToNearestEven) {
-  EXPECT_EQ(toHalf(1.0f), 0x3C00);
-  EXPECT_EQ(toHalf(0.5f), 0x3800);
-  EXPECT_EQ(toHalf(-2.0f), 0xC000);
-  EXPECT_EQ(toHalf(0.0f), 0x0000);
-  EXPECT_EQ(toHalf(-0.0f), 0x8000);
-  EXPECT_EQ(toHalf(65519.0f), 0x7BFF);
-  EXPECT_EQ(toHalf(65520.0f), 0x7C00);
-  EXPECT_EQ(toHalf(std::ldexp(1.0f, -24)), 0x0001);      // smallest subnormal
-  EXPECT_EQ(toHalf(std::ldexp(1.0f, -25)), 0x0000);      // tie to even: down to zero
-  EXPECT_EQ(toHalf(std::ldexp(1.5f, -24)), 0x0002);      // tie to even: up
-  EXPECT_EQ(toHalf(1.0f + std::ldexp(1.0f, -11)), 0x3C00);  // halfway, even stays
-  EXPECT_EQ(toHalf(1.0f + 3 * std::ldexp(1.0f, -11)), 0x3C02);
-  EXPECT_EQ(toHalf(std::nanf("")) & 0x7C00, 0x7C00);
-  EXPECT_NE(toHalf(std::nanf("")) & 0x03FF, 0);
-}
 
 TEST(Forge, CanonicalBundleHasEveryMemberAtItsSize) {
   Params p = small();
@@ -454,4 +440,99 @@ TEST(Forge, RefusesBadGeometryAndMovieSizes) {
   spec.encoder = "no-such-encoder";
   spec.width = spec.height = 16;
   EXPECT_THROW(MovieWriter(scratch("x.mp4"), spec), std::runtime_error);
+}
+
+// The engine's own readers over forged bundles: the manifest loads with the forged values in
+// every spelling, the drive cursor and the prior cursor deliver the forged pictures, and the
+// breaks meet the engine's refusals.
+TEST(Forge, EngineReadsWhatTheForgeWrites) {
+  Params p = small();
+  p.drive = DriveMedia::Both;
+  p.prior = Prior::Hevc;
+  const std::string dir = scratch("engine");
+  forgeBundle(dir, p);
+  const le::Manifest m = le::loadManifest(dir);
+  EXPECT_EQ(m.dir, dir);
+  EXPECT_EQ(m.agent, "forge-face");
+  EXPECT_EQ(m.NT, p.nt);
+  EXPECT_EQ(m.W, p.width);
+  EXPECT_EQ(m.H, p.height);
+  EXPECT_EQ(m.crop, p.crop);
+  EXPECT_EQ(m.frames, p.frames);
+  EXPECT_EQ(m.M_src_w, p.width);
+  EXPECT_EQ(m.M_src_h, p.height);
+  EXPECT_FLOAT_EQ(m.unsharp.amount, 1.3f);
+  EXPECT_FLOAT_EQ(m.unsharp.sigma, 2.0f);
+  EXPECT_EQ(m.unsharp.ksize, 13);
+
+  {
+    // stills win over the movie; frames are the forged ones, through JPEG
+    auto drive = le::DriverCursor::open(m, 2, 4);
+    std::vector<uint8_t> rgb(static_cast<size_t>(p.width) * p.height * 3);
+    for (int si : {0, 3, 1}) {
+      ASSERT_EQ(drive->pullAt(si, rgb.data()), si);
+      EXPECT_LT(meanAbsDiff(rgb, driveFrame(p, si)), 3.0) << si;
+    }
+    auto movie = le::driver::openMp4(dir + "/target_frames.mp4", p.nt, p.width, p.height);
+    for (int si = 0; si < p.nt; ++si) {
+      ASSERT_TRUE(movie->next(rgb.data())) << si;
+      EXPECT_LT(meanAbsDiff(rgb, driveFrame(p, si)), 4.0) << si;
+    }
+    EXPECT_FALSE(movie->next(rgb.data()));
+
+    auto prior = le::DriverCursor::openPrior(m, 2, 4);
+    const size_t px = static_cast<size_t>(p.crop) * p.crop;
+    std::vector<uint16_t> row(px * 3);
+    std::vector<float> planes(px * 3);
+    ASSERT_EQ(prior->pullAt(2, reinterpret_cast<uint8_t*>(row.data())), 2);
+    le::halfToFloat(row.data(), planes.data(), planes.size());
+    const auto want = cropImage(p, 2);
+    double diff = 0;
+    for (size_t i = 0; i < px; ++i)
+      for (int k = 0; k < 3; ++k) diff += std::fabs(planes[k * px + i] * 255.0f - want[3 * i + k]);
+    EXPECT_LT(diff / (3 * px), 2.0);
+  }
+
+  // other spellings, the same values; a stamp of another canvas is read as written
+  p.frameCountKey = p.cropSizeKey = p.longStampKeys = true;
+  p.stamp = Stamp::Other;
+  p.alternativeNames = true;
+  p.replace = true;
+  p.drive = DriveMedia::Stills;
+  forgeBundle(dir, p);
+  const le::Manifest alt = le::loadManifest(dir);
+  EXPECT_EQ(alt.NT, p.nt);
+  EXPECT_EQ(alt.crop, p.crop);
+  EXPECT_EQ(alt.M_src_w, p.width / 2);
+  EXPECT_EQ(alt.M_src_h, p.height);
+  EXPECT_EQ(le::resolveMember(dir, "P_hevc.mov"), dir + "/source_frames.hevc");
+  EXPECT_EQ(le::resolveMember(dir, "drive/si.i32"), dir + "/idle_loop/source_index.i32");
+
+  auto refusal = [&](std::vector<Break> breaks, DriveMedia media) -> std::string {
+    Params b = small();
+    b.breaks = std::move(breaks);
+    b.drive = media;
+    b.replace = true;
+    forgeBundle(dir, b);
+    try {
+      const le::Manifest bm = le::loadManifest(dir);
+      auto c = le::DriverCursor::open(bm, 2, 4);
+      std::vector<uint8_t> rgb(static_cast<size_t>(b.width) * b.height * 3);
+      for (int i = 0; i < b.nt; ++i) c->pullAt(i, rgb.data());
+    } catch (const std::exception& e) {
+      return e.what();
+    }
+    return "accepted";
+  };
+  EXPECT_NE(refusal({Break::ManifestDuplicateW}, DriveMedia::Stills).find("manifest: key \"W\" is AMBIGUOUS — 2 scalar"), std::string::npos);
+  EXPECT_EQ(refusal({Break::ManifestZeroDims}, DriveMedia::Stills), "manifest: bad dims");
+  EXPECT_EQ(refusal({Break::ManifestNoNT}, DriveMedia::Stills), "manifest: missing key NT/frame_count");
+  EXPECT_EQ(refusal({Break::ManifestBadFormat}, DriveMedia::Stills), "not an le-bundle-v0: " + dir);
+  EXPECT_NE(refusal({Break::StillWrongSize}, DriveMedia::Stills)
+                .find("le_driver: " + dir + "/target_frames/frame_000003.jpg is 95x64, the manifest says 96x64 — refusing"),
+            std::string::npos);
+  EXPECT_NE(refusal({Break::ShortMovie}, DriveMedia::Movie).find("carries 4 frames, the manifest says NT=5"), std::string::npos);
+  EXPECT_NE(refusal({Break::MovieWrongSize}, DriveMedia::Movie).find("is 94x64, the manifest says 96x64"), std::string::npos);
+  EXPECT_NE(refusal({Break::NoLastStill}, DriveMedia::Stills).find("this bundle carries neither a populated target_frames/ nor target_frames.mp4"),
+            std::string::npos);
 }

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "le/le_simd.h"
 #include "tools/forge/forge_movie.h"
 
 
@@ -62,7 +63,7 @@ std::vector<uint16_t> featureTable(const Params& p, size_t rowLen, uint64_t salt
   for (int si = 0; si < p.nt; ++si) {
     const float ph = static_cast<float>(kTwoPi * si / p.nt);
     uint16_t* row = &t[rowLen * si];
-    for (size_t j = 0; j < rowLen; ++j) row[j] = toHalf(base[j] + 0.1f * std::sin(ph + phase[j]));
+    for (size_t j = 0; j < rowLen; ++j) row[j] = le::f32ToF16(base[j] + 0.1f * std::sin(ph + phase[j]));
   }
   return t;
 }
@@ -77,7 +78,7 @@ std::vector<uint8_t> sized(std::vector<uint8_t> b, bool shortOne, bool longOne =
 // Planar R, G, B halves in [0, 1] of a packed RGB crop.
 void appendPlanarHalves(std::vector<uint16_t>& out, const std::vector<uint8_t>& rgb, size_t pixels) {
   for (int k = 0; k < 3; ++k)
-    for (size_t i = 0; i < pixels; ++i) out.push_back(toHalf(rgb[3 * i + k] / 255.0f));
+    for (size_t i = 0; i < pixels; ++i) out.push_back(le::f32ToF16(rgb[3 * i + k] / 255.0f));
 }
 
 // The left w columns of a packed RGB image.
@@ -225,32 +226,6 @@ const std::vector<std::pair<const char*, Break>>& breakNames() {
 }
 
 bool Params::has(Break b) const { return std::find(breaks.begin(), breaks.end(), b) != breaks.end(); }
-
-uint16_t toHalf(float x) {
-  uint32_t f;
-  std::memcpy(&f, &x, 4);
-  const uint32_t sign = (f >> 16) & 0x8000u;
-  const uint32_t absf = f & 0x7FFFFFFFu;
-  if (absf >= 0x7F800000u) return static_cast<uint16_t>(sign | 0x7C00u | (absf > 0x7F800000u ? 0x200u : 0));
-  if (absf >= 0x477FF000u) return static_cast<uint16_t>(sign | 0x7C00u);  // rounds to infinity
-  if (absf < 0x38800000u) {                                                // subnormal or zero half
-    // value / 2^-24 = mantissa (with its hidden bit) >> shift
-    const int shift = 126 - static_cast<int>(absf >> 23);
-    if (shift > 24) return static_cast<uint16_t>(sign);
-    const uint32_t mant = (absf & 0x7FFFFFu) | 0x800000u;
-    const uint32_t q = mant >> shift;
-    const uint32_t rem = mant & ((1u << shift) - 1);
-    const uint32_t half = 1u << (shift - 1);
-    const uint32_t r = q + ((rem > half || (rem == half && (q & 1))) ? 1 : 0);
-    return static_cast<uint16_t>(sign | r);
-  }
-  const uint32_t e = ((absf >> 23) - 112) << 10;
-  const uint32_t m = (absf >> 13) & 0x3FFu;
-  const uint32_t rem = absf & 0x1FFFu;
-  uint32_t h = e | m;
-  if (rem > 0x1000u || (rem == 0x1000u && (h & 1))) ++h;
-  return static_cast<uint16_t>(sign | h);
-}
 
 void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
   const fs::path fp(path);

@@ -131,9 +131,6 @@ std::vector<uint8_t> driveFrame(const Params& p, int si);
 // The paste mask: a soft face ellipse, crop×crop bytes.
 std::vector<uint8_t> pasteMask(const Params& p);
 
-// IEEE binary16 of x, round to nearest even.
-uint16_t toHalf(float x);
-
 // Bytes of a vector of trivially copyable values, little-endian host order.
 template <class T>
 std::vector<uint8_t> bytesOf(const std::vector<T>& v) {
