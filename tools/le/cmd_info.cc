@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "le/le_bundle.h"
+#include "le/le_driver.h"
 #include "le/le_imx.h"
 #include "tools/le/le_cli.h"
 
@@ -148,7 +149,36 @@ int cmdInfo(const std::vector<std::string>& argv) {
       std::snprintf(name, sizeof name, "/frame_%06d.jpg", i);
       stills += le::canOpenForRead(dir + "/" + jpgDir + name);
     }
-    std::printf("  %-22s %d of %lld stills%s\n", (jpgDir + "/").c_str(), stills, nt, stills == nt ? "" : stills ? ", INCOMPLETE" : "");
+    if (stills == 0)
+      std::printf("  %-22s missing\n", (jpgDir + "/").c_str());
+    else
+      std::printf("  %-22s %d of %lld stills%s\n", (jpgDir + "/").c_str(), stills, nt, stills == nt ? "" : ", INCOMPLETE");
+  }
+
+  if (haveManifest) {
+    // The sources as the engine opens them: the first frame must decode.
+    auto probe = [&](const char* what, bool prior) {
+      try {
+        auto c = prior ? DriverCursor::openPrior(m, 1, 0) : DriverCursor::open(m, 1, 0);
+        std::vector<uint8_t> frame(c->frameBytes);
+        c->pullAt(0, frame.data());
+        std::printf("%-11s %s, %d frames %dx%d, frame 0 decodes\n", what, c->name.c_str(), c->NT, c->W, c->H);
+      } catch (const std::exception& e) {
+        std::printf("%-11s REFUSED: %s\n", what, e.what());
+        refusals.push_back(e.what());
+      }
+    };
+    std::fflush(stdout);
+    if (le::canOpenForRead(le::resolveMember(dir, pRaw)))
+      std::printf("warp prior  mmap %s\n", pRaw.c_str());
+    else if (le::canOpenForRead(le::resolveMember(dir, pHevc)))
+      probe("warp prior", true);
+    else if (le::canOpenForRead(le::resolveMember(dir, "fs_red.f16")))
+      std::printf("warp prior  none: fs_red.f16 feeds the director instead\n");
+    else
+      std::printf("warp prior  none\n");
+    std::fflush(stdout);
+    probe("drive", false);
   }
 
   if (!refusals.empty()) std::fprintf(stderr, "le info: the engine refuses this bundle: %s\n", refusals.front().c_str());

@@ -49,8 +49,9 @@ int main(int argc, char** argv) {
     usage(stderr);
     return le::cli::kUsage;
   }
-  // Encoder chatter would bury the tool's own lines; FFmpeg errors still show.
-  av_log_set_level(AV_LOG_ERROR);
+  // FFmpeg's own chatter (encoder reports, hardware decoders this machine lacks) would bury
+  // the tool's lines; every failure reaches the user through the engine's messages instead.
+  av_log_set_level(AV_LOG_FATAL);
   const std::string cmd = argv[1];
   if (cmd == "--help" || cmd == "-h" || cmd == "help") {
     usage(stdout);
