@@ -262,6 +262,62 @@ std::vector<uint8_t> OnnxBuilder::build() const {
   return model;
 }
 
+std::string addStandardWarpBlock(OnnxBuilder& b, const std::string& src, const std::string& grid,
+                                 int64_t H, int64_t W, const std::string& prefix) {
+  auto nm = [&](const char* what) { return prefix + "/" + what; };
+  auto node = [&](const char* what, const std::string& op, const std::vector<std::string>& in,
+                  const std::vector<Attr>& attrs = {}) {
+    return b.node(op, in, {b.fresh(prefix + "/" + what)}, attrs, b.fresh(nm(what)));
+  };
+  // Source cone: clamp-to-edge neighbourhood, then per channel fxx, fyy and fxxyy.
+  const std::string pads = b.initI64(b.fresh(prefix + "_pads"), {8}, {0, 0, 1, 1, 0, 0, 1, 1});
+  const std::string padded = node("pad", "Pad", {src, pads}, {Attr::s("mode", "edge")});
+  const float kxx[9] = {0, 0, 0, 1, -2, 1, 0, 0, 0};
+  const float kyy[9] = {0, 1, 0, 0, -2, 0, 0, 1, 0};
+  const float kxxyy[9] = {1, -2, 1, -2, 4, -2, 1, -2, 1};
+  std::vector<float> w;
+  for (int c = 0; c < 3; ++c)
+    for (const float* k : {kxx, kyy, kxxyy}) w.insert(w.end(), k, k + 9);
+  const std::string wn = b.init(b.fresh(prefix + "_d2_w"), {9, 1, 3, 3}, w);
+  const std::string d2 = node("d2", "Conv", {padded, wn},
+                              {Attr::i("group", 3), Attr::ints("kernel_shape", {3, 3})});
+  const std::string cat = node("concat", "Concat", {src, d2}, {Attr::i("axis", 1)});
+  // One sample of all 12 channels: F (0..2), then per channel c: fxx, fyy, fxxyy at 3 + 3c.
+  const std::string gs = node("gridsample", "GridSample", {cat, grid},
+                              {Attr::i("align_corners", 0), Attr::s("mode", "bilinear"),
+                               Attr::s("padding_mode", "border")});
+  auto i64 = [&](std::vector<int64_t> v) {
+    const int64_t n = int64_t(v.size());
+    return b.initI64(b.fresh(prefix + "_i"), {n}, v);
+  };
+  const std::string axis1 = i64({1}), step3 = i64({3});
+  auto planes = [&](const char* what, int64_t start, int64_t end, bool strided) {
+    std::vector<std::string> in = {gs, i64({start}), i64({end}), axis1};
+    if (strided) in.push_back(step3);
+    return node(what, "Slice", in);
+  };
+  const std::string F = planes("F", 0, 3, false);
+  const std::string Fxx = planes("Fxx", 3, 12, true);
+  const std::string Fyy = planes("Fyy", 4, 12, true);
+  const std::string Fxxyy = planes("Fxxyy", 5, 12, true);
+  // Correction factors from the unclamped sample position.
+  auto scalar = [&](float v) { return b.init(b.fresh(prefix + "_k"), {}, {v}); };
+  const std::string one = scalar(1.f), half = scalar(0.5f), axis3 = i64({3});
+  auto factor = [&](const char* what, int64_t comp, int64_t size) {
+    const std::string g = node(what, "Slice", {grid, i64({comp}), i64({comp + 1}), axis3});
+    const std::string gt = node(what, "Transpose", {g}, {Attr::ints("perm", {0, 3, 1, 2})});
+    const std::string sz = scalar(float(size));
+    const std::string v = node(what, "Mul", {node(what, "Sub", {node(what, "Mul", {node(what, "Add", {gt, one}), sz}), one}), half});
+    const std::string t = node(what, "Sub", {v, node(what, "Floor", {v})});
+    return node(what, "Mul", {node(what, "Mul", {node(what, "Sub", {one, t}), t}), half});
+  };
+  const std::string ax = factor("ax", 0, W), ay = factor("ay", 1, H);
+  const std::string axy = node("axy", "Mul", {ax, ay});
+  std::string out = node("rx", "Sub", {F, node("rx", "Mul", {ax, Fxx})});
+  out = node("ry", "Sub", {out, node("ry", "Mul", {ay, Fyy})});
+  return node("rxy", "Add", {out, node("rxy", "Mul", {axy, Fxxyy})});
+}
+
 void OnnxBuilder::save(const std::string& path) const { writeModelBytes(path, build()); }
 
 void writeModelBytes(const std::string& path, const std::vector<uint8_t>& bytes) {

@@ -111,6 +111,15 @@ class OnnxBuilder {
   size_t freshCount_ = 0;
 };
 
+// The director's warp block in standard operators (default-domain opset 16 or newer): second
+// differences of src [N, 3, H, W] by an edge Pad and a fixed depthwise 3x3 Conv, concatenated
+// with src (the source cone), one GridSample (bilinear, border, align_corners 0) of the 12
+// channels at grid [N, H, W, 2], then Slice/Mul/Sub/Add recombination into
+// F - ax*Fxx - ay*Fyy + ax*ay*Fxxyy. Returns the block's single exit value [N, 3, H, W];
+// com.vantorix::WarpDirector computes the same in one node. Node names start with prefix.
+std::string addStandardWarpBlock(OnnxBuilder& b, const std::string& src, const std::string& grid,
+                                 int64_t H, int64_t W, const std::string& prefix = "/warp");
+
 // Writes bytes to a file; throws std::runtime_error naming the path on failure.
 void writeModelBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 // Reads a whole file; throws std::runtime_error naming the path on failure.

@@ -1,0 +1,339 @@
+// GridSampleFast: the plain kernel (both paths), the operator in real ONNX Runtime sessions
+// against ONNX Runtime's own GridSample, and the ONNX backend suite's GridSample cases.
+#include "le/render/gridsample_fast.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "le/render/onnx_bytes.h"
+#include "tests/onnx_ort.h"
+#include "tests/onnx_suite.h"
+#include "tools/forge/onnx_builder.h"
+
+using le::forge::Attr;
+using le::forge::OnnxBuilder;
+using le::test::Feed;
+namespace of = le::onnxf;
+
+namespace {
+
+// ONNX GridSample, bilinear, border, align_corners 0, in double: the coordinate is clamped to
+// the pixel-centre range, then read bilinearly.
+std::vector<float> reference(const std::vector<float>& in, const std::vector<float>& grid, int C, int H, int W) {
+  std::vector<float> out(in.size());
+  for (int y = 0; y < H; ++y)
+    for (int x = 0; x < W; ++x) {
+      const size_t p = size_t(y) * W + x;
+      double fx = ((grid[2 * p] + 1.0) * W - 1.0) / 2.0, fy = ((grid[2 * p + 1] + 1.0) * H - 1.0) / 2.0;
+      fx = std::min(std::max(fx, 0.0), W - 1.0);
+      fy = std::min(std::max(fy, 0.0), H - 1.0);
+      const int x0 = int(std::floor(fx)), y0 = int(std::floor(fy));
+      const int x1 = std::min(x0 + 1, W - 1), y1 = std::min(y0 + 1, H - 1);
+      const double dx = fx - x0, dy = fy - y0;
+      for (int c = 0; c < C; ++c) {
+        const float* X = in.data() + size_t(c) * H * W;
+        out[size_t(c) * H * W + p] = float((1 - dx) * (1 - dy) * X[y0 * W + x0] + dx * (1 - dy) * X[y0 * W + x1] +
+                                           (1 - dx) * dy * X[y1 * W + x0] + dx * dy * X[y1 * W + x1]);
+      }
+    }
+  return out;
+}
+
+std::vector<float> randomVec(size_t n, float lo, float hi, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> d(lo, hi);
+  std::vector<float> v(n);
+  for (float& x : v) x = d(rng);
+  return v;
+}
+
+float maxDiff(const std::vector<float>& a, const std::vector<float>& b) {
+  EXPECT_EQ(a.size(), b.size());
+  float m = 0;
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) m = std::max(m, std::fabs(a[i] - b[i]));
+  return m;
+}
+
+// One-node model: y = op(X, grid) at [N, C, H, W].
+std::vector<uint8_t> oneNode(bool fast, int64_t N, int64_t C, int64_t H, int64_t W) {
+  OnnxBuilder b(fast ? "gsf" : "gs", 16);
+  b.input("X", {N, C, H, W}).input("grid", {N, H, W, 2});
+  if (fast) {
+    b.opset(le::kVantorixDomain, 1);
+    b.node("GridSampleFast", {"X", "grid"}, {"Y"}, {}, "gsf", le::kVantorixDomain);
+  } else {
+    b.node("GridSample", {"X", "grid"}, {"Y"},
+           {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border"), Attr::i("align_corners", 0)});
+  }
+  b.output("Y", {N, C, H, W});
+  return b.build();
+}
+
+struct GsAttrs {
+  std::string mode, padding;  // empty when the attribute is absent
+  int64_t align = 0;
+};
+
+GsAttrs attrsOf(le::GsSlice node) {
+  GsAttrs a0;
+  std::string& mode = a0.mode;
+  std::string& padding = a0.padding;
+  int64_t& align = a0.align;
+  le::GsReader r(node);
+  le::GsField f;
+  while (r.next(f)) {
+    if (f.number != of::kNodeAttribute || f.wireType != 2) continue;
+    const std::string name = le::gsFirstStr(f.payload, of::kAttrName);
+    const std::string s = le::gsFirstStr(f.payload, of::kAttrS);
+    le::GsReader ar(f.payload);
+    le::GsField a;
+    while (ar.next(a))
+      if (name == "align_corners" && a.number == of::kAttrI && a.wireType == 0) align = int64_t(a.value);
+    if (name == "mode") mode = s;
+    if (name == "padding_mode") padding = s;
+  }
+  return a0;
+}
+
+// Only a node that names bilinear sampling and border padding is switched: an absent mode or
+// padding_mode leaves it standard.
+bool rewritable(le::GsSlice node) {
+  const GsAttrs a = attrsOf(node);
+  return (a.mode == "bilinear" || a.mode == "linear") && a.padding == "border" && a.align == 0;
+}
+
+// What the node computes once ONNX's defaults are applied.
+bool samplesLikeFast(le::GsSlice node) {
+  const GsAttrs a = attrsOf(node);
+  const std::string mode = a.mode.empty() ? "bilinear" : a.mode;
+  return (mode == "bilinear" || mode == "linear") && a.padding == "border" && a.align == 0;
+}
+
+size_t switchToFast(std::vector<uint8_t>& model) {
+  size_t switched = 0;
+  std::vector<uint8_t> out;
+  le::GsReader mr(model);
+  le::GsField mf;
+  while (mr.next(mf)) {
+    if (mf.number != of::kModelGraph || mf.wireType != 2) {
+      le::gsPutRaw(out, mf.raw);
+      continue;
+    }
+    std::vector<uint8_t> graph;
+    le::GsReader gr(mf.payload);
+    le::GsField gf;
+    while (gr.next(gf)) {
+      if (gf.number != of::kGraphNode || gf.wireType != 2 || le::gsFirstStr(gf.payload, of::kNodeOpType) != "GridSample" ||
+          !rewritable(gf.payload)) {
+        le::gsPutRaw(graph, gf.raw);
+        continue;
+      }
+      std::vector<uint8_t> node;
+      le::GsReader nr(gf.payload);
+      le::GsField nf;
+      while (nr.next(nf))
+        if (nf.number != of::kNodeOpType && nf.number != of::kNodeAttribute && nf.number != of::kNodeDomain)
+          le::gsPutRaw(node, nf.raw);
+      le::gsPutBytes(node, of::kNodeOpType, std::string("GridSampleFast"));
+      le::gsPutBytes(node, of::kNodeDomain, std::string(le::kVantorixDomain));
+      le::gsPutBytes(graph, of::kGraphNode, node);
+      ++switched;
+    }
+    le::gsPutBytes(out, of::kModelGraph, graph);
+  }
+  if (switched) {
+    std::vector<uint8_t> os;
+    le::gsPutBytes(os, of::kOpsetDomain, std::string(le::kVantorixDomain));
+    le::gsPutVarintField(os, of::kOpsetVersion, 1);
+    le::gsPutBytes(out, of::kModelOpsetImport, os);
+  }
+  model.swap(out);
+  return switched;
+}
+
+}  // namespace
+
+TEST(GridSampleFast, PlainKernelSmallCases) {
+  // All-zero grid on a 2x2 image: every output pixel is the mean of the four.
+  const std::vector<float> img = {1.f, 2.f, 4.f, 8.f};
+  std::vector<float> grid(8, 0.f), out(4);
+  le::gridsample_fast(img.data(), grid.data(), out.data(), 1, 2, 2);
+  for (float v : out) EXPECT_FLOAT_EQ(v, 3.75f);
+
+  // Beyond +-1 (and far beyond, and non-finite) the border pixels come back exactly.
+  const int H = 3, W = 5;
+  std::vector<float> src(2 * H * W);
+  for (size_t i = 0; i < src.size(); ++i) src[i] = float(i) * 1.5f - 7.f;
+  // Dyadic positions, so the weights of the doubled border pixel sum to exactly 1.
+  const float far[] = {-1.f, -1.5f, -3.f, -1e30f, -2.f};
+  const float farHi[] = {1.f, 1.5f, 3.f, 1e30f, 2.f};
+  for (int pass = 0; pass < 2; ++pass) {
+    std::vector<float> g(H * W * 2), o(2 * H * W);
+    for (int y = 0; y < H; ++y)
+      for (int x = 0; x < W; ++x) {
+        const int k = (y * W + x) % 5;
+        g[2 * (y * W + x)] = pass ? farHi[k] : far[k];
+        g[2 * (y * W + x) + 1] = pass ? far[(k + 2) % 5] : farHi[(k + 1) % 5];
+      }
+    for (int path = 0; path < 2; ++path) {
+      if (path == 1 && !le::gsf::vectorPath()) continue;
+      (path ? le::gsf::bandVector : le::gsf::bandScalar)(src.data(), g.data(), o.data(), 2, H, W, 0, H);
+      const int cx = pass ? W - 1 : 0, cy = pass ? 0 : H - 1;
+      for (int c = 0; c < 2; ++c)
+        for (int p = 0; p < H * W; ++p) ASSERT_EQ(o[c * H * W + p], src[c * H * W + cy * W + cx]) << path;
+    }
+  }
+
+  // NaN coordinates give NaN, never an out-of-bounds read.
+  std::vector<float> g(H * W * 2, NAN), o(2 * H * W);
+  le::gridsample_fast(src.data(), g.data(), o.data(), 2, H, W);
+  EXPECT_TRUE(std::isnan(o[0]));
+}
+
+TEST(GridSampleFast, VectorAndScalarPathsMatchTheReference) {
+  const int shapes[][3] = {{3, 17, 23}, {1, 1, 1}, {2, 1, 7}, {5, 9, 4}, {64, 16, 16}, {3, 64, 61}};
+  uint32_t seed = 1;
+  for (const auto& s : shapes) {
+    const int C = s[0], H = s[1], W = s[2];
+    const std::vector<float> in = randomVec(size_t(C) * H * W, -2.f, 2.f, seed++);
+    const std::vector<float> grid = randomVec(size_t(H) * W * 2, -1.3f, 1.3f, seed++);
+    const std::vector<float> ref = reference(in, grid, C, H, W);
+    std::vector<float> sc(in.size()), vec(in.size(), -99.f);
+    le::gsf::bandScalar(in.data(), grid.data(), sc.data(), C, H, W, 0, H);
+    EXPECT_LE(maxDiff(sc, ref), 1e-5f) << C << "x" << H << "x" << W;
+    if (le::gsf::vectorPath()) {
+      // Bands that split the image unevenly, and bands clipped at both ends.
+      for (int r = -3; r < H; r += 5) le::gsf::bandVector(in.data(), grid.data(), vec.data(), C, H, W, r, r + 5);
+      EXPECT_LE(maxDiff(vec, ref), 1e-5f) << C << "x" << H << "x" << W;
+      EXPECT_LE(maxDiff(vec, sc), 1e-5f) << C << "x" << H << "x" << W;
+    }
+  }
+}
+
+TEST(GridSampleFast, OrtSessionsAgreeWithOrtGridSample) {
+  struct Case { int64_t N, C, H, W; int threads; };
+  const Case cases[] = {{1, 3, 37, 29, 1}, {2, 5, 16, 16, 2}, {1, 64, 33, 20, 2}, {3, 1, 1, 9, 2}};
+  uint32_t seed = 100;
+  for (const Case& c : cases) {
+    const size_t nx = size_t(c.N * c.C * c.H * c.W), ng = size_t(c.N * c.H * c.W * 2);
+    const std::vector<float> x = randomVec(nx, 0.f, 1.f, seed++);
+    const std::vector<float> g = randomVec(ng, -1.15f, 1.15f, seed++);
+    const std::vector<Feed> feeds = {{"X", {c.N, c.C, c.H, c.W}, x.data(), nx}, {"grid", {c.N, c.H, c.W, 2}, g.data(), ng}};
+    Ort::Session fast = le::test::ortSession(oneNode(true, c.N, c.C, c.H, c.W), c.threads);
+    Ort::Session std_ = le::test::ortSession(oneNode(false, c.N, c.C, c.H, c.W), c.threads);
+    std::vector<int64_t> shape;
+    const std::vector<float> a = le::test::ortRun(fast, feeds, "Y", &shape);
+    const std::vector<float> b = le::test::ortRun(std_, feeds, "Y");
+    EXPECT_EQ(shape, (std::vector<int64_t>{c.N, c.C, c.H, c.W}));
+    const float d = maxDiff(a, b);
+    std::printf("[gsf] [%lld, %lld, %lld, %lld] on %d threads: max |fast - ORT| = %.3g\n", (long long)c.N,
+                (long long)c.C, (long long)c.H, (long long)c.W, c.threads, double(d));
+    EXPECT_LE(d, 1e-5f);
+    // The session's bands are the plain function's rows: identical bits on any thread count.
+    std::vector<float> plain(nx);
+    for (int64_t n = 0; n < c.N; ++n) {
+      const size_t img = size_t(c.C * c.H * c.W);
+      le::gridsample_fast(x.data() + n * img, g.data() + n * c.H * c.W * 2, plain.data() + n * img, int(c.C),
+                          int(c.H), int(c.W));
+    }
+    EXPECT_EQ(a, plain);
+  }
+}
+
+TEST(GridSampleFast, MismatchedGridFailsTheRunWithAClearMessage) {
+  OnnxBuilder b("bad", 16);
+  b.opset(le::kVantorixDomain, 1);
+  b.input("X", {1, 2, "H", "W"}).input("grid", {1, "h", "w", 2});
+  b.node("GridSampleFast", {"X", "grid"}, {"Y"}, {}, "gsf", le::kVantorixDomain);
+  b.output("Y", {1, 2, "H", "W"});
+  Ort::Session s = le::test::ortSession(b.build());
+  std::vector<float> x(2 * 8 * 8, 1.f), g(4 * 4 * 2, 0.f);
+  try {
+    le::test::ortRun(s, {{"X", {1, 2, 8, 8}, x.data(), x.size()}, {"grid", {1, 4, 4, 2}, g.data(), g.size()}}, "Y");
+    FAIL() << "a grid of another size ran";
+  } catch (const Ort::Exception& e) {
+    EXPECT_NE(std::string(e.what()).find("com.vantorix::GridSampleFast: the grid is [1, 4, 4, 2] but input 0 is "
+                                         "[1, 2, 8, 8]; the grid must be [N, H, W, 2] with the input's N, H and W"),
+              std::string::npos)
+        << e.what();
+  }
+  // The check itself, for the other malformed shapes.
+  EXPECT_THROW(le::gsf::checkShapes("GridSampleFast", {1, 2, 8}, {1, 8, 2}), std::runtime_error);
+  EXPECT_THROW(le::gsf::checkShapes("GridSampleFast", {2, 2, 8, 8}, {1, 8, 8, 2}), std::runtime_error);
+  EXPECT_THROW(le::gsf::checkShapes("GridSampleFast", {1, 2, 8, 8}, {1, 8, 8, 3}), std::runtime_error);
+  EXPECT_NO_THROW(le::gsf::checkShapes("GridSampleFast", {1, 2, 8, 8}, {1, 8, 8, 2}));
+}
+
+TEST(GridSampleFast, OnnxSuiteGridSampleCases) {
+  const std::string root = std::string(le::test::onnxSuiteRoot()) + "/node/";
+  if (!le::test::isFile(root + "test_gridsample/model.onnx")) GTEST_SKIP() << "libonnx-testdata is not installed";
+  size_t cases = 0, fastCases = 0;
+  for (const std::string& name : le::test::listDir(root)) {
+    if (name.rfind("test_gridsample", 0) != 0) continue;
+    ++cases;
+    std::vector<uint8_t> model = le::forge::readModelBytes(root + name + "/model.onnx");
+    const le::test::SuiteTensor x = le::test::readSuiteTensor(root + name + "/test_data_set_0/input_0.pb");
+    const le::test::SuiteTensor g = le::test::readSuiteTensor(root + name + "/test_data_set_0/input_1.pb");
+    const le::test::SuiteTensor y = le::test::readSuiteTensor(root + name + "/test_data_set_0/output_0.pb");
+    ASSERT_EQ(x.dims.size(), 4u) << name;
+    ASSERT_EQ(g.dims.size(), 4u) << name;
+    std::vector<le::GsNodeInfo> nodes;
+    std::set<std::string> inits, ins;
+    le::gsReadGraph(le::gsGraphOf(model), nodes, inits, ins);
+    ASSERT_EQ(nodes.size(), 1u) << name;
+    const bool likeFast = samplesLikeFast(nodes[0].bytes);
+    const std::vector<Feed> feeds = {{nodes[0].inputs[0], x.dims, x.values.data(), x.values.size()},
+                                     {nodes[0].inputs[1], g.dims, g.values.data(), g.values.size()}};
+
+    // The suite writes its bilinear cases without a mode attribute: the switch leaves every
+    // one of them standard, and the standard model still gives the suite's answer.
+    std::vector<uint8_t> switched = model;
+    EXPECT_EQ(switchToFast(switched), 0u) << name;
+    EXPECT_EQ(switched, model) << name;
+    Ort::Session standard = le::test::ortSession(model);
+    // (ONNX Runtime's bicubic differs from the suite's reference by a few 1e-5.)
+    EXPECT_LE(maxDiff(le::test::ortRun(standard, feeds, nodes[0].outputs[0]), y.values), 1e-4f) << name;
+    if (!likeFast) continue;
+
+    // The same case built with every attribute spelled out is switched and must agree.
+    ++fastCases;
+    const int64_t N = x.dims[0], C = x.dims[1], H = x.dims[2], W = x.dims[3];
+    OnnxBuilder b(name, 16);
+    b.input("X", {N, C, H, W}).input("grid", {g.dims[0], g.dims[1], g.dims[2], 2});
+    b.node("GridSample", {"X", "grid"}, {"Y"},
+           {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border"), Attr::i("align_corners", 0)});
+    b.output("Y", {N, C, g.dims[1], g.dims[2]});
+    std::vector<uint8_t> explicitModel = b.build();
+    ASSERT_EQ(switchToFast(explicitModel), 1u) << name;
+    Ort::Session fast = le::test::ortSession(explicitModel);
+    const std::vector<Feed> xf = {{"X", x.dims, x.values.data(), x.values.size()},
+                                  {"grid", g.dims, g.values.data(), g.values.size()}};
+    if (g.dims[1] == H && g.dims[2] == W) {
+      const float d = maxDiff(le::test::ortRun(fast, xf, "Y"), y.values);
+      std::printf("[gsf] suite %s: max |fast - expected| = %.3g\n", name.c_str(), double(d));
+      EXPECT_LE(d, 1e-5f) << name;
+      continue;
+    }
+    // The suite samples to another size; GridSampleFast's output is its input's size, so the
+    // switched node refuses to run rather than read the grid out of bounds ...
+    EXPECT_THROW(le::test::ortRun(fast, xf, "Y"), Ort::Exception) << name;
+    // ... and the suite's input sampled at a grid of its own size (the suite's grid values
+    // repeated, pushed past the border) agrees with ONNX Runtime's GridSample.
+    std::vector<float> grid(size_t(N * H * W * 2));
+    for (size_t i = 0; i < grid.size(); ++i) grid[i] = g.values[i % g.values.size()] * 1.1f;
+    const std::vector<Feed> same = {{"X", x.dims, x.values.data(), x.values.size()},
+                                    {"grid", {N, H, W, 2}, grid.data(), grid.size()}};
+    Ort::Session f2 = le::test::ortSession(oneNode(true, N, C, H, W));
+    Ort::Session s2 = le::test::ortSession(oneNode(false, N, C, H, W));
+    const float d = maxDiff(le::test::ortRun(f2, same, "Y"), le::test::ortRun(s2, same, "Y"));
+    std::printf("[gsf] suite %s at its input's size: max |fast - ORT| = %.3g\n", name.c_str(), double(d));
+    EXPECT_LE(d, 1e-5f) << name;
+  }
+  EXPECT_EQ(cases, 8u);
+  EXPECT_EQ(fastCases, 1u);  // test_gridsample_border_padding
+}

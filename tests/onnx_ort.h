@@ -1,0 +1,54 @@
+// Small helpers for tests and benchmarks that run forged models in real ONNX Runtime sessions.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "le/render/gridsample_fast.h"
+#include "le/render/le_ort.h"
+
+namespace le::test {
+
+inline Ort::Env& ortEnv() {
+  le::ortApi();
+  static Ort::Env env(ORT_LOGGING_LEVEL_ERROR, "le_test");
+  return env;
+}
+
+// A CPU session over model bytes with the "com.vantorix" domain registered.
+inline Ort::Session ortSession(const std::vector<uint8_t>& model, int intraThreads = 1) {
+  Ort::Env& env = ortEnv();
+  Ort::SessionOptions so;
+  so.SetIntraOpNumThreads(intraThreads);
+  so.SetInterOpNumThreads(1);
+  le::registerGridSampleFast(so);
+  return Ort::Session(env, model.data(), model.size(), so);
+}
+
+struct Feed {
+  std::string name;
+  std::vector<int64_t> shape;
+  const float* data;
+  size_t count;
+};
+
+// Runs the session on float inputs; returns the first output's values (and its shape).
+inline std::vector<float> ortRun(Ort::Session& s, const std::vector<Feed>& feeds, const std::string& output,
+                                 std::vector<int64_t>* shape = nullptr) {
+  Ort::MemoryInfo mi = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+  std::vector<Ort::Value> values;
+  std::vector<const char*> names;
+  for (const Feed& f : feeds) {
+    values.push_back(Ort::Value::CreateTensor<float>(mi, const_cast<float*>(f.data), f.count, f.shape.data(),
+                                                     f.shape.size()));
+    names.push_back(f.name.c_str());
+  }
+  const char* out = output.c_str();
+  auto res = s.Run(Ort::RunOptions{nullptr}, names.data(), values.data(), values.size(), &out, 1);
+  auto info = res[0].GetTensorTypeAndShapeInfo();
+  if (shape) *shape = info.GetShape();
+  const float* p = res[0].GetTensorData<float>();
+  return std::vector<float>(p, p + info.GetElementCount());
+}
+
+}  // namespace le::test
