@@ -51,21 +51,52 @@ inline uint64_t mix64(uint64_t z) {
   return z ^ (z >> 31);
 }
 
+// A member written row by row, so tables of gigabytes never sit in memory; the breaks cut
+// the last byte or add one at the end.
+class RowFile {
+ public:
+  RowFile(const std::string& path, bool shortOne, bool longOne)
+      : path_(path), shortOne_(shortOne), longOne_(longOne) {
+    const fs::path fp(path);
+    std::error_code ec;
+    if (fp.has_parent_path()) fs::create_directories(fp.parent_path(), ec);
+    f_.open(path, std::ios::binary | std::ios::trunc);
+    if (!f_) throw std::runtime_error("forge: cannot write " + path);
+  }
+  template <class T>
+  void row(const std::vector<T>& v) {
+    f_.write(reinterpret_cast<const char*>(v.data()), static_cast<std::streamsize>(v.size() * sizeof(T)));
+    bytes_ += v.size() * sizeof(T);
+  }
+  void close() {
+    if (longOne_) f_.put('\0');
+    f_.close();
+    if (!f_) throw std::runtime_error("forge: short write " + path_);
+    if (shortOne_ && bytes_ > 0) fs::resize_file(path_, bytes_ - 1);
+  }
+
+ private:
+  std::string path_;
+  bool shortOne_, longOne_;
+  std::ofstream f_;
+  uint64_t bytes_ = 0;
+};
+
 // A feature table: a fixed random pattern per column that drifts smoothly with the frame.
-std::vector<uint16_t> featureTable(const Params& p, size_t rowLen, uint64_t salt) {
+void writeFeatureTable(const Params& p, RowFile& out, size_t rowLen, uint64_t salt) {
   std::vector<float> base(rowLen), phase(rowLen);
   for (size_t j = 0; j < rowLen; ++j) {
     const uint64_t h = mix64((static_cast<uint64_t>(p.seed) << 40) ^ (salt << 32) ^ j);
     base[j] = static_cast<float>((h & 0xFFFF) / 65536.0 - 0.5);
     phase[j] = static_cast<float>(((h >> 16) & 0xFFFF) / 65536.0 * kTwoPi);
   }
-  std::vector<uint16_t> t(rowLen * p.nt);
+  std::vector<uint16_t> row(rowLen);
   for (int si = 0; si < p.nt; ++si) {
     const float ph = static_cast<float>(kTwoPi * si / p.nt);
-    uint16_t* row = &t[rowLen * si];
     for (size_t j = 0; j < rowLen; ++j) row[j] = le::f32ToF16(base[j] + 0.1f * std::sin(ph + phase[j]));
+    out.row(row);
   }
-  return t;
+  out.close();
 }
 
 // Cuts the last byte (short) or appends one (long) as the breaks ask.
@@ -76,9 +107,10 @@ std::vector<uint8_t> sized(std::vector<uint8_t> b, bool shortOne, bool longOne =
 }
 
 // Planar R, G, B halves in [0, 1] of a packed RGB crop.
-void appendPlanarHalves(std::vector<uint16_t>& out, const std::vector<uint8_t>& rgb, size_t pixels) {
-  for (int k = 0; k < 3; ++k)
-    for (size_t i = 0; i < pixels; ++i) out.push_back(le::f32ToF16(rgb[3 * i + k] / 255.0f));
+std::vector<uint16_t> planarHalves(const std::vector<uint8_t>& rgb, size_t pixels) {
+  std::vector<uint16_t> out(pixels * 3);
+  le::simd::rgb8ToPlanarF16(rgb.data(), out.data(), pixels, pixels);
+  return out;
 }
 
 // The left w columns of a packed RGB image.
@@ -168,14 +200,15 @@ void writeDriveMedia(const Params& p, Writer& w) {
 void writePrior(const Params& p, Writer& w, const Names& names) {
   const size_t px = static_cast<size_t>(p.crop) * p.crop;
   if (p.prior == Prior::Raw) {
-    std::vector<uint16_t> P;
-    P.reserve(px * 3 * p.nt);
+    const std::string name = names.of("P.f16");
+    RowFile P(w.path(name), p.has(Break::ShortPrior), false);
     for (int si = 0; si < p.nt; ++si) {
       if (p.progress) p.progress("prior rows", si, p.nt);
-      appendPlanarHalves(P, cropImage(p, si), px);
+      P.row(planarHalves(cropImage(p, si), px));
     }
+    P.close();
+    w.noted(name);
     if (p.progress) p.progress("prior rows", p.nt, p.nt);
-    w.put(names.of("P.f16"), sized(bytesOf(P), p.has(Break::ShortPrior)));
   } else if (p.prior == Prior::Hevc && !p.has(Break::NoPriorMovie)) {
     MovieSpec spec;
     spec.encoder = "libx265";
@@ -201,7 +234,12 @@ void writePrior(const Params& p, Writer& w, const Names& names) {
     if (p.progress) p.progress("prior movie", n, n);
   }
   if (p.prior == Prior::FsRedOnly || p.fsRed)
-    w.put(names.of("fs_red.f16"), sized(bytesOf(featureTable(p, kFsRedRow, 2)), p.has(Break::ShortFsRed)));
+  {
+    const std::string name = names.of("fs_red.f16");
+    RowFile f(w.path(name), p.has(Break::ShortFsRed), false);
+    writeFeatureTable(p, f, kFsRedRow, 2);
+    w.noted(name);
+  }
 }
 
 }  // namespace
@@ -284,9 +322,12 @@ Result forgeBundle(const std::string& dir, const Params& p) {
   }
 
   // identity
-  if (!p.has(Break::NoPooled))
-    w.put(names.of("pooled64.f16"),
-          sized(bytesOf(featureTable(p, kPooledRow, 1)), p.has(Break::ShortPooled), p.has(Break::LongPooled)));
+  if (!p.has(Break::NoPooled)) {
+    const std::string name = names.of("pooled64.f16");
+    RowFile f(w.path(name), p.has(Break::ShortPooled), p.has(Break::LongPooled));
+    writeFeatureTable(p, f, kPooledRow, 1);
+    w.noted(name);
+  }
   writePrior(p, w, names);
 
   if (!p.has(Break::NoM)) {

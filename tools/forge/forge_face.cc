@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "tools/forge/forge.h"
 
@@ -58,6 +60,7 @@ inline float unit(uint32_t h) { return static_cast<float>(h & 0xFFFFFF) / 167772
 // Pose and expression of one source frame.
 struct Face {
   float tilt, shiftX, shiftY;  // in-crop head pose (radians, normalised units)
+  float cosT, sinT;
   float open;                  // mouth opening 0..1
   float eyes;                  // eye openness 0..1
   float gaze;                  // iris offset (normalised units)
@@ -75,19 +78,21 @@ Face faceOf(const Params& p, int si, float mouthPhase) {
   f.open = static_cast<float>(0.45 + 0.25 * std::sin(2 * t + 0.7 + mouthPhase));
   f.eyes = (p.nt >= 4 && si == p.nt / 2) ? 0.3f : 1.0f;
   f.gaze = static_cast<float>(0.012 * std::sin(t + 1.3));
+  f.cosT = std::cos(f.tilt);
+  f.sinT = std::sin(f.tilt);
   f.seed = p.seed;
   return f;
 }
 
 // Crop-normalised point -> face-local point (undo the head pose).
 inline void toLocal(const Face& f, float x, float y, float& fx, float& fy) {
-  const float c = std::cos(f.tilt), s = std::sin(f.tilt);
+  const float c = f.cosT, s = f.sinT;
   const float dx = x - f.shiftX, dy = y - f.shiftY;
   fx = c * dx + s * dy;
   fy = -s * dx + c * dy;
 }
 inline void toCrop(const Face& f, float fx, float fy, float& x, float& y) {
-  const float c = std::cos(f.tilt), s = std::sin(f.tilt);
+  const float c = f.cosT, s = f.sinT;
   x = c * fx - s * fy + f.shiftX;
   y = s * fx + c * fy + f.shiftY;
 }
@@ -111,6 +116,7 @@ inline float hairStrands(float fx, float fy) {
 void paintEye(Paint& pt, const Face& f, float fx, float fy, float side, float aa) {
   const float ex = side * 0.22f, ey = -0.12f;
   const float rx = 0.115f, ry = std::max(0.004f, 0.062f * f.eyes);
+  if (std::fabs(fx - ex) > 0.3f || std::fabs(fy - ey) > 0.2f) return;
   const float dEye = ellipseDist(fx, fy, ex, ey, rx, ry);
   // socket shadow above the eye
   const float sock = std::exp(-((fx - ex) * (fx - ex) / 0.012f + (fy - ey + 0.05f) * (fy - ey + 0.05f) / 0.003f));
@@ -140,6 +146,7 @@ void paintBrow(Paint& pt, float fx, float fy, float side, float aa) {
 }
 
 void paintNose(Paint& pt, float fx, float fy, float aa) {
+  if (std::fabs(fx) > 0.2f || fy < -0.12f || fy > 0.3f) return;
   // shadow on the side away from the light, and under the tip
   const float side = std::exp(-((fx - 0.065f) * (fx - 0.065f) / 0.0009f)) * smooth(-0.08f, 0.02f, fy) *
                      (1 - smooth(0.14f, 0.2f, fy));
@@ -188,18 +195,28 @@ Paint person(const Face& f, float x, float y, float aa) {
   toLocal(f, x, y, fx, fy);
   if (fx < -1.3f || fx > 1.3f || fy < -1.0f) return pt;
   // shoulders and neck
-  pt.over(kShirt * (1.05f - 0.25f * clamp01((fy - 0.9f) / 1.2f)), cover(ellipseDist(fx, fy, 0, 1.62f, 1.15f, 0.78f), aa));
-  pt.over(kSkin * (0.72f + 0.1f * smooth(0.6f, 1.0f, fy)), cover(ellipseDist(fx, fy, 0, 0.8f, 0.23f, 0.45f), aa));
+  if (fy > 0.8f) {
+    const float c = cover(ellipseDist(fx, fy, 0, 1.62f, 1.15f, 0.78f), aa);
+    if (c > 0) pt.over(kShirt * (1.05f - 0.25f * clamp01((fy - 0.9f) / 1.2f)), c);
+  }
+  if (std::fabs(fx) < 0.3f && fy > 0.3f && fy < 1.3f) {
+    const float c = cover(ellipseDist(fx, fy, 0, 0.8f, 0.23f, 0.45f), aa);
+    if (c > 0) pt.over(kSkin * (0.72f + 0.1f * smooth(0.6f, 1.0f, fy)), c);
+  }
+  if (std::fabs(fx) > 0.72f || fy < -0.95f || fy > 0.8f) return pt;
   // hair behind the head, ears
   const float hairD = ellipseDist(fx, fy, 0, -0.13f, 0.66f, 0.76f);
-  pt.over(kHair * hairStrands(fx, fy), cover(hairD, aa));
-  for (float s : {-1.0f, 1.0f}) pt.over(kSkin * 0.82f, cover(ellipseDist(fx, fy, s * 0.57f, 0.03f, 0.075f, 0.13f), aa));
+  const float hairCov = cover(hairD, aa);
+  if (hairCov > 0) pt.over(kHair * hairStrands(fx, fy), hairCov);
+  if (std::fabs(fx) > 0.45f && fy > -0.15f && fy < 0.2f)
+    for (float s : {-1.0f, 1.0f}) pt.over(kSkin * 0.82f, cover(ellipseDist(fx, fy, s * 0.57f, 0.03f, 0.075f, 0.13f), aa));
   // head
   const float headD = ellipseDist(fx, fy, 0, 0.02f, 0.56f, 0.70f);
   const float headCov = cover(headD, aa);
   if (headCov > 0) {
     pt.over(kSkin * headLight(fx, fy), headCov);
-    for (float s : {-1.0f, 1.0f}) {
+    if (fy > -0.1f && fy < 0.5f && std::fabs(fx) > 0.05f) {
+      const float s = fx < 0 ? -1.0f : 1.0f;
       const float blush = std::exp(-((fx - s * 0.3f) * (fx - s * 0.3f) + (fy - 0.2f) * (fy - 0.2f)) / 0.012f);
       pt.over(Rgb{0.92f, 0.45f, 0.45f}, 0.22f * blush * headCov);
     }
@@ -225,22 +242,42 @@ Paint person(const Face& f, float x, float y, float aa) {
   }
   // fringe over the forehead
   const float fringe = -0.42f + 0.05f * std::sin(9.0f * fx + 1.0f) - 0.12f * fx * fx;
-  const float fringeCov = std::min(cover(hairD, aa), cover(fy - fringe, aa));
-  pt.over(kHair * 1.1f * hairStrands(fx, fy), fringeCov);
+  const float fringeCov = std::min(hairCov, cover(fy - fringe, aa));
+  if (fringeCov > 0) pt.over(kHair * 1.1f * hairStrands(fx, fy), fringeCov);
   return pt;
 }
 
 // A plain room: graded wall, soft window light, stripes, a desk edge.
-Rgb backdrop(const Params& p, float X, float Y) {
-  const float gx = X / std::max(1, p.width), gy = Y / std::max(1, p.height);
-  const float hue = 0.06f * (unit(hash32(p.seed, 11, 3)) - 0.5f);
-  Rgb wall = mix(Rgb{0.58f + hue, 0.64f, 0.70f - hue}, Rgb{0.40f, 0.45f + hue, 0.52f}, gy);
-  const float stripe = 0.03f * std::sin(2 * static_cast<float>(kPi) * gx * 24.0f);
-  wall = wall * (1.0f + stripe);
-  const float window = smooth(0.30f, 0.05f, std::fabs(gx - 0.14f)) * smooth(0.45f, 0.2f, std::fabs(gy - 0.35f));
-  wall = mix(wall, Rgb{0.92f, 0.93f, 0.88f}, 0.7f * window);
-  const float desk = smooth(0.86f, 0.87f, gy);
-  return mix(wall, Rgb{0.42f, 0.30f, 0.20f} * (1.0f - 0.3f * (gy - 0.86f)), desk);
+class Backdrop {
+ public:
+  explicit Backdrop(const Params& p)
+      : iw_(1.0f / std::max(1, p.width)), ih_(1.0f / std::max(1, p.height)), hue_(0.06f * (unit(hash32(p.seed, 11, 3)) - 0.5f)) {}
+  Rgb at(float X, float Y) const {
+    const float gx = X * iw_, gy = Y * ih_;
+    Rgb wall = mix(Rgb{0.58f + hue_, 0.64f, 0.70f - hue_}, Rgb{0.40f, 0.45f + hue_, 0.52f}, gy);
+    // a triangle wave of 24 stripes across the frame
+    const float ph = gx * 24.0f - std::floor(gx * 24.0f);
+    wall = wall * (1.0f + 0.03f * (4.0f * std::fabs(ph - 0.5f) - 1.0f));
+    const float window = smooth(0.30f, 0.05f, std::fabs(gx - 0.14f)) * smooth(0.45f, 0.2f, std::fabs(gy - 0.35f));
+    if (window > 0) wall = mix(wall, Rgb{0.92f, 0.93f, 0.88f}, 0.7f * window);
+    if (gy < 0.86f) return wall;
+    const float desk = smooth(0.86f, 0.87f, gy);
+    return mix(wall, Rgb{0.42f, 0.30f, 0.20f} * (1.0f - 0.3f * (gy - 0.86f)), desk);
+  }
+
+ private:
+  float iw_, ih_, hue_;
+};
+
+// Runs rows(y0, y1) over [0, n) on a few threads; every pixel is a pure function of its
+// position, so the split never changes a byte.
+template <class Rows>
+void parallelRows(int n, Rows rows) {
+  const int threads = std::max(1, std::min({4, static_cast<int>(std::thread::hardware_concurrency()), n / 16}));
+  if (threads == 1) return rows(0, n);
+  std::vector<std::thread> pool;
+  for (int t = 0; t < threads; ++t) pool.emplace_back(rows, n * t / threads, n * (t + 1) / threads);
+  for (auto& th : pool) th.join();
 }
 
 inline uint8_t toByte(float v) {
@@ -339,16 +376,19 @@ std::vector<uint8_t> cropImage(const Params& p, int si) {
   const Face f = faceOf(p, si, 0.0f);
   const int n = p.crop;
   const float k = 2.0f / (n - 1), aa = k;
+  const Backdrop bg(p);
   std::vector<uint8_t> out(static_cast<size_t>(n) * n * 3);
-  for (int v = 0; v < n; ++v) {
-    for (int u = 0; u < n; ++u) {
-      const float X = M[0] * u + M[1] * v + M[2], Y = M[3] * u + M[4] * v + M[5];
-      const Paint pt = person(f, u * k - 1, v * k - 1, aa);
-      const Rgb c = pt.col + backdrop(p, X, Y) * (1 - pt.alpha);
-      uint8_t* o = &out[(static_cast<size_t>(v) * n + u) * 3];
-      o[0] = toByte(c.r), o[1] = toByte(c.g), o[2] = toByte(c.b);
+  parallelRows(n, [&](int v0, int v1) {
+    for (int v = v0; v < v1; ++v) {
+      for (int u = 0; u < n; ++u) {
+        const float X = M[0] * u + M[1] * v + M[2], Y = M[3] * u + M[4] * v + M[5];
+        const Paint pt = person(f, u * k - 1, v * k - 1, aa);
+        const Rgb c = pt.col + bg.at(X, Y) * (1 - pt.alpha);
+        uint8_t* o = &out[(static_cast<size_t>(v) * n + u) * 3];
+        o[0] = toByte(c.r), o[1] = toByte(c.g), o[2] = toByte(c.b);
+      }
     }
-  }
+  });
   return out;
 }
 
@@ -359,17 +399,20 @@ std::vector<uint8_t> driveFrame(const Params& p, int si) {
   const double ia = M[4] / det, ib = -M[1] / det, ic = -M[3] / det, id = M[0] / det;
   const float k = 2.0f / (p.crop - 1);
   const float aa = static_cast<float>(k / std::sqrt(std::fabs(det)));
+  const Backdrop bg(p);
   std::vector<uint8_t> out(static_cast<size_t>(p.width) * p.height * 3);
-  for (int Y = 0; Y < p.height; ++Y) {
-    for (int X = 0; X < p.width; ++X) {
-      const double dx = X - M[2], dy = Y - M[5];
-      const float u = static_cast<float>(ia * dx + ib * dy), v = static_cast<float>(ic * dx + id * dy);
-      const Paint pt = person(f, u * k - 1, v * k - 1, aa);
-      const Rgb c = pt.col + backdrop(p, static_cast<float>(X), static_cast<float>(Y)) * (1 - pt.alpha);
-      uint8_t* o = &out[(static_cast<size_t>(Y) * p.width + X) * 3];
-      o[0] = toByte(c.r), o[1] = toByte(c.g), o[2] = toByte(c.b);
+  parallelRows(p.height, [&](int y0, int y1) {
+    for (int Y = y0; Y < y1; ++Y) {
+      for (int X = 0; X < p.width; ++X) {
+        const double dx = X - M[2], dy = Y - M[5];
+        const float u = static_cast<float>(ia * dx + ib * dy), v = static_cast<float>(ic * dx + id * dy);
+        const Paint pt = person(f, u * k - 1, v * k - 1, aa);
+        const Rgb c = pt.col + bg.at(static_cast<float>(X), static_cast<float>(Y)) * (1 - pt.alpha);
+        uint8_t* o = &out[(static_cast<size_t>(Y) * p.width + X) * 3];
+        o[0] = toByte(c.r), o[1] = toByte(c.g), o[2] = toByte(c.b);
+      }
     }
-  }
+  });
   return out;
 }
 
