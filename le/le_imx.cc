@@ -1,6 +1,7 @@
 #include "le/le_imx.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -188,13 +189,40 @@ std::vector<TocEntry> readToc(std::FILE* in, const std::string& path) {
   return toc;
 }
 
-CopyStatus copyBytes(std::FILE* in, std::FILE* out, uint64_t n, char* buf, size_t cap) {
+CopyStatus StreamCopier::copy(int in_fd, uint64_t offset, int out_fd, uint64_t n) {
+  while (n > 0 && in_kernel_) {
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(n, cap_));
+    loff_t off = static_cast<loff_t>(offset);
+    const ssize_t r = ::copy_file_range(in_fd, &off, out_fd, nullptr, want, 0);
+    if (r > 0) {
+      offset += static_cast<uint64_t>(r);
+      n -= static_cast<uint64_t>(r);
+    } else if (r == 0) {
+      return CopyStatus::ShortRead;
+    } else if (errno != EINTR) {
+      // Unsupported between these files, or a real failure: the buffered path tells which.
+      in_kernel_ = false;
+    }
+  }
+  return copyBuffered(in_fd, offset, out_fd, n);
+}
+
+CopyStatus StreamCopier::copyBuffered(int in_fd, uint64_t& offset, int out_fd, uint64_t& n) {
+  if (n > 0 && buf_.size() < std::min<uint64_t>(n, cap_))
+    buf_.resize(static_cast<size_t>(std::min<uint64_t>(n, cap_)));
   while (n > 0) {
-    const size_t want = n < cap ? static_cast<size_t>(n) : cap;
-    const size_t got = std::fread(buf, 1, want, in);
-    if (got > 0 && std::fwrite(buf, 1, got, out) != got) return CopyStatus::ShortWrite;
-    if (got < want) return CopyStatus::ShortRead;
-    n -= got;
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(n, buf_.size()));
+    const ssize_t got = ::pread(in_fd, buf_.data(), want, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return CopyStatus::ShortRead;
+    for (size_t done = 0; done < static_cast<size_t>(got);) {
+      const ssize_t w = ::write(out_fd, buf_.data() + done, static_cast<size_t>(got) - done);
+      if (w < 0 && errno == EINTR) continue;
+      if (w <= 0) return CopyStatus::ShortWrite;
+      done += static_cast<size_t>(w);
+    }
+    offset += static_cast<uint64_t>(got);
+    n -= static_cast<uint64_t>(got);
   }
   return CopyStatus::Ok;
 }
@@ -228,10 +256,7 @@ std::string unwrapOnce(const std::string& container) {
   if (!in) fail("cannot open container " + container);
   const std::vector<TocEntry> toc = readToc(in.get(), container);
 
-  // One buffer for the whole unwrap, no larger than the largest member needs.
-  uint64_t largest = 1;
-  for (const TocEntry& e : toc) largest = std::max(largest, e.size);
-  std::vector<char> buf(static_cast<size_t>(std::min<uint64_t>(largest, kCopyBuffer)));
+  StreamCopier copier;
   for (const TocEntry& e : toc) {
     if (!isSafeMemberName(e.name))
       fail(container + ": refusing unsafe member name '" + printableName(e.name) + "'");
@@ -246,17 +271,15 @@ std::string unwrapOnce(const std::string& container) {
 
     // Written under ".part" and renamed, so a final name always holds a complete member.
     const std::string part = dest + ".part";
-    FilePtr out(std::fopen(part.c_str(), "wb"));
-    if (!out) fail("cannot write " + part);
+    const int out = ::open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (out < 0) fail("cannot write " + part);
     std::string error;
-    switch (copyBytes(in.get(), out.get(), e.size, buf.data(), buf.size())) {
+    switch (copier.copy(::fileno(in.get()), e.offset, out, e.size)) {
       case CopyStatus::ShortRead: error = container + ": truncated payload for member " + e.name; break;
       case CopyStatus::ShortWrite: error = "short write materialising " + dest; break;
-      case CopyStatus::Ok:
-        if (std::fflush(out.get()) != 0) error = "flush failed materialising " + dest;
-        break;
+      case CopyStatus::Ok: break;
     }
-    if (std::fclose(out.release()) != 0 && error.empty()) error = "flush failed materialising " + dest;
+    if (::close(out) != 0 && error.empty()) error = "flush failed materialising " + dest;
     if (error.empty() && std::rename(part.c_str(), dest.c_str()) != 0)
       error = "cannot place member " + dest;
     if (!error.empty()) {

@@ -45,9 +45,24 @@ std::vector<TocEntry> readToc(std::FILE* in, const std::string& path);
 // "/" or "\", without ".." and without a zero byte.
 bool isSafeMemberName(std::string_view name);
 
-// Streams n bytes from in to out through buf (cap bytes).
+// Streams byte ranges between files in steps of at most cap bytes, never holding more than
+// one step: inside the kernel where the platform can copy between the two files (no pass of the
+// bytes through user space), else through one buffer of cap bytes.
 enum class CopyStatus { Ok, ShortRead, ShortWrite };
-CopyStatus copyBytes(std::FILE* in, std::FILE* out, uint64_t n, char* buf, size_t cap);
+class StreamCopier {
+ public:
+  explicit StreamCopier(size_t cap = kCopyBuffer, bool in_kernel = true)
+      : cap_(cap ? cap : 1), in_kernel_(in_kernel) {}
+  // Copies n bytes of in_fd from offset (its file position is left alone) to out_fd's
+  // current position. ShortRead: in_fd ended early or failed; ShortWrite: out_fd failed.
+  CopyStatus copy(int in_fd, uint64_t offset, int out_fd, uint64_t n);
+
+ private:
+  CopyStatus copyBuffered(int in_fd, uint64_t& offset, int out_fd, uint64_t& n);
+  size_t cap_;
+  bool in_kernel_;
+  std::vector<char> buf_;  // allocated when the buffered path is first taken
+};
 
 // Path helpers.
 std::string rstripSlash(const std::string& p);

@@ -310,6 +310,31 @@ TEST_F(Imx, InterruptedUnwrapIsRedoneCleanly) {
   EXPECT_EQ(count(log, "[le] unwrapped"), 1u);
 }
 
+TEST_F(Imx, StreamCopierInKernelAndBuffered) {
+  std::string bytes(3 * 1000 + 17, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7 + 3);
+  const std::string src = scratch / "src.bin";
+  writeFile(src, bytes);
+  for (const bool in_kernel : {true, false}) {
+    SCOPED_TRACE(in_kernel ? "in kernel" : "buffered");
+    // Small steps so that several are taken.
+    le::imx::StreamCopier copier(1000, in_kernel);
+    const int in = ::open(src.c_str(), O_RDONLY);
+    const std::string dst = scratch / "dst.bin";
+    int out = ::open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    EXPECT_EQ(copier.copy(in, 11, out, 2500), le::imx::CopyStatus::Ok);
+    EXPECT_EQ(copier.copy(in, 0, out, 5), le::imx::CopyStatus::Ok);
+    EXPECT_EQ(copier.copy(in, 3000, out, 18), le::imx::CopyStatus::ShortRead);
+    ::close(out);
+    EXPECT_EQ(le::readFile(dst), bytes.substr(11, 2500) + bytes.substr(0, 5) + bytes.substr(3000));
+    out = ::open("/dev/full", O_WRONLY);
+    ASSERT_GE(out, 0);
+    EXPECT_EQ(copier.copy(in, 0, out, 100), le::imx::CopyStatus::ShortWrite);
+    ::close(out);
+    ::close(in);
+  }
+}
+
 TEST_F(Imx, PackedDirectoryRoundTripsAndFlatQueriesSeeTheContainer) {
   const std::string src = scratch / "src";
   for (const auto& [name, bytes] : bundle) writeFile(src + "/" + name, bytes);

@@ -1,6 +1,8 @@
 #include "tools/forge/imx_pack.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -9,7 +11,6 @@
 #include <memory>
 #include <stdexcept>
 
-#include "le/le_bundle.h"
 
 namespace le::forge {
 
@@ -93,24 +94,26 @@ void writeImx(const std::string& out, const std::vector<ImxSource>& members) {
   const std::string head = imxToc(toc);
 
   const std::string part = out + ".part";
-  FilePtr f(std::fopen(part.c_str(), "wb"));
-  if (!f) fail("cannot write " + part);
+  const int fd = ::open(part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) fail("cannot write " + part);
   std::string error;
-  if (std::fwrite(head.data(), 1, head.size(), f.get()) != head.size()) error = "short write " + part;
-  std::vector<char> buf(imx::kCopyBuffer);
+  if (::write(fd, head.data(), head.size()) != static_cast<ssize_t>(head.size()))
+    error = "short write " + part;
+  imx::StreamCopier copier;
   for (size_t i = 0; i < members.size() && error.empty(); ++i) {
-    FilePtr in(std::fopen(members[i].path.c_str(), "rb"));
-    if (!in) {
+    const int in = ::open(members[i].path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) {
       error = "cannot open " + members[i].path;
       break;
     }
-    switch (imx::copyBytes(in.get(), f.get(), toc[i].size, buf.data(), buf.size())) {
+    switch (copier.copy(in, 0, fd, toc[i].size)) {
       case imx::CopyStatus::Ok: break;
       case imx::CopyStatus::ShortRead: error = "short read " + members[i].path; break;
       case imx::CopyStatus::ShortWrite: error = "short write " + part; break;
     }
+    ::close(in);
   }
-  if (std::fclose(f.release()) != 0 && error.empty()) error = "short write " + part;
+  if (::close(fd) != 0 && error.empty()) error = "short write " + part;
   if (error.empty() && std::rename(part.c_str(), out.c_str()) != 0) error = "cannot place " + out;
   if (!error.empty()) {
     std::remove(part.c_str());
