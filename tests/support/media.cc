@@ -18,18 +18,6 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-#define STB_IMAGE_WRITE_STATIC
-#define STB_IMAGE_WRITE_IMPLEMENTATION
-#if defined(__GNUC__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-function"
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
-#endif
-#include <stb_image_write.h>
-#if defined(__GNUC__)
-#pragma GCC diagnostic pop
-#endif
-
 namespace le::testmedia {
 
 namespace {
@@ -195,14 +183,6 @@ int frameTag(const uint8_t* rgb, int w) {
   return v;
 }
 
-void writeJpeg(const std::string& path, const uint8_t* rgb, int w, int h, int quality) {
-  if (!stbi_write_jpg(path.c_str(), w, h, 3, rgb, quality)) fail("jpeg write " + path);
-}
-
-void writeGreyPng(const std::string& path, const uint8_t* grey, int w, int h) {
-  if (!stbi_write_png(path.c_str(), w, h, 1, grey, w)) fail("png write " + path);
-}
-
 void writeJpegDir(const std::string& dir, int w, int h, int n) {
   ::mkdir(dir.c_str(), 0755);
   for (int i = 0; i < n; ++i) {
@@ -263,5 +243,12 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_sup
          "called_from_lib:libswscale.so\n"
          "called_from_lib:libx264.so\n"
          "called_from_lib:libx265.so\n";
+}
+#endif
+
+#if defined(__SANITIZE_ADDRESS__)
+// libx265 keeps a few filter buffers of every encoder it opens until the process ends.
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
+  return "leak:libx265.so\n";
 }
 #endif
