@@ -9,6 +9,6 @@ build="${LE_BUILD_DIR:-build}"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j"$(nproc)" --target le
 mkdir -p out
-"$build/tools/le" forge out/demo_bundle --frames 50
+"$build/tools/le" forge out/demo_bundle --frames 50 --force
 "$build/tools/le" paste out/demo_bundle -o out/demo.mp4
 echo "wrote out/demo.mp4"

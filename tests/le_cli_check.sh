@@ -17,10 +17,12 @@ expect() {
     echo "FAIL: $what: exit $got, wanted $want"; sed 's/^/  stderr: /' "$tmp/err"; fails=$((fails + 1))
   fi
 }
-# the last command's stderr is one line starting with PREFIX and containing TEXT
+# the last command's stderr, apart from the engine's tagged diagnostic lines, is one line
+# starting with PREFIX and containing TEXT
 one_line_error() {
   local prefix="$1" text="$2"
-  if [ "$(wc -l <"$tmp/err")" != 1 ] || ! head -c "${#prefix}" "$tmp/err" | grep -qF "$prefix" || ! grep -qF -- "$text" "$tmp/err"; then
+  grep -v -e '^\[' -e '^Vantorix: ' "$tmp/err" >"$tmp/err1"
+  if [ "$(wc -l <"$tmp/err1")" != 1 ] || ! head -c "${#prefix}" "$tmp/err1" | grep -qF "$prefix" || ! grep -qF -- "$text" "$tmp/err1"; then
     echo "FAIL: wanted one line '$prefix...$text...' on stderr, got:"; sed 's/^/  /' "$tmp/err"; fails=$((fails + 1))
   fi
 }
@@ -72,6 +74,20 @@ expect 0 "forge a broken bundle" -- "$le" forge "$tmp/bad" "${small[@]}" --break
 expect 1 "info refuses an ambiguous manifest" -- "$le" info "$tmp/bad"
 one_line_error "le info: " "is AMBIGUOUS — 2 scalar occurrences"
 stdout_has "REFUSED"
+
+if "$le" --help | grep -q "^  paste "; then
+  expect 2 "paste without an output" -- "$le" paste "$tmp/b"
+  one_line_error "le paste: " "wants an output movie"
+  expect 0 "paste five frames" -- "$le" paste "$tmp/b" -o "$tmp/p.mp4" --frames 8 --quiet
+  frames=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of csv=p=0 "$tmp/p.mp4" 2>/dev/null)
+  [ "$frames" = 8 ] || { echo "FAIL: le paste wrote '$frames' frames, wanted 8"; fails=$((fails + 1)); }
+  expect 0 "paste from a container" -- "$le" paste "$tmp/c.imx" -o "$tmp/c.mp4" --quiet
+  expect 0 "forge an fs_red-only bundle" -- "$le" forge "$tmp/fs" "${small[@]}" --prior fs_red
+  expect 1 "paste without a picture prior" -- "$le" paste "$tmp/fs" -o "$tmp/fs.mp4"
+  one_line_error "le paste: " "fs_red.f16 alone"
+  expect 1 "paste a bundle the engine refuses" -- "$le" paste "$tmp/bad" -o "$tmp/bad.mp4"
+  one_line_error "le paste: " "le_create: manifest: key \"W\" is AMBIGUOUS"
+fi
 
 if [ "$fails" != 0 ]; then echo "$fails failure(s)"; exit 1; fi
 echo "le tool: all checks passed"
