@@ -1,0 +1,327 @@
+#include "le/le_paste.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+#include "le/le_bundle.h"
+#include "le/le_pool.h"
+#include "le/le_simd.h"
+
+namespace le {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr size_t kGrain = 64;
+// Fixed-point positions must stay well inside int so row start + column offset cannot overflow.
+constexpr double kFixedLimit = 1073741824.0;  // 2^30
+
+// Decimal value of an environment variable; false when unset.
+bool envLong(const char* name, long* out) {
+  const char* s = std::getenv(name);
+  if (!s) return false;
+  errno = 0;
+  long v = std::strtol(s, nullptr, 10);
+  if (errno == ERANGE) v = -1;
+  *out = v;
+  return true;
+}
+
+double sinc(double x) {
+  if (x == 0.0) return 1.0;
+  return std::sin(kPi * x) / (kPi * x);
+}
+
+// Mirror without repeating the edge pixel (…, 2, 1, [0, 1, …, n-1], n-2, …); repeated for
+// borders wider than the plane.
+int reflect101(int i, int n) {
+  if (n == 1) return 0;
+  while (i < 0 || i >= n) {
+    if (i < 0) i = -i;
+    if (i >= n) i = 2 * n - 2 - i;
+  }
+  return i;
+}
+
+// NaN goes to 0, so nothing downstream sees one.
+inline float clamp255(float v) { return v > 0.f ? (v < 255.f ? v : 255.f) : 0.f; }
+
+std::once_flag g_announce;
+
+}  // namespace
+
+Paste::Paste(std::vector<uint8_t> mask, int crop, const Unsharp& unsharp)
+    : crop_(crop), ksize_(unsharp.ksize), amount_(unsharp.amount), mask_(std::move(mask)) {
+  if (crop < 1 || mask_.size() != size_t(crop) * size_t(crop))
+    throw std::runtime_error("paste: mask size");
+  if (unsharp.ksize % 2 == 0) throw std::runtime_error("paste: ksize must be odd");
+  if (unsharp.ksize < 1) throw std::runtime_error("paste: ksize must be positive");
+
+  long v = 0;
+  if (envLong("LE_PASTE_FAST", &v)) fast_ = (v >= 0 && v <= 2) ? int(v) : 0;
+  if (envLong("LE_PASTE_KSIZE", &v) && v > 2 && v % 2 == 1 && v <= ksize_) ksize_ = int(v);
+  padded_ = crop_ + ksize_ - 1;
+
+  // Gaussian taps. A non-positive sigma is the limit of the kernel: a unit centre tap.
+  gauss_.assign(size_t(ksize_), 0.f);
+  const double sigma = unsharp.sigma;
+  if (sigma > 0.0) {
+    const double m = (ksize_ - 1) / 2.0;
+    std::vector<double> g(static_cast<size_t>(ksize_));
+    double sum = 0.0;
+    for (int i = 0; i < ksize_; ++i) {
+      g[size_t(i)] = std::exp(-(i - m) * (i - m) / (2.0 * sigma * sigma));
+      sum += g[size_t(i)];
+    }
+    for (int i = 0; i < ksize_; ++i) gauss_[size_t(i)] = float(g[size_t(i)] / sum);
+  } else {
+    gauss_[size_t(ksize_ / 2)] = 1.f;
+  }
+
+  // Lanczos (a = 4), 8 taps over source pixels ix-3 .. ix+4.
+  lanczos_.assign(kPhases * 8, 0.f);
+  lanczos_[3] = 1.f;
+  for (int p = 1; p < kPhases; ++p) {
+    const double t = p / double(kPhases);
+    double w[8], sum = 0.0;
+    for (int i = 0; i < 8; ++i) {
+      const double d = t + 3 - i;
+      w[i] = sinc(d) * sinc(d / 4.0);
+      sum += w[i];
+    }
+    for (int i = 0; i < 8; ++i) lanczos_[size_t(8 * p + i)] = float(w[i] / sum);
+  }
+
+  bilinear_.resize(kPhases * 2);
+  bicubic_.resize(kPhases * 4);
+  for (int p = 0; p < kPhases; ++p) {
+    const double t = p / double(kPhases);
+    bilinear_[size_t(2 * p)] = float(1.0 - t);
+    bilinear_[size_t(2 * p + 1)] = float(t);
+    // Cubic convolution, A = -0.75, over ix-1 .. ix+2; the last tap closes the sum to 1.
+    const double s = 1.0 + t, u = 1.0 - t;
+    const float w0 = float(((-0.75 * s + 3.75) * s - 6.0) * s + 3.0);
+    const float w1 = float((1.25 * t - 2.25) * t * t + 1.0);
+    const float w2 = float((1.25 * u - 2.25) * u * u + 1.0);
+    float* b = &bicubic_[size_t(4 * p)];
+    b[0] = w0;
+    b[1] = w1;
+    b[2] = w2;
+    b[3] = 1.f - w0 - w1 - w2;
+  }
+
+  const size_t n = size_t(crop_) * size_t(crop_);
+  for (auto& pl : planes_) pl.assign(n, 0.f);
+  blurA_.assign(3 * size_t(padded_) * size_t(padded_), 0.f);
+  blurB_.assign(3 * size_t(padded_) * size_t(crop_), 0.f);
+  src4_.assign(n * 4, 0.f);
+}
+
+// Scales the crop into the planes and sharpens them:
+// plane = clamp(plane * (1 + amount) - gauss(plane) * amount, 0, 255), the Gaussian separable
+// over a mirrored border, horizontal pass first, taps summed in ascending order.
+void Paste::sharpen(const float* in, float scale) {
+  if (crop_ > 1024) throw std::runtime_error("paste: side > 1024");
+  const int n = crop_, P = padded_;
+  struct Job {
+    Paste* self;
+    const float* in;
+    float scale;
+  } job{this, in, scale};
+
+  // Pass 1, per padded row of each plane: build the mirrored row (keeping the interior as the
+  // plane itself), then blur it horizontally.
+  le::pool::parallelRange(3 * size_t(P), kGrain, [&job](size_t b, size_t e) {
+    Paste& s = *job.self;
+    const int n = s.crop_, P = s.padded_, K = s.ksize_, r = K / 2;
+    const size_t plane = size_t(n) * size_t(n);
+    const float* g = s.gauss_.data();
+    for (size_t i = b; i < e; ++i) {
+      const int k = int(i / size_t(P)), R = int(i % size_t(P));
+      const int sy = reflect101(R - r, n);
+      const float* srow = job.in + size_t(k) * plane + size_t(sy) * size_t(n);
+      float* a = &s.blurA_[(size_t(k) * size_t(P) + size_t(R)) * size_t(P)];
+      for (int c = 0; c < r; ++c) a[c] = job.scale * srow[reflect101(c - r, n)];
+      for (int x = 0; x < n; ++x) a[r + x] = job.scale * srow[x];
+      for (int c = r + n; c < P; ++c) a[c] = job.scale * srow[reflect101(c - r, n)];
+      if (R - r >= 0 && R - r < n)
+        std::copy(a + r, a + r + n, &s.planes_[k][size_t(R - r) * size_t(n)]);
+      float* o = &s.blurB_[(size_t(k) * size_t(P) + size_t(R)) * size_t(n)];
+      std::fill(o, o + n, 0.f);
+      for (int t = 0; t < K; ++t) {
+        const float gt = g[t];
+        const float* at = a + t;
+        for (int x = 0; x < n; ++x) o[x] += gt * at[x];
+      }
+    }
+  });
+
+  // Pass 2, per crop row: vertical blur, sharpen in place, and (Lanczos mode) interleave.
+  le::pool::parallelRange(size_t(n), kGrain, [&job](size_t b, size_t e) {
+    Paste& s = *job.self;
+    const int n = s.crop_, P = s.padded_, K = s.ksize_;
+    const float* g = s.gauss_.data();
+    const float amt = s.amount_, gain = 1.f + s.amount_;
+    for (size_t y = b; y < e; ++y) {
+      for (int k = 0; k < 3; ++k) {
+        // Plane k's padded rows are no longer needed: its row y is this row's accumulator.
+        float* acc = &s.blurA_[(size_t(k) * size_t(P) + y) * size_t(P)];
+        const float* bb = &s.blurB_[size_t(k) * size_t(P) * size_t(n)];
+        std::fill(acc, acc + n, 0.f);
+        for (int t = 0; t < K; ++t) {
+          const float gt = g[t];
+          const float* row = bb + (y + size_t(t)) * size_t(n);
+          for (int x = 0; x < n; ++x) acc[x] += gt * row[x];
+        }
+        float* pl = &s.planes_[k][y * size_t(n)];
+        for (int x = 0; x < n; ++x) pl[x] = clamp255(pl[x] * gain - acc[x] * amt);
+      }
+      if (s.fast_ == 0) {
+        const float* R = &s.planes_[0][y * size_t(n)];
+        const float* G = &s.planes_[1][y * size_t(n)];
+        const float* B = &s.planes_[2][y * size_t(n)];
+        float* d = &s.src4_[y * size_t(n) * 4];
+        for (int x = 0; x < n; ++x) {
+          d[4 * x] = R[x];
+          d[4 * x + 1] = G[x];
+          d[4 * x + 2] = B[x];
+          d[4 * x + 3] = 0.f;
+        }
+      }
+    }
+  });
+}
+
+void Paste::composite(const float* crop_planes, float scale, const float* M, uint8_t* frame,
+                      int W, int H) {
+  const float a = M[0], b = M[1], tx = M[2], c = M[3], d = M[4], ty = M[5];
+  const double det = double(d) * a - double(b) * c;
+  if (det == 0.0) return;
+
+  // Frame box of the crop, widened by the Lanczos reach.
+  const float us[4] = {-4.f, float(crop_ + 3), -4.f, float(crop_ + 3)};
+  const float vs[4] = {-4.f, -4.f, float(crop_ + 3), float(crop_ + 3)};
+  float minx = INFINITY, maxx = -INFINITY, miny = INFINITY, maxy = -INFINITY;
+  for (int i = 0; i < 4; ++i) {
+    const float x = us[i] * a + vs[i] * b + tx;
+    const float y = us[i] * c + vs[i] * d + ty;
+    minx = std::min(minx, x);
+    maxx = std::max(maxx, x);
+    miny = std::min(miny, y);
+    maxy = std::max(maxy, y);
+  }
+  const double fx0 = std::max(std::floor(double(minx)), 0.0);
+  const double fx1 = std::min(double(W) - 1, std::ceil(double(maxx)));
+  const double fy0 = std::max(std::floor(double(miny)), 0.0);
+  const double fy1 = std::min(double(H) - 1, std::ceil(double(maxy)));
+  if (!(fx1 >= fx0) || !(fy1 >= fy0)) return;  // also catches a NaN transform
+  const int x0 = int(fx0), x1 = int(fx1), y0 = int(fy0), y1 = int(fy1);
+
+  const double du_dx = d / det, dv_dx = -c / det;
+  const Rows rows{-b / det, a / det, -(tx * du_dx + ty * (-b / det)),
+                  -(tx * dv_dx + ty * (a / det))};
+  // A transform this close to singular has no fixed-point representation: like a singular
+  // one, it pastes nothing.
+  for (double x : {double(x0), double(x1)})
+    if (!(std::fabs(x * du_dx * 1024) < kFixedLimit && std::fabs(x * dv_dx * 1024) < kFixedLimit))
+      return;
+  for (double y : {double(y0), double(y1)})
+    if (!(std::fabs((y * rows.du_dy + rows.u0) * 1024) < kFixedLimit &&
+          std::fabs((y * rows.dv_dy + rows.v0) * 1024) < kFixedLimit))
+      return;
+
+  const size_t ncol = size_t(x1 - x0 + 1);
+  if (col_x_.size() < ncol) {
+    col_x_.resize(ncol);
+    col_y_.resize(ncol);
+  }
+  for (int x = x0; x <= x1; ++x) {
+    col_x_[size_t(x - x0)] = int(std::rint(x * du_dx * 1024));
+    col_y_[size_t(x - x0)] = int(std::rint(x * dv_dx * 1024));
+  }
+
+  std::call_once(g_announce, [this] {
+    std::fprintf(stderr, "[le-paste] executor=%s (side=%d, ksize=%d, threads=%d) — 1080p frame\n",
+                 "cpu", crop_, ksize_, le::pool::threads());
+  });
+
+  sharpen(crop_planes, scale);
+  compositeTail(frame, W, x0, x1, y0, y1, rows);
+}
+
+void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
+                          const Rows& rows) {
+  struct Job {
+    Paste* self;
+    uint8_t* frame;
+    int W, x0, x1, y0;
+    const Rows* rows;
+  } job{this, frame, W, x0, x1, y0, &rows};
+  le::pool::parallelRange(size_t(y1 - y0 + 1), kGrain, [&job](size_t b, size_t e) {
+    const Paste& s = *job.self;
+    const Rows& r = *job.rows;
+    for (size_t i = b; i < e; ++i) {
+      const int y = job.y0 + int(i);
+      const int row_x = int(std::rint((y * r.du_dy + r.u0) * 1024)) + 16;
+      const int row_y = int(std::rint((y * r.dv_dy + r.v0) * 1024)) + 16;
+      uint8_t* dst = job.frame + size_t(y) * size_t(job.W) * 3;
+      if (s.fast_ == 0)
+        le::simd::pasteLanczos8Row(s.src4_.data(), s.crop_, s.mask_.data(), s.lanczos_.data(),
+                                   s.bilinear_.data(), s.col_x_.data(), s.col_y_.data(), row_x,
+                                   row_y, job.x0, job.x1, dst);
+      else
+        s.resampleRowPlanar(dst, row_x, row_y, job.x0, job.x1);
+    }
+  });
+}
+
+// Bicubic (mode 1) and bilinear (mode 2) rows: the Lanczos row's skip rule and mask alpha, with
+// the colour taken from the three planes.
+void Paste::resampleRowPlanar(uint8_t* dst, int row_x, int row_y, int x0, int x1) const {
+  const int n = crop_;
+  const float* bl = bilinear_.data();
+  auto inside = [n](int x, int y) { return unsigned(x) < unsigned(n) && unsigned(y) < unsigned(n); };
+  auto m = [&](int x, int y) { return inside(x, y) ? float(mask_[size_t(y) * n + x]) : 0.f; };
+  for (int x = x0; x <= x1; ++x) {
+    const int sx = row_x + col_x_[size_t(x - x0)], sy = row_y + col_y_[size_t(x - x0)];
+    const int ix = sx >> kFracBits, iy = sy >> kFracBits;
+    if (sx < -1024 || sy < -1024 || ix >= n || iy >= n) continue;
+    const int px = (sx >> 5) & 31, py = (sy >> 5) & 31;
+    const float wx0 = bl[2 * px], wx1 = bl[2 * px + 1], wy0 = bl[2 * py], wy1 = bl[2 * py + 1];
+    const float alpha = std::rint(((wx1 * m(ix + 1, iy + 1) + wx0 * m(ix, iy + 1)) * wy1) +
+                                  ((wx1 * m(ix + 1, iy) + wx0 * m(ix, iy)) * wy0)) /
+                        255.0f;
+    if (!(alpha > 0.f)) continue;
+    uint8_t* o = dst + 3 * size_t(x);
+    for (int k = 0; k < 3; ++k) {
+      const float* pl = planes_[k].data();
+      auto p = [&](int xx, int yy) { return inside(xx, yy) ? pl[size_t(yy) * n + xx] : 0.f; };
+      float sum;
+      if (fast_ == 1) {
+        const float* wx = &bicubic_[size_t(4 * px)];
+        const float* wy = &bicubic_[size_t(4 * py)];
+        sum = 0.f;
+        for (int j = 0; j < 4; ++j) {
+          const int yy = iy - 1 + j;
+          if (yy < 0 || yy >= n) continue;
+          float rsum = 0.f;
+          for (int i = 0; i < 4; ++i) rsum += p(ix - 1 + i, yy) * wx[i];
+          sum += rsum * wy[j];
+        }
+      } else {
+        sum = (wx0 * p(ix, iy) + wx1 * p(ix + 1, iy)) * wy0 +
+              (wx0 * p(ix, iy + 1) + wx1 * p(ix + 1, iy + 1)) * wy1;
+      }
+      const float dv = float(o[k]);
+      o[k] = uint8_t(clamp255(dv * (1.f - alpha) + alpha * sum));
+    }
+  }
+}
+
+}  // namespace le

@@ -1,0 +1,76 @@
+// The paste compositor: puts a rendered face crop back into its full RGB video frame.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace le {
+
+struct Unsharp;
+
+// One compositor per engine context. The crop is sharpened (mirrored unsharp mask), resampled
+// through the inverse of the frame's paste transform and blended under a bilinearly resampled
+// soft mask; only frame pixels whose source position falls inside the crop are touched.
+// Not safe for concurrent composite() calls: planes and scratch are shared. Inside one call the
+// work runs on the calling thread's worker pool.
+class Paste {
+ public:
+  // Throws "paste: mask size" unless mask holds crop*crop bytes, "paste: ksize must be odd".
+  // Reads LE_PASTE_FAST (resampling mode) and LE_PASTE_KSIZE (shrinks the unsharp kernel).
+  Paste(std::vector<uint8_t> mask, int crop, const Unsharp& unsharp);
+  Paste(const Paste&) = delete;
+  Paste& operator=(const Paste&) = delete;
+  Paste(Paste&&) = default;
+  Paste& operator=(Paste&&) = default;
+
+  // Pastes one crop: crop_planes are three planes (R, G, B) of crop*crop floats, multiplied by
+  // scale to 0..255 units; M = (a, b, tx, c, d, ty) maps crop pixel (u, v) to the frame point
+  // (a*u + b*v + tx, c*u + d*v + ty); frame is W*H packed RGB, modified in place. A singular M or
+  // a crop landing outside the frame leaves the frame unchanged. Allocates nothing once warm.
+  void composite(const float* crop_planes, float scale, const float* M, uint8_t* frame, int W,
+                 int H);
+
+  int crop() const { return crop_; }
+  int ksize() const { return ksize_; }
+  float amount() const { return amount_; }
+  // 0 Lanczos-8, 1 bicubic 4x4, 2 bilinear 2x2.
+  int fast() const { return fast_; }
+  const std::vector<uint8_t>& mask() const { return mask_; }
+  const std::vector<float>& gauss() const { return gauss_; }        // ksize taps
+  const std::vector<float>& lanczos() const { return lanczos_; }    // 32 phases x 8 taps
+  const std::vector<float>& bilinear() const { return bilinear_; }  // 32 phases x 2 taps
+  const std::vector<float>& bicubic() const { return bicubic_; }    // 32 phases x 4 taps
+
+  // Fixed-point source positions: 10 fractional bits, 32 phases.
+  static constexpr int kFracBits = 10;
+  static constexpr int kPhases = 32;
+
+ private:
+  // Inverse transform of one paste: frame (x, y) -> crop fixed-point position is
+  // (row_x(y) + col_x[x - x0], row_y(y) + col_y[x - x0]).
+  struct Rows {
+    double du_dy, dv_dy, u0, v0;
+  };
+  void sharpen(const float* crop_planes, float scale);
+  void compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1, const Rows& rows);
+  void resampleRowPlanar(uint8_t* dst_row, int row_x, int row_y, int x0, int x1) const;
+
+  int crop_;
+  int ksize_;
+  int padded_;
+  float amount_;
+  int fast_ = 0;
+  std::vector<uint8_t> mask_;
+  std::vector<float> gauss_;
+  std::vector<float> lanczos_;
+  std::vector<float> bilinear_;
+  std::vector<float> bicubic_;
+  std::vector<float> planes_[3];  // the crop's R, G, B in 0..255 units, sharpened in place
+  std::vector<float> blurA_;      // per plane: the padded (mirrored) plane, then row scratch
+  std::vector<float> blurB_;      // per plane: padded rows x crop columns, horizontally blurred
+  std::vector<float> src4_;       // R, G, B, 0 per crop pixel: the Lanczos source
+  std::vector<int> col_x_, col_y_;
+};
+
+}  // namespace le

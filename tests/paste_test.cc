@@ -1,0 +1,438 @@
+#include "le/le_paste.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <new>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "le/le_bundle.h"
+
+// Counts heap allocations while armed, to prove a warm composite allocates nothing.
+static std::atomic<bool> g_count_allocs{false};
+static std::atomic<long> g_allocs{0};
+// GCC pairs the replaced operators with malloc/free and warns at every inlined delete.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void* operator new(std::size_t n) {
+  if (g_count_allocs.load(std::memory_order_relaxed)) g_allocs.fetch_add(1);
+  if (void* p = std::malloc(n ? n : 1)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+
+namespace {
+
+// Sets (or unsets, with null) an environment variable for the life of the scope.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old, had_ = true;
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  }
+  ~ScopedEnv() {
+    if (had_)
+      setenv(name_, old_.c_str(), 1);
+    else
+      unsetenv(name_);
+  }
+
+ private:
+  const char* name_;
+  std::string old_;
+  bool had_ = false;
+};
+
+le::Unsharp unsharp(float amount, float sigma, int ksize) {
+  le::Unsharp u;
+  u.amount = amount;
+  u.sigma = sigma;
+  u.ksize = ksize;
+  return u;
+}
+
+// ---- an independent reference, written straight from the formulas with plain loops ----
+
+struct RefTables {
+  std::vector<float> gauss, lanczos, bilinear, bicubic;
+};
+
+RefTables refTables(int ksize, double sigma) {
+  RefTables t;
+  double sum = 0;
+  std::vector<double> g(ksize);
+  for (int i = 0; i < ksize; ++i) {
+    double m = (ksize - 1) / 2.0;
+    g[i] = std::exp(-(i - m) * (i - m) / (2 * sigma * sigma));
+    sum += g[i];
+  }
+  for (int i = 0; i < ksize; ++i) t.gauss.push_back(float(g[i] / sum));
+  auto sinc = [](double x) { return x == 0 ? 1.0 : std::sin(M_PI * x) / (M_PI * x); };
+  for (int p = 0; p < 32; ++p) {
+    double tt = p / 32.0;
+    if (p == 0) {
+      for (int i = 0; i < 8; ++i) t.lanczos.push_back(i == 3 ? 1.f : 0.f);
+    } else {
+      double w[8], s = 0;
+      for (int i = 0; i < 8; ++i) {
+        double d = tt + 3 - i;
+        w[i] = sinc(d) * sinc(d / 4);
+        s += w[i];
+      }
+      for (int i = 0; i < 8; ++i) t.lanczos.push_back(float(w[i] / s));
+    }
+    t.bilinear.push_back(float(1 - tt));
+    t.bilinear.push_back(float(tt));
+    float w0 = float(((-0.75 * (1 + tt) + 3.75) * (1 + tt) - 6) * (1 + tt) + 3);
+    float w1 = float((1.25 * tt - 2.25) * tt * tt + 1);
+    float w2 = float((1.25 * (1 - tt) - 2.25) * (1 - tt) * (1 - tt) + 1);
+    float w3 = 1.f - w0 - w1 - w2;
+    t.bicubic.insert(t.bicubic.end(), {w0, w1, w2, w3});
+  }
+  return t;
+}
+
+float clampf(float v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
+
+void refUnsharp(std::vector<float>& plane, int crop, int ksize, float amount,
+                const std::vector<float>& g) {
+  int r = ksize / 2, padded = crop + ksize - 1;
+  auto mirror = [&](int i) {
+    if (i >= 0 && i < crop) return i;
+    int a = std::abs(i);
+    return a < crop ? a : 2 * crop - 2 - a;
+  };
+  std::vector<float> A(size_t(padded) * padded), B(size_t(padded) * padded, 0.f);
+  for (int y = 0; y < padded; ++y)
+    for (int x = 0; x < padded; ++x) A[y * padded + x] = plane[mirror(y - r) * crop + mirror(x - r)];
+  for (int j = 0; j < padded * padded - ksize + 1; ++j)
+    for (int k = 0; k < ksize; ++k) B[j] += g[k] * A[j + k];
+  std::vector<float> out(plane.size());
+  for (int y = 0; y < crop; ++y)
+    for (int x = 0; x < crop; ++x) {
+      float blur = 0;
+      for (int k = 0; k < ksize; ++k) blur += g[k] * B[(y + k) * padded + x];
+      out[y * crop + x] = clampf(plane[y * crop + x] * (1 + amount) - blur * amount);
+    }
+  plane = out;
+}
+
+void refComposite(const std::vector<uint8_t>& mask, int crop, int ksize, float amount, int mode,
+                  const RefTables& t, const float* in, float scale, const float* M,
+                  uint8_t* frame, int W, int H) {
+  float a = M[0], b = M[1], tx = M[2], c = M[3], d = M[4], ty = M[5];
+  double det = double(d) * a - double(b) * c;
+  if (det == 0) return;
+  float xs[4], ys[4];
+  float cu[4] = {-4.f, crop + 3.f, -4.f, crop + 3.f}, cv[4] = {-4.f, -4.f, crop + 3.f, crop + 3.f};
+  for (int i = 0; i < 4; ++i) {
+    xs[i] = cu[i] * a + cv[i] * b + tx;
+    ys[i] = cu[i] * c + cv[i] * d + ty;
+  }
+  int x0 = std::max(int(std::floor(*std::min_element(xs, xs + 4))), 0);
+  int x1 = std::min(W - 1, int(std::ceil(*std::max_element(xs, xs + 4))));
+  int y0 = std::max(int(std::floor(*std::min_element(ys, ys + 4))), 0);
+  int y1 = std::min(H - 1, int(std::ceil(*std::max_element(ys, ys + 4))));
+  if (x1 < x0 || y1 < y0) return;
+
+  std::vector<float> planes[3];
+  for (int k = 0; k < 3; ++k) {
+    planes[k].resize(size_t(crop) * crop);
+    for (int i = 0; i < crop * crop; ++i) planes[k][i] = scale * in[k * crop * crop + i];
+    refUnsharp(planes[k], crop, ksize, amount, t.gauss);
+  }
+  double u_start = -(tx * (d / det) + ty * (-b / det));
+  double v_start = -(tx * (-c / det) + ty * (a / det));
+  auto inside = [&](int x, int y) { return x >= 0 && y >= 0 && x < crop && y < crop; };
+  auto m = [&](int x, int y) { return inside(x, y) ? float(mask[y * crop + x]) : 0.f; };
+  for (int y = y0; y <= y1; ++y) {
+    int row_x = int(std::rint((y * (-b / det) + u_start) * 1024)) + 16;
+    int row_y = int(std::rint((y * (a / det) + v_start) * 1024)) + 16;
+    for (int x = x0; x <= x1; ++x) {
+      int sx = row_x + int(std::rint(x * (d / det) * 1024));
+      int sy = row_y + int(std::rint(x * (-c / det) * 1024));
+      int ix = sx >> 10, iy = sy >> 10;
+      if (!(sx >= -1024 && sy >= -1024 && ix < crop && iy < crop)) continue;
+      int px = (sx >> 5) & 31, py = (sy >> 5) & 31;
+      float wx0 = t.bilinear[2 * px], wx1 = t.bilinear[2 * px + 1];
+      float wy0 = t.bilinear[2 * py], wy1 = t.bilinear[2 * py + 1];
+      float alpha = std::rint(((wx1 * m(ix + 1, iy + 1) + wx0 * m(ix, iy + 1)) * wy1) +
+                              ((wx1 * m(ix + 1, iy) + wx0 * m(ix, iy)) * wy0)) /
+                    255.0f;
+      if (alpha <= 0) continue;
+      for (int k = 0; k < 3; ++k) {
+        auto p = [&](int xx, int yy) { return inside(xx, yy) ? planes[k][yy * crop + xx] : 0.f; };
+        float sum = 0;
+        if (mode == 0) {
+          const float* kx = &t.lanczos[8 * px];
+          const float* ky = &t.lanczos[8 * py];
+          for (int j = 0; j < 8; ++j) {
+            int yy = iy - 3 + j;
+            if (yy < 0 || yy >= crop) continue;
+            float r = kx[0] * p(ix - 3, yy);
+            for (int i = 1; i < 8; ++i) r = r + kx[i] * p(ix - 3 + i, yy);
+            sum = sum + r * ky[j];
+          }
+        } else if (mode == 1) {
+          const float* kx = &t.bicubic[4 * px];
+          const float* ky = &t.bicubic[4 * py];
+          for (int j = 0; j < 4; ++j) {
+            int yy = iy - 1 + j;
+            if (yy < 0 || yy >= crop) continue;
+            float r = 0;
+            for (int i = 0; i < 4; ++i) r += p(ix - 1 + i, yy) * kx[i];
+            sum += r * ky[j];
+          }
+        } else {
+          sum = (wx0 * p(ix, iy) + wx1 * p(ix + 1, iy)) * wy0 +
+                (wx0 * p(ix, iy + 1) + wx1 * p(ix + 1, iy + 1)) * wy1;
+        }
+        uint8_t& o = frame[(size_t(y) * W + x) * 3 + k];
+        o = uint8_t(std::trunc(clampf((1 - alpha) * float(o) + alpha * sum)));
+      }
+    }
+  }
+}
+
+// A crop with smooth structure, edges and values outside [0, 1], a mask with hard 0 and 255
+// regions and a soft ramp between them, and a noisy frame.
+struct Scene {
+  int crop, W, H;
+  std::vector<float> planes;
+  std::vector<uint8_t> mask, frame;
+  Scene(int crop_, int W_, int H_, unsigned seed) : crop(crop_), W(W_), H(H_) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(-0.1f, 1.1f);
+    planes.resize(size_t(3) * crop * crop);
+    for (int k = 0; k < 3; ++k)
+      for (int y = 0; y < crop; ++y)
+        for (int x = 0; x < crop; ++x) {
+          float v = 0.5f + 0.4f * std::sin(0.3f * x + k) * std::cos(0.2f * y);
+          if ((x / 7 + y / 5) % 3 == 0) v = u(rng);
+          planes[size_t(k) * crop * crop + y * crop + x] = v;
+        }
+    mask.resize(size_t(crop) * crop);
+    for (int y = 0; y < crop; ++y)
+      for (int x = 0; x < crop; ++x) {
+        float r = std::hypot(x - crop / 2.f, y - crop / 2.f) / (crop / 2.f);
+        mask[y * crop + x] = r < 0.6f ? 255 : (r > 0.95f ? 0 : uint8_t(255 * (0.95f - r) / 0.35f));
+      }
+    frame.resize(size_t(W) * H * 3);
+    for (auto& b : frame) b = uint8_t(rng());
+  }
+};
+
+}  // namespace
+
+TEST(PasteTables, ReferenceRows) {
+  ScopedEnv f("LE_PASTE_FAST", nullptr), k("LE_PASTE_KSIZE", nullptr);
+  le::Paste p(std::vector<uint8_t>(16 * 16, 255), 16, unsharp(1.3f, 2.0f, 13));
+  const double l16[8] = {-0.012630, 0.059764, -0.166011, 0.618877,
+                         0.618877,  -0.166011, 0.059764, -0.012630};
+  const double l8[8] = {-0.015054, 0.055449, -0.152304, 0.893389,
+                        0.282684,  -0.091661, 0.031468, -0.003971};
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_NEAR(p.lanczos()[8 * 16 + i], l16[i], 5e-7) << i;
+    EXPECT_NEAR(p.lanczos()[8 * 8 + i], l8[i], 5e-7) << i;
+    EXPECT_EQ(p.lanczos()[i], i == 3 ? 1.f : 0.f);
+  }
+  const double b16[4] = {-0.09375, 0.59375, 0.59375, -0.09375};
+  for (int i = 0; i < 4; ++i) EXPECT_NEAR(p.bicubic()[4 * 16 + i], b16[i], 5e-7);
+  ASSERT_EQ(p.gauss().size(), 13u);
+  EXPECT_NEAR(p.gauss()[6], 0.199676, 5e-7);
+  EXPECT_NEAR(p.gauss()[0], 0.002218, 5e-7);
+  EXPECT_NEAR(p.gauss()[12], 0.002218, 5e-7);
+  EXPECT_EQ(p.bilinear()[2 * 8], 0.75f);
+  EXPECT_EQ(p.bilinear()[2 * 8 + 1], 0.25f);
+  EXPECT_EQ(p.fast(), 0);
+
+  // The test's own tables from the formulas agree bit for bit.
+  RefTables t = refTables(13, 2.0);
+  EXPECT_EQ(t.gauss, p.gauss());
+  EXPECT_EQ(t.lanczos, p.lanczos());
+  EXPECT_EQ(t.bilinear, p.bilinear());
+  EXPECT_EQ(t.bicubic, p.bicubic());
+}
+
+TEST(PasteConstruction, RefusalsAndSwitches) {
+  ScopedEnv f("LE_PASTE_FAST", nullptr), k("LE_PASTE_KSIZE", nullptr);
+  auto msg = [](auto&& fn) {
+    try {
+      fn();
+    } catch (const std::runtime_error& e) {
+      return std::string(e.what());
+    }
+    return std::string("no throw");
+  };
+  EXPECT_EQ(msg([] { le::Paste(std::vector<uint8_t>(15), 4, unsharp(1, 2, 13)); }),
+            "paste: mask size");
+  EXPECT_EQ(msg([] { le::Paste(std::vector<uint8_t>(16), 4, unsharp(1, 2, 12)); }),
+            "paste: ksize must be odd");
+  EXPECT_EQ(msg([] { le::Paste(std::vector<uint8_t>(16), 4, unsharp(1, 2, -3)); }),
+            "paste: ksize must be positive");
+
+  auto mode = [](const char* v) {
+    ScopedEnv e("LE_PASTE_FAST", v);
+    return le::Paste(std::vector<uint8_t>(16), 4, unsharp(1, 2, 13)).fast();
+  };
+  EXPECT_EQ(mode("1"), 1);
+  EXPECT_EQ(mode("2"), 2);
+  EXPECT_EQ(mode("7"), 0);
+  EXPECT_EQ(mode("-1"), 0);
+  EXPECT_EQ(mode("bicubic"), 0);
+
+  auto taps = [](const char* v, int manifest_ksize) {
+    ScopedEnv e("LE_PASTE_KSIZE", v);
+    le::Paste p(std::vector<uint8_t>(16), 4, unsharp(1, 2, manifest_ksize));
+    EXPECT_EQ(p.gauss().size(), size_t(p.ksize()));
+    return p.ksize();
+  };
+  EXPECT_EQ(taps("5", 13), 5);
+  EXPECT_EQ(taps("15", 13), 13);  // can only shrink
+  EXPECT_EQ(taps("4", 13), 13);   // must be odd
+  EXPECT_EQ(taps("1", 13), 13);   // must exceed 2
+  EXPECT_EQ(taps(nullptr, 7), 7);
+  EXPECT_EQ(refTables(5, 2.0).gauss,
+            [] {
+              ScopedEnv e("LE_PASTE_KSIZE", "5");
+              return le::Paste(std::vector<uint8_t>(16), 4, unsharp(1, 2, 13)).gauss();
+            }());
+}
+
+// The compositor's frame bytes equal the reference's exactly, for every mode and a spread of
+// transforms, including crops partly or wholly outside the frame and singular transforms.
+TEST(PasteComposite, MatchesReferenceExactly) {
+  ScopedEnv k("LE_PASTE_KSIZE", nullptr);
+  const int crop = 64, W = 200, H = 150;
+  const float pi = 3.14159265f;
+  auto rot = [](float s, float th, float tx, float ty) {
+    return std::vector<float>{s * std::cos(th), -s * std::sin(th), tx,
+                              s * std::sin(th), s * std::cos(th),  ty};
+  };
+  const std::vector<std::vector<float>> transforms = {
+      {1, 0, 0, 0, 1, 0},                  // identity
+      {1, 0, 37.25f, 0, 1, 20.5f},         // translated by fractions
+      {1.17f, 0, 50.3f, 0, 1.17f, 31.7f},  // typical face scale
+      {0.61f, 0, 12.9f, 0, 0.58f, 7.1f},   // shrunk, anisotropic
+      rot(1.21f, 17 * pi / 180, 80.f, 10.f),
+      rot(0.9f, -125 * pi / 180, 130.f, 120.f),
+      {1.05f, 0.2f, -30.4f, -0.1f, 0.98f, 110.2f},  // partly outside: left and bottom
+      {1.3f, 0, 170.f, 0, 1.3f, -40.f},            // partly outside: right and top
+      {-1.0f, 0, 120.f, 0, 1.0f, 40.f},            // mirrored
+      {1, 0, 500, 0, 1, 500},                      // entirely outside
+      {1, 2, 10, 0.5f, 1, 10},                     // singular
+      {0, 0, 10, 0, 0, 10},                        // singular, degenerate
+  };
+  for (int mode = 0; mode < 3; ++mode) {
+    ScopedEnv f("LE_PASTE_FAST", std::to_string(mode).c_str());
+    for (int ksize : {13, 7, 1}) {
+      Scene sc(crop, W, H, 1234u + unsigned(mode * 7 + ksize));
+      le::Paste paste(sc.mask, crop, unsharp(1.3f, 2.0f, ksize));
+      ASSERT_EQ(paste.fast(), mode);
+      RefTables t = refTables(ksize, 2.0);
+      for (size_t ti = 0; ti < transforms.size(); ++ti) {
+        std::vector<uint8_t> got = sc.frame, want = sc.frame;
+        paste.composite(sc.planes.data(), 255.f, transforms[ti].data(), got.data(), W, H);
+        refComposite(sc.mask, crop, ksize, 1.3f, mode, t, sc.planes.data(), 255.f,
+                     transforms[ti].data(), want.data(), W, H);
+        size_t diff = 0, first = 0;
+        for (size_t i = 0; i < got.size(); ++i)
+          if (got[i] != want[i] && diff++ == 0) first = i;
+        EXPECT_EQ(diff, 0u) << "mode " << mode << " ksize " << ksize << " transform " << ti
+                            << " first byte " << first << " got " << int(got[first]) << " want "
+                            << int(want[first]);
+        if (ti >= transforms.size() - 3) EXPECT_EQ(got, sc.frame) << "transform " << ti;
+        else EXPECT_NE(got, sc.frame) << "transform " << ti;
+      }
+    }
+  }
+}
+
+// Identity transform with crop = W = H: the whole frame is the paste, the mask decides which
+// pixels change, and the result is truncated after clamping.
+TEST(PasteComposite, IdentityTruncatesClampsAndRespectsMask) {
+  ScopedEnv f("LE_PASTE_FAST", nullptr), k("LE_PASTE_KSIZE", nullptr);
+  const int n = 32;
+  std::vector<uint8_t> mask(n * n, 255);
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < 8; ++x) mask[y * n + x] = 0;  // left band: untouched
+  // ksize 1: the unsharp is the identity apart from the clamp.
+  le::Paste paste(mask, n, unsharp(1.3f, 2.0f, 1));
+  std::vector<float> planes(3 * n * n);
+  for (int i = 0; i < n * n; ++i) {
+    planes[i] = 254.9f / 255.f;    // R: truncated, not rounded
+    planes[n * n + i] = 2.0f;      // G: above 255 before resampling: clamped
+    planes[2 * n * n + i] = -0.5f; // B: below 0: clamped
+  }
+  std::vector<uint8_t> frame(n * n * 3, 77);
+  const float M[6] = {1, 0, 0, 0, 1, 0};
+  paste.composite(planes.data(), 255.f, M, frame.data(), n, n);
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x) {
+      const uint8_t* p = &frame[(y * n + x) * 3];
+      // Interior columns away from the soft edge of the mask's resampling get the crop.
+      if (x < 8) {
+        EXPECT_EQ(p[0], 77) << x << "," << y;
+        EXPECT_EQ(p[1], 77);
+        EXPECT_EQ(p[2], 77);
+      } else {
+        EXPECT_EQ(p[0], 254) << x << "," << y;
+        EXPECT_EQ(p[1], 255);
+        EXPECT_EQ(p[2], 0);
+      }
+    }
+}
+
+TEST(PasteComposite, SingularIsSilentAndAnnouncesOnceWithoutAllocating) {
+  ScopedEnv f("LE_PASTE_FAST", nullptr), k("LE_PASTE_KSIZE", nullptr);
+  Scene sc(64, 160, 120, 7);
+  le::Paste paste(sc.mask, 64, unsharp(1.3f, 2.0f, 13));
+  const float singular[6] = {2, 4, 5, 1, 2, 5};
+  const float M[6] = {1.1f, 0.05f, 40, -0.05f, 1.1f, 30};
+  std::vector<uint8_t> frame = sc.frame;
+  testing::internal::CaptureStderr();
+  paste.composite(sc.planes.data(), 255.f, singular, frame.data(), 160, 120);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(frame, sc.frame);
+
+  testing::internal::CaptureStderr();
+  paste.composite(sc.planes.data(), 255.f, M, frame.data(), 160, 120);
+  paste.composite(sc.planes.data(), 255.f, M, frame.data(), 160, 120);
+  le::Paste other(sc.mask, 64, unsharp(1.3f, 2.0f, 13));
+  other.composite(sc.planes.data(), 255.f, M, frame.data(), 160, 120);
+  const std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(err.rfind("[le-paste] executor=cpu (side=64, ksize=13, threads=", 0), 0u) << err;
+  EXPECT_NE(err.find(") — 1080p frame\n"), std::string::npos) << err;
+  EXPECT_EQ(err.find("[le-paste]", 1), std::string::npos) << "announced twice: " << err;
+
+  // Warm: a further paste of the same or a smaller extent allocates nothing.
+  g_allocs = 0;
+  g_count_allocs = true;
+  paste.composite(sc.planes.data(), 255.f, M, frame.data(), 160, 120);
+  g_count_allocs = false;
+  EXPECT_EQ(g_allocs.load(), 0);
+}
+
+TEST(PasteComposite, OversizedSideFailsBeforeTouchingTheFrame) {
+  ScopedEnv f("LE_PASTE_FAST", nullptr), k("LE_PASTE_KSIZE", nullptr);
+  const int n = 1025;
+  le::Paste paste(std::vector<uint8_t>(size_t(n) * n, 255), n, unsharp(1.3f, 2.0f, 3));
+  std::vector<float> planes(size_t(3) * n * n, 0.5f);
+  std::vector<uint8_t> frame(64 * 64 * 3, 9);
+  const float M[6] = {1, 0, 0, 0, 1, 0};
+  try {
+    paste.composite(planes.data(), 255.f, M, frame.data(), 64, 64);
+    ADD_FAILURE() << "no throw";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "paste: side > 1024");
+  }
+  EXPECT_EQ(frame, std::vector<uint8_t>(64 * 64 * 3, 9));
+}
