@@ -302,42 +302,80 @@ void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
   });
 }
 
+namespace {
+
+// Taps of the planar modes. Checked: samples outside the crop count 0 (and bicubic rows
+// outside it are skipped); unchecked: the caller knows every tap lies inside.
+template <bool kChecked>
+inline float bicubicAt(const float* pl, int n, int ix, int iy, const float* wx, const float* wy) {
+  float sum = 0.f;
+  for (int j = 0; j < 4; ++j) {
+    const int yy = iy - 1 + j;
+    if (kChecked && unsigned(yy) >= unsigned(n)) continue;
+    const float* row = pl + size_t(yy) * size_t(n);
+    float rsum = 0.f;
+    for (int i = 0; i < 4; ++i) {
+      const int xx = ix - 1 + i;
+      rsum += (!kChecked || unsigned(xx) < unsigned(n) ? row[xx] : 0.f) * wx[i];
+    }
+    sum += rsum * wy[j];
+  }
+  return sum;
+}
+
+template <bool kChecked>
+inline float bilinearAt(const float* pl, int n, int ix, int iy, float wx0, float wx1, float wy0,
+                        float wy1) {
+  auto p = [&](int xx, int yy) {
+    return !kChecked || (unsigned(xx) < unsigned(n) && unsigned(yy) < unsigned(n))
+               ? pl[size_t(yy) * size_t(n) + size_t(xx)]
+               : 0.f;
+  };
+  return (wx0 * p(ix, iy) + wx1 * p(ix + 1, iy)) * wy0 +
+         (wx0 * p(ix, iy + 1) + wx1 * p(ix + 1, iy + 1)) * wy1;
+}
+
+}  // namespace
+
 // Bicubic (mode 1) and bilinear (mode 2) rows: the Lanczos row's skip rule and mask alpha, with
 // the colour taken from the three planes.
 void Paste::resampleRowPlanar(uint8_t* dst, int row_x, int row_y, int x0, int x1) const {
   const int n = crop_;
   const float* bl = bilinear_.data();
-  auto inside = [n](int x, int y) { return unsigned(x) < unsigned(n) && unsigned(y) < unsigned(n); };
-  auto m = [&](int x, int y) { return inside(x, y) ? float(mask_[size_t(y) * n + x]) : 0.f; };
+  const uint8_t* mk = mask_.data();
+  auto m = [&](int x, int y) {
+    return unsigned(x) < unsigned(n) && unsigned(y) < unsigned(n) ? float(mk[size_t(y) * n + x])
+                                                                  : 0.f;
+  };
+  const float* pl[3] = {planes_[0].data(), planes_[1].data(), planes_[2].data()};
   for (int x = x0; x <= x1; ++x) {
     const int sx = row_x + col_x_[size_t(x - x0)], sy = row_y + col_y_[size_t(x - x0)];
     const int ix = sx >> kFracBits, iy = sy >> kFracBits;
     if (sx < -1024 || sy < -1024 || ix >= n || iy >= n) continue;
     const int px = (sx >> 5) & 31, py = (sy >> 5) & 31;
     const float wx0 = bl[2 * px], wx1 = bl[2 * px + 1], wy0 = bl[2 * py], wy1 = bl[2 * py + 1];
-    const float alpha = std::rint(((wx1 * m(ix + 1, iy + 1) + wx0 * m(ix, iy + 1)) * wy1) +
-                                  ((wx1 * m(ix + 1, iy) + wx0 * m(ix, iy)) * wy0)) /
-                        255.0f;
+    float m00, m10, m01, m11;
+    if (ix >= 0 && iy >= 0 && ix + 1 < n && iy + 1 < n) {
+      const uint8_t* r = mk + size_t(iy) * n + ix;
+      m00 = r[0], m10 = r[1], m01 = r[n], m11 = r[n + 1];
+    } else {
+      m00 = m(ix, iy), m10 = m(ix + 1, iy), m01 = m(ix, iy + 1), m11 = m(ix + 1, iy + 1);
+    }
+    const float alpha =
+        std::rint(((wx1 * m11 + wx0 * m01) * wy1) + ((wx1 * m10 + wx0 * m00) * wy0)) / 255.0f;
     if (!(alpha > 0.f)) continue;
+    const bool interior = ix >= 1 && iy >= 1 && ix + 2 < n && iy + 2 < n;
     uint8_t* o = dst + 3 * size_t(x);
     for (int k = 0; k < 3; ++k) {
-      const float* pl = planes_[k].data();
-      auto p = [&](int xx, int yy) { return inside(xx, yy) ? pl[size_t(yy) * n + xx] : 0.f; };
       float sum;
       if (fast_ == 1) {
         const float* wx = &bicubic_[size_t(4 * px)];
         const float* wy = &bicubic_[size_t(4 * py)];
-        sum = 0.f;
-        for (int j = 0; j < 4; ++j) {
-          const int yy = iy - 1 + j;
-          if (yy < 0 || yy >= n) continue;
-          float rsum = 0.f;
-          for (int i = 0; i < 4; ++i) rsum += p(ix - 1 + i, yy) * wx[i];
-          sum += rsum * wy[j];
-        }
+        sum = interior ? bicubicAt<false>(pl[k], n, ix, iy, wx, wy)
+                       : bicubicAt<true>(pl[k], n, ix, iy, wx, wy);
       } else {
-        sum = (wx0 * p(ix, iy) + wx1 * p(ix + 1, iy)) * wy0 +
-              (wx0 * p(ix, iy + 1) + wx1 * p(ix + 1, iy + 1)) * wy1;
+        sum = interior ? bilinearAt<false>(pl[k], n, ix, iy, wx0, wx1, wy0, wy1)
+                       : bilinearAt<true>(pl[k], n, ix, iy, wx0, wx1, wy0, wy1);
       }
       const float dv = float(o[k]);
       o[k] = uint8_t(clamp255(dv * (1.f - alpha) + alpha * sum));
