@@ -16,6 +16,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "le/le_driver.h"
+#include "le/le_expand.h"
 #include "le/le_imx.h"
 
 namespace le {
@@ -381,6 +383,99 @@ Manifest loadManifest(const std::string& path) {
   const std::string lip = resolveMember(m.dir, "lip_template.v1.json");
   if (canOpenForRead(lip)) m.lip_template = readFile(lip);
   return m;
+}
+
+}  // namespace le
+
+// ---------------------------------------------------------------------------------------------
+// Identity tables and drive track
+
+namespace le {
+
+namespace {
+
+constexpr size_t kKpValues = 63;
+
+}  // namespace
+
+Drive loadDrive(const Manifest& m) {
+  if (m.frames < 0) fail("drive: negative frame count");
+  Drive d;
+  d.frames = m.frames;
+  const size_t n = size_t(m.frames);
+  d.xs = readRaw(resolveMember(m.dir, "drive/xs.f32"), n * kKpValues);
+  d.xd = readRaw(resolveMember(m.dir, "drive/xd.f32"), n * kKpValues);
+  d.si.resize(n);
+  readExact(resolveMember(m.dir, "drive/si.i32"), d.si.data(), n * sizeof(int32_t));
+  for (int32_t s : d.si)
+    if (s < 0 || s >= m.NT) fail("drive: si out of range");
+  return d;
+}
+
+Identity::Identity(const Manifest& m) : NT(m.NT), crop(m.crop), manifest_(m) {
+  ensureIdentityMembers(m);
+  const size_t nt = size_t(m.NT), side = size_t(m.crop);
+  pooled64_ = mapFile(resolveMember(m.dir, "pooled64.f16"), nt * kPooledRow * 2);
+  const std::string p_path = resolveMember(m.dir, "P.f16");
+  const std::string fs_path = resolveMember(m.dir, "fs_red.f16");
+  const bool fs_red = canOpenForRead(fs_path);
+  if (canOpenForRead(p_path)) {
+    P_ = mapFile(p_path, nt * side * side * 6);
+  } else if (!fs_red) {
+    const std::string text = readFile(m.dir + "/manifest.json");
+    std::string name = "P_hevc.mov";
+    optStr(text, "P_hevc", name);
+    const std::string path = resolveMember(m.dir, name);
+    if (canOpenForRead(path)) prior_path_ = path;
+  }
+  if (fs_red) fs_red_ = mapFile(fs_path, nt * kFsRedRow * 2);
+  M_ = readRaw(resolveMember(m.dir, "M.f32"), nt * 6);
+  rescaleM(m);
+}
+
+Identity::~Identity() = default;
+
+void Identity::rescaleM(const Manifest& m) {
+  if (m.M_src_w <= 0 || m.M_src_h <= 0)
+    fail("le::Identity: manifest carries no paste-space stamp (M_src_w/M_src_h) — refusing to "
+         "paste M without knowing the space it was authored in");
+  if (m.M_src_w == m.W && m.M_src_h == m.H) return;
+  const double sx = double(m.W) / m.M_src_w, sy = double(m.H) / m.M_src_h;
+  for (size_t r = 0; r + 6 <= M_.size(); r += 6) {
+    for (int i = 0; i < 3; ++i) M_[r + i] = float(double(M_[r + i]) * sx);
+    for (int i = 3; i < 6; ++i) M_[r + i] = float(double(M_[r + i]) * sy);
+  }
+}
+
+DriverCursor& Identity::prior() const {
+  std::call_once(prior_once_, [this] { prior_ = DriverCursor::openPrior(manifest_, 2, 11); });
+  return *prior_;
+}
+
+const uint16_t* Identity::P(int si) const {
+  if (hasP()) return P_.as<uint16_t>() + size_t(si) * size_t(crop) * size_t(crop) * 3;
+  int got = -1;
+  return reinterpret_cast<const uint16_t*>(prior().pullAt(si, &got));
+}
+
+void Identity::walkP(int si) const {
+  if (prior_path_.empty()) return;
+  int got = -1;
+  prior().pullAt(si, &got);
+}
+
+std::string Identity::priorBackend() const {
+  if (hasP()) return "mmap P.f16";
+  if (!prior_path_.empty()) return prior().name;
+  return "none";
+}
+
+size_t Identity::priorResidentBytes() const {
+  return hasP() || prior_path_.empty() ? 0 : prior().residentBytes();
+}
+
+uint64_t Identity::priorSeeks() const {
+  return hasP() || prior_path_.empty() ? 0 : prior().seeks();
 }
 
 }  // namespace le

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -139,5 +140,78 @@ std::string resolveMember(const std::string& dir, const std::string& name);
 std::string alternativeMemberName(const std::string& name);
 // Whether path can be opened for reading.
 bool canOpenForRead(const std::string& path);
+
+// ---------------------------------------------------------------------------------------------
+// Identity tables and drive track
+
+class DriverCursor;
+
+// The idle keypoint sequence played when there is no speech.
+struct Drive {
+  std::vector<float> xs;    // frames x 63: source keypoints of each drive frame
+  std::vector<float> xd;    // frames x 63: driven keypoints
+  std::vector<int32_t> si;  // frames: the source frame each drive frame is rendered from
+  int frames = 0;
+};
+
+// Reads "drive/xs.f32", "drive/xd.f32" and "drive/si.i32" (or their newer names) for the
+// manifest's frame count. Throws "cannot open ", "size mismatch " + path, or
+// "drive: si out of range".
+Drive loadDrive(const Manifest& m);
+
+// The per-source-frame tables of the bundle's person: the warp prior, pooled and synthesised
+// features (mapped read-only, not read) and the paste transforms rescaled to the frame size.
+// Rows are addressed by source frame 0 <= si < NT, unchecked. The tables and M may be read
+// from any thread; the video prior's cursor is created once, on first need, and orders its
+// own reads. Pointers from the prior cursor stay valid only until that cursor moves on.
+class Identity {
+ public:
+  // Throws on a missing warp prior (see ensureIdentityMembers) and on any missing or
+  // mis-sized required member.
+  explicit Identity(const Manifest& m);
+  ~Identity();
+  Identity(const Identity&) = delete;
+  Identity& operator=(const Identity&) = delete;
+
+  // Warp-prior row: three planes of crop*crop binary16. Mapped, or decoded by the prior cursor.
+  const uint16_t* P(int si) const;
+  // With a video prior, has the prior cursor decode frame si (decodes ahead); else nothing.
+  void walkP(int si) const;
+  const uint16_t* pooled64(int si) const { return pooled64_.as<uint16_t>() + size_t(si) * kPooledRow; }
+  // Only meaningful when hasFsRed().
+  const uint16_t* fsRed(int si) const { return fs_red_.as<uint16_t>() + size_t(si) * kFsRedRow; }
+  // (a, b, tx, c, d, ty) of source frame si, in frame pixels.
+  const float* M(int si) const { return M_.data() + size_t(si) * 6; }
+  // The video prior's cursor (look-ahead 2, history 11), opened on first call.
+  DriverCursor& prior() const;
+  // "mmap P.f16", the prior cursor's backend name, or "none".
+  std::string priorBackend() const;
+  // The prior cursor's resident bytes and source seeks; 0 unless the prior is a video.
+  size_t priorResidentBytes() const;
+  uint64_t priorSeeks() const;
+  // Rescales M from the manifest's paste-space stamp to W x H. Throws when the stamp is absent.
+  void rescaleM(const Manifest& m);
+
+  bool hasP() const { return !P_.empty(); }
+  bool hasFsRed() const { return !fs_red_.empty(); }
+  // Path of the video prior; empty when the prior is not a video.
+  const std::string& priorPath() const { return prior_path_; }
+
+  static constexpr size_t kPooledRow = 65536;  // binary16 values per row
+  static constexpr size_t kFsRedRow = 262144;
+
+  const int NT;
+  const int crop;
+
+ private:
+  Mapping pooled64_;
+  Mapping P_;
+  Mapping fs_red_;
+  std::vector<float> M_;
+  std::string prior_path_;
+  Manifest manifest_;
+  mutable std::once_flag prior_once_;
+  mutable std::unique_ptr<DriverCursor> prior_;
+};
 
 }  // namespace le
