@@ -31,12 +31,47 @@ constexpr int kHostKpRows = 21;
 extern "C" {
 #endif
 
+/* Engine context over one bundle: manifest, identity tables, drive track, paste compositor and
+ * a cursor over the drive video. Calls on one context must not overlap. */
+typedef struct le_ctx le_ctx;
+/* Reader of a bundle's video warp prior, without a context. May be read from several threads. */
+typedef struct le_prior le_prior;
+
 /* Context family error: the calling thread's last message of the context and prior
  * functions. Owned by the library, valid until the next call of that family on this thread. */
 LE_API const char* le_last_error(void);
 
 /* Always 21: keypoint rows per keypoint set. */
 LE_API int le_host_kp_rows(void);
+
+/* Opens a context on bundle_dir (a bundle directory or ".imx" container). model_key picks the
+ * director model "model_<key>.onnx" for the first render. n_threads < 1 takes the engine's
+ * default budget. ep: execution-provider request for the renderer; null means "". Returns a
+ * context owned by the caller (free with le_destroy), or null with le_last_error() set; a
+ * failure leaves nothing allocated. The strings are read during the call only. */
+LE_API le_ctx* le_create(const char* bundle_dir, const char* model_key, int n_threads,
+                         const char* ep);
+/* Releases the context and everything it owns (null is ignored). Every pointer the context
+ * returned becomes invalid. */
+LE_API void le_destroy(le_ctx* ctx);
+
+/* Bundle geometry; 0 for a null context. Do not touch the error string. */
+LE_API int le_nt(const le_ctx* ctx);           /* identity (source) frames NT */
+LE_API int le_width(const le_ctx* ctx);        /* full frame W */
+LE_API int le_height(const le_ctx* ctx);       /* full frame H */
+LE_API int le_crop(const le_ctx* ctx);         /* face crop side */
+LE_API int le_drive_frames(const le_ctx* ctx); /* frames of the idle drive track */
+
+/* Copies full frame si (0 <= si < NT, W*H*3 RGB bytes) into out (caller-owned, out_bytes >=
+ * W*H*3) and pastes crop into it: crop is three planes (R, G, B) of crop*crop floats in [0, 1]
+ * (read during the call). Returns 1, or 0 with le_last_error() set (out may then hold the
+ * unpasted frame). */
+LE_API int le_paste_crop(le_ctx* ctx, int si, const float* crop, uint8_t* out, size_t out_bytes);
+
+/* Full frame si of the drive video (W*H*3 RGB), never pasted into. Owned by the context's
+ * cursor; valid until the cursor has moved a dozen frames past it or the context is destroyed.
+ * Null on failure, with le_last_error() set. */
+LE_API const uint8_t* le_target_frame(le_ctx* ctx, int si);
 
 /* Resolves bundle (a bundle directory or an ".imx" container, unwrapped once beside it or
  * under LE_IMX_UNWRAP_ROOT) to the bundle directory, written with its terminating zero into
@@ -49,6 +84,21 @@ LE_API int le_bundle_resolve_handle(const char* bundle, char* out, size_t cap);
  * caller-owned). Returns 1 when that file can be opened, 0 when it cannot (the path is still
  * written), -1 on failure with out[0] = 0. */
 LE_API int le_bundle_resolve_member(const char* bundle, const char* member, char* out, size_t cap);
+
+/* Opens the video warp prior of bundle_dir (read during the call) with a cursor that decodes
+ * lookahead frames ahead (< 1: 2) and keeps history frames behind (< 0: 0). Returns a handle
+ * owned by the caller (free with le_prior_close), or null with le_last_error() set. */
+LE_API le_prior* le_prior_open(const char* bundle_dir, int lookahead, int history);
+/* Bytes of one row: three planes of crop*crop binary16 (6*crop*crop); 0 for null. */
+LE_API size_t le_prior_row_bytes(const le_prior* prior);
+/* Name of the decoding backend, owned by the handle and valid until le_prior_close; "" for
+ * null. */
+LE_API const char* le_prior_backend(const le_prior* prior);
+/* Copies prior row `row` (0 <= row < NT) into out (caller-owned, cap bytes >= the row bytes).
+ * Returns 1, or 0 with le_last_error() set. After a decode failure every later read fails. */
+LE_API int le_prior_row(le_prior* prior, int row, uint16_t* out, size_t cap);
+/* Stops the handle's decoder and releases it (null is ignored). */
+LE_API void le_prior_close(le_prior* prior);
 
 #ifdef __cplusplus
 }  /* extern "C" */

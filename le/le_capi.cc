@@ -1,12 +1,16 @@
 // The flat interface of the engine context family.
 #include "le/le.h"
 
+#include "le/le_capi.h"
+
+#include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "le/le_bundle.h"
 #include "le/le_error.h"
 #include "le/le_imx.h"
+#include "le/le_pool.h"
 
 namespace le::err {
 
@@ -23,6 +27,39 @@ void setErr(Family f, const char* fn, const std::exception& e) {
 }
 
 }  // namespace le::err
+
+namespace le {
+
+std::vector<uint8_t> readPasteMask(const Manifest& m) {
+  const std::string path = resolveMember(m.dir, "mask_512.u8");
+  std::vector<uint8_t> mask(size_t(m.crop) * size_t(m.crop), 0);
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> f(std::fopen(path.c_str(), "rb"), &std::fclose);
+  if (!f || std::fread(mask.data(), 1, mask.size(), f.get()) != mask.size())
+    throw std::runtime_error("mask read failed");
+  return mask;
+}
+
+}  // namespace le
+
+le_ctx::le_ctx(const char* bundle_dir, const char* model_key_, int n_threads_, const char* ep_,
+               bool threads_explicit_)
+    : manifest(le::loadManifest(bundle_dir)),
+      identity(manifest),
+      drive(le::loadDrive(manifest)),
+      n_threads(n_threads_),
+      ep(ep_),
+      threads_explicit(threads_explicit_),
+      model_key(model_key_) {
+  paste = std::make_unique<le::Paste>(le::readPasteMask(manifest), manifest.crop, manifest.unsharp);
+  cursor = le::DriverCursor::open(manifest, 2, 11);
+  frame.resize(size_t(manifest.W) * size_t(manifest.H) * 3);
+}
+
+le_prior::le_prior(const char* bundle_dir, int lookahead, int history)
+    : manifest(le::loadManifest(le::resolveBundlePath(bundle_dir))),
+      cursor(le::DriverCursor::openPrior(manifest, lookahead < 1 ? 2 : lookahead,
+                                         history < 0 ? 0 : history)),
+      backend(cursor->name) {}
 
 extern "C" {
 
@@ -58,5 +95,86 @@ LE_API int le_bundle_resolve_member(const char* bundle, const char* member, char
     return le::canOpenForRead(path) ? 1 : 0;
   });
 }
+
+
+LE_API le_ctx* le_create(const char* bundle_dir, const char* model_key, int n_threads,
+                         const char* ep) {
+  using le::err::Family;
+  le::err::clear(Family::Ctx);
+  LE_CHECK_ARG(bundle_dir && model_key, Family::Ctx, "le_create: NULL bundle_dir/model_key",
+               nullptr);
+  const bool threads_explicit = n_threads > 0;
+  if (n_threads < 1) n_threads = le::pool::threads();
+  return le::err::guard(Family::Ctx, "le_create", static_cast<le_ctx*>(nullptr), [&] {
+    return new le_ctx(bundle_dir, model_key, n_threads, ep ? ep : "", threads_explicit);
+  });
+}
+
+LE_API void le_destroy(le_ctx* ctx) { delete ctx; }
+
+LE_API int le_nt(const le_ctx* ctx) { return ctx ? ctx->manifest.NT : 0; }
+LE_API int le_width(const le_ctx* ctx) { return ctx ? ctx->manifest.W : 0; }
+LE_API int le_height(const le_ctx* ctx) { return ctx ? ctx->manifest.H : 0; }
+LE_API int le_crop(const le_ctx* ctx) { return ctx ? ctx->manifest.crop : 0; }
+LE_API int le_drive_frames(const le_ctx* ctx) { return ctx ? ctx->drive.frames : 0; }
+
+LE_API int le_paste_crop(le_ctx* ctx, int si, const float* crop, uint8_t* out, size_t out_bytes) {
+  using le::err::Family;
+  le::err::clear(Family::Ctx);
+  LE_CHECK_ARG(ctx && crop && out && si >= 0 && si < ctx->manifest.NT &&
+                   out_bytes >= ctx->frame.size(),
+               Family::Ctx, "le_paste_crop: bad args / out too small", 0);
+  return le::err::guard(Family::Ctx, "le_paste_crop", 0, [&] {
+    ctx->cursor->pullAt(si, out);
+    ctx->paste->composite(crop, 255.0f, ctx->identity.M(si), out, ctx->manifest.W,
+                          ctx->manifest.H);
+    return 1;
+  });
+}
+
+LE_API const uint8_t* le_target_frame(le_ctx* ctx, int si) {
+  using le::err::Family;
+  le::err::clear(Family::Ctx);
+  LE_CHECK_ARG(ctx && si >= 0 && si < ctx->manifest.NT, Family::Ctx, "le_target_frame: bad args",
+               nullptr);
+  return le::err::guard(Family::Ctx, "le_target_frame", static_cast<const uint8_t*>(nullptr), [&] {
+    int got = -1;
+    return ctx->cursor->pullAt(si, &got);
+  });
+}
+
+LE_API le_prior* le_prior_open(const char* bundle_dir, int lookahead, int history) {
+  using le::err::Family;
+  le::err::clear(Family::Ctx);
+  LE_CHECK_ARG(bundle_dir, Family::Ctx, "le_prior_open: NULL bundle_dir", nullptr);
+  return le::err::guard(Family::Ctx, "le_prior_open", static_cast<le_prior*>(nullptr),
+                        [&] { return new le_prior(bundle_dir, lookahead, history); });
+}
+
+LE_API size_t le_prior_row_bytes(const le_prior* prior) {
+  return prior ? prior->cursor->frameBytes : 0;
+}
+
+LE_API const char* le_prior_backend(const le_prior* prior) {
+  return prior ? prior->backend.c_str() : "";
+}
+
+LE_API int le_prior_row(le_prior* prior, int row, uint16_t* out, size_t cap) {
+  using le::err::Family;
+  le::err::clear(Family::Ctx);
+  LE_CHECK_ARG(prior && out, Family::Ctx, "le_prior_row: NULL prior/out", 0);
+  const size_t bytes = prior->cursor->frameBytes;
+  if (cap < bytes) {
+    le::err::set(Family::Ctx, "le_prior_row: cap " + std::to_string(cap) + " < row bytes " +
+                                  std::to_string(bytes));
+    return 0;
+  }
+  return le::err::guard(Family::Ctx, "le_prior_row", 0, [&] {
+    prior->cursor->pullAt(row, reinterpret_cast<uint8_t*>(out));
+    return 1;
+  });
+}
+
+LE_API void le_prior_close(le_prior* prior) { delete prior; }
 
 }  // extern "C"
