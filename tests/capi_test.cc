@@ -2,11 +2,44 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "bundle_fixture.h"
+#include "le/le_capi.h"
 #include "le/le_error.h"
+#include "le/le_pool.h"
+#include "tools/forge/forge.h"
+
+namespace {
+
+using le::testing::ScratchDir;
+
+std::string forged(const ScratchDir& dir, const std::string& name, le::forge::Params p) {
+  const std::string path = dir / name;
+  le::forge::forgeBundle(path, p);
+  return path;
+}
+
+bool startsWith(const std::string& s, const std::string& prefix) {
+  return s.compare(0, prefix.size(), prefix) == 0;
+}
+
+// A crop of the forged person, as the director would hand it over: planar float in [0, 1].
+std::vector<float> planarCrop(const le::forge::Params& p, int si) {
+  const std::vector<uint8_t> rgb = le::forge::cropImage(p, si);
+  const size_t n = size_t(p.crop) * size_t(p.crop);
+  std::vector<float> planes(3 * n);
+  for (size_t i = 0; i < n; ++i)
+    for (int k = 0; k < 3; ++k) planes[size_t(k) * n + i] = rgb[3 * i + size_t(k)] / 255.f;
+  return planes;
+}
+
+}  // namespace
 
 TEST(ErrorConvention, FreshThreadIsEmptyAndFamiliesArePerThread) {
   EXPECT_STREQ(le_last_error(), "");
@@ -32,4 +65,211 @@ TEST(ErrorConvention, GuardStoresThrownMessageForm) {
   EXPECT_STREQ(le_last_error(), "le_fn: boom");
   r = le::err::guard(le::err::Family::Ctx, "le_fn", -1, [] { return 7; });
   EXPECT_EQ(r, 7);
+}
+
+TEST(Context, CreatesFromAForgedBundle) {
+  ScratchDir dir("capi");
+  le::forge::Params p;
+  const std::string b = forged(dir, "b", p);
+
+  EXPECT_EQ(le_create(nullptr, "render", 0, nullptr), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_create: NULL bundle_dir/model_key");
+  EXPECT_EQ(le_create(b.c_str(), nullptr, 0, nullptr), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_create: NULL bundle_dir/model_key");
+
+  le_ctx* ctx = le_create(b.c_str(), "render", 0, nullptr);
+  ASSERT_NE(ctx, nullptr) << le_last_error();
+  EXPECT_STREQ(le_last_error(), "");  // le_create clears
+  EXPECT_EQ(le_nt(ctx), p.nt);
+  EXPECT_EQ(le_width(ctx), p.width);
+  EXPECT_EQ(le_height(ctx), p.height);
+  EXPECT_EQ(le_crop(ctx), p.crop);
+  EXPECT_EQ(le_drive_frames(ctx), p.frames);
+  EXPECT_EQ(ctx->n_threads, le::pool::threads());
+  EXPECT_FALSE(ctx->threads_explicit);
+  EXPECT_EQ(ctx->ep, "");
+  EXPECT_EQ(ctx->model_key, "render");
+  EXPECT_EQ(ctx->renderer, nullptr);
+  EXPECT_EQ(ctx->last_crop, nullptr);
+  EXPECT_EQ(ctx->frame.size(), size_t(p.width) * p.height * 3);
+  EXPECT_EQ(ctx->paste->crop(), p.crop);
+  EXPECT_EQ(ctx->paste->ksize(), p.ksize);
+  le_destroy(ctx);
+
+  ctx = le_create(b.c_str(), "render_b4", 3, "cpu");
+  ASSERT_NE(ctx, nullptr) << le_last_error();
+  EXPECT_EQ(ctx->n_threads, 3);
+  EXPECT_TRUE(ctx->threads_explicit);
+  EXPECT_EQ(ctx->ep, "cpu");
+  le_destroy(ctx);
+  le_destroy(nullptr);
+
+  EXPECT_EQ(le_nt(nullptr), 0);
+  EXPECT_EQ(le_width(nullptr), 0);
+  EXPECT_EQ(le_height(nullptr), 0);
+  EXPECT_EQ(le_crop(nullptr), 0);
+  EXPECT_EQ(le_drive_frames(nullptr), 0);
+}
+
+TEST(Context, PastesIntoTheDriveFrameOfItsSourceIndex) {
+  ScratchDir dir("capi");
+  le::forge::Params p;
+  const std::string b = forged(dir, "b", p);
+  le_ctx* ctx = le_create(b.c_str(), "render", 2, nullptr);
+  ASSERT_NE(ctx, nullptr) << le_last_error();
+  const size_t bytes = size_t(p.width) * p.height * 3;
+  const int si = 5;
+  const std::vector<float> crop = planarCrop(p, 2);  // another frame's face: the paste shows
+
+  std::vector<uint8_t> out(bytes, 0);
+  EXPECT_EQ(le_paste_crop(ctx, si, crop.data(), out.data(), bytes - 1), 0);
+  EXPECT_STREQ(le_last_error(), "le_paste_crop: bad args / out too small");
+  EXPECT_EQ(le_paste_crop(ctx, p.nt, crop.data(), out.data(), bytes), 0);
+  EXPECT_STREQ(le_last_error(), "le_paste_crop: bad args / out too small");
+  EXPECT_EQ(le_paste_crop(ctx, -1, crop.data(), out.data(), bytes), 0);
+  EXPECT_EQ(le_paste_crop(ctx, si, nullptr, out.data(), bytes), 0);
+  EXPECT_EQ(le_paste_crop(nullptr, si, crop.data(), out.data(), bytes), 0);
+  EXPECT_EQ(le_target_frame(ctx, p.nt), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_target_frame: bad args");
+  EXPECT_EQ(le_target_frame(nullptr, 0), nullptr);
+
+  const uint8_t* target = le_target_frame(ctx, si);
+  ASSERT_NE(target, nullptr) << le_last_error();
+  EXPECT_STREQ(le_last_error(), "");
+  const std::vector<uint8_t> original(target, target + bytes);
+
+  ASSERT_EQ(le_paste_crop(ctx, si, crop.data(), out.data(), bytes), 1) << le_last_error();
+  // The same composite done by hand over a copy of the target frame.
+  std::vector<uint8_t> want = original;
+  le::Paste paste(le::readPasteMask(ctx->manifest), p.crop, ctx->manifest.unsharp);
+  paste.composite(crop.data(), 255.f, ctx->identity.M(si), want.data(), p.width, p.height);
+  EXPECT_EQ(out, want);
+  EXPECT_NE(out, original);
+  // The cursor's own frame is never pasted into.
+  target = le_target_frame(ctx, si);
+  ASSERT_NE(target, nullptr);
+  EXPECT_EQ(std::vector<uint8_t>(target, target + bytes), original);
+  le_destroy(ctx);
+}
+
+// Every construction failure surfaces as "le_create: <reason>" and leaves nothing behind (the
+// sanitizer build checks the leaks).
+TEST(Context, ConstructionFailuresUndoThemselves) {
+  using le::forge::Break;
+  ScratchDir dir("capi");
+  auto broken = [&](const std::string& name, std::vector<Break> breaks) {
+    le::forge::Params p;
+    p.nt = 4;
+    p.frames = 4;
+    p.breaks = std::move(breaks);
+    return forged(dir, name, p);
+  };
+  struct Case {
+    std::string bundle, want;
+    bool prefix;
+  };
+  std::vector<Case> cases = {
+      {broken("short_mask", {Break::ShortMask}), "le_create: mask read failed", false},
+      {broken("zero_dims", {Break::ManifestZeroDims}), "le_create: manifest: bad dims", false},
+      {broken("short_pooled", {Break::ShortPooled}),
+       "le_create: size mismatch " + dir / "short_pooled/pooled64.f16", false},
+      {broken("si_range", {Break::SiOutOfRange}), "le_create: drive: si out of range", false},
+      {broken("no_last_still", {Break::NoLastStill}),
+       "le_create: this bundle carries neither a populated target_frames/ nor target_frames.mp4 (",
+       true},
+      {dir / "absent", "le_create: ", true},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(le_create(c.bundle.c_str(), "render", 1, nullptr), nullptr);
+    if (c.prefix)
+      EXPECT_TRUE(startsWith(le_last_error(), c.want)) << le_last_error();
+    else
+      EXPECT_EQ(le_last_error(), c.want);
+  }
+  // A longer mask is read from its start and accepted.
+  le_ctx* ctx = le_create(broken("long_mask", {Break::LongMask}).c_str(), "render", 1, nullptr);
+  EXPECT_NE(ctx, nullptr) << le_last_error();
+  le_destroy(ctx);
+
+  // Two threads failing at the same time each read their own message.
+  std::atomic<int> ready{0};
+  std::string seen[2];
+  auto worker = [&](int t) {
+    const Case& c = cases[size_t(t)];
+    ready.fetch_add(1);
+    while (ready.load() < 2) {
+    }
+    for (int i = 0; i < 20; ++i) {
+      if (le_create(c.bundle.c_str(), "render", 1, nullptr) != nullptr) return;
+      seen[t] = le_last_error();
+      if (seen[t] != c.want) return;
+    }
+  };
+  std::thread a(worker, 0), b(worker, 1);
+  a.join();
+  b.join();
+  EXPECT_EQ(seen[0], cases[0].want);
+  EXPECT_EQ(seen[1], cases[1].want);
+  EXPECT_STREQ(le_last_error(), "");  // this thread's string was cleared by its own last call
+}
+
+TEST(Prior, ReadsRowsOfTheVideoPrior) {
+  ScratchDir dir("capi");
+  le::forge::Params p;
+  p.nt = 6;
+  p.crop = 64;
+  p.prior = le::forge::Prior::Hevc;
+  const std::string b = forged(dir, "hevc", p);
+
+  EXPECT_EQ(le_prior_open(nullptr, 2, 0), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_prior_open: NULL bundle_dir");
+  EXPECT_EQ(le_prior_row_bytes(nullptr), 0u);
+  EXPECT_STREQ(le_prior_backend(nullptr), "");
+  le_prior_close(nullptr);
+
+  le_prior* prior = le_prior_open(b.c_str(), 0, -5);
+  ASSERT_NE(prior, nullptr) << le_last_error();
+  const size_t bytes = le_prior_row_bytes(prior);
+  ASSERT_EQ(bytes, size_t(6) * p.crop * p.crop);
+  EXPECT_STRNE(le_prior_backend(prior), "");
+
+  std::vector<uint16_t> row(bytes / 2, 0xABCD);
+  EXPECT_EQ(le_prior_row(prior, 0, row.data(), bytes - 1), 0);
+  EXPECT_EQ(le_last_error(), "le_prior_row: cap " + std::to_string(bytes - 1) + " < row bytes " +
+                                 std::to_string(bytes));
+  EXPECT_EQ(row, std::vector<uint16_t>(bytes / 2, 0xABCD));
+  EXPECT_EQ(le_prior_row(prior, 0, nullptr, bytes), 0);
+  EXPECT_STREQ(le_last_error(), "le_prior_row: NULL prior/out");
+  EXPECT_EQ(le_prior_row(nullptr, 0, row.data(), bytes), 0);
+  EXPECT_STREQ(le_last_error(), "le_prior_row: NULL prior/out");
+
+  // Rows in any order match the forged crops (the video is near lossless).
+  for (int si : {3, 0, 1, 5, 2}) {
+    ASSERT_EQ(le_prior_row(prior, si, row.data(), bytes), 1) << le_last_error();
+    EXPECT_STREQ(le_last_error(), "");
+    const std::vector<float> want = planarCrop(p, si);
+    std::vector<float> got(want.size());
+    for (size_t i = 0; i < got.size(); ++i) {
+      uint16_t h = row[i];
+      got[i] = std::ldexp(float((h & 0x3FF) | 0x400), ((h >> 10) & 31) - 25);
+      if (((h >> 10) & 31) == 0) got[i] = std::ldexp(float(h & 0x3FF), -24);
+    }
+    double err = 0;
+    for (size_t i = 0; i < got.size(); ++i) err += std::fabs(got[i] - want[i]);
+    EXPECT_LT(err / double(got.size()), 0.03) << "row " << si;
+  }
+  EXPECT_EQ(le_prior_row(prior, p.nt, row.data(), bytes), 0);
+  EXPECT_EQ(le_last_error(), "le_prior_row: le_driver: seek(" + std::to_string(p.nt) +
+                                 ") outside [0," + std::to_string(p.nt) + ")");
+  le_prior_close(prior);
+
+  // A bundle whose prior is mapped has no prior video to open.
+  le::forge::Params raw;
+  raw.nt = 2;
+  raw.crop = 32;
+  const std::string rb = forged(dir, "raw", raw);
+  EXPECT_EQ(le_prior_open(rb.c_str(), 2, 0), nullptr);
+  EXPECT_TRUE(startsWith(le_last_error(),
+                         "le_prior_open: this bundle carries neither a raw P.f16 nor P_hevc.mov ("))
+      << le_last_error();
 }
