@@ -13,6 +13,7 @@
 #include "le/le_capi.h"
 #include "le/le_error.h"
 #include "le/le_pool.h"
+#include "le/le_simd.h"
 #include "tools/forge/forge.h"
 
 namespace {
@@ -249,11 +250,7 @@ TEST(Prior, ReadsRowsOfTheVideoPrior) {
     EXPECT_STREQ(le_last_error(), "");
     const std::vector<float> want = planarCrop(p, si);
     std::vector<float> got(want.size());
-    for (size_t i = 0; i < got.size(); ++i) {
-      uint16_t h = row[i];
-      got[i] = std::ldexp(float((h & 0x3FF) | 0x400), ((h >> 10) & 31) - 25);
-      if (((h >> 10) & 31) == 0) got[i] = std::ldexp(float(h & 0x3FF), -24);
-    }
+    le::halfToFloat(row.data(), got.data(), got.size());
     double err = 0;
     for (size_t i = 0; i < got.size(); ++i) err += std::fabs(got[i] - want[i]);
     EXPECT_LT(err / double(got.size()), 0.03) << "row " << si;
