@@ -263,6 +263,6 @@ TEST(Identity, VideoPriorThroughThePriorCursor) {
     EXPECT_LT(err / (3 * 32 * 32), 0.03) << si;
   }
   id.walkP(3);
-  // Only the forward jump 1 -> 4 can reach the source, when the decoder has not got that far.
-  EXPECT_LE(id.priorSeeks(), 1u);
+  // Only 1 -> 4 and then 4 -> 2 can reach the source, when the decoder has not got that far.
+  EXPECT_LE(id.priorSeeks(), 2u);
 }
