@@ -5,11 +5,18 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
 #include <vector>
 
+#include "le/le.h"
 #include "le/le_bundle.h"
 #include "le/le_paste.h"
 #include "le/le_pool.h"
+
+#include "tools/forge/forge.h"
 
 #ifdef LE_HAVE_OPENCV
 #include <opencv2/core.hpp>
@@ -133,5 +140,53 @@ void BM_PasteOpenCV(benchmark::State& state) {
 }
 BENCHMARK(BM_PasteOpenCV)->Unit(benchmark::kMillisecond)->UseRealTime();
 #endif
+
+// Resident set size of this process, from /proc.
+double residentMiB() {
+  std::ifstream f("/proc/self/status");
+  std::string line;
+  while (std::getline(f, line))
+    if (line.rfind("VmRSS:", 0) == 0) return std::strtod(line.c_str() + 6, nullptr) / 1024.0;
+  return 0;
+}
+
+// A context over NT = 2000 identity frames at crop 512: the tables (3 GB of warp prior, 256 MiB
+// of pooled features) are mapped, so creating the context must cost far less than their size.
+// The bundle is forged once under LE_BENCH_DIR (default /tmp) and reused.
+void BM_ContextResident(benchmark::State& state) {
+  const char* root = std::getenv("LE_BENCH_DIR");
+  const std::string dir = std::string(root && *root ? root : "/tmp") + "/le_bench_nt2000_crop512";
+  le::forge::Params p;
+  p.nt = 2000;
+  p.crop = 512;
+  p.width = 1280;
+  p.height = 720;
+  p.frames = 64;
+  if (!std::ifstream(dir + "/manifest.json")) {
+    p.replace = true;
+    le::forge::forgeBundle(dir, p);
+  }
+  double tables_mib = 0;
+  for (const char* m : {"P.f16", "pooled64.f16", "fs_red.f16"}) {
+    std::ifstream f(dir + "/" + m, std::ios::binary | std::ios::ate);
+    if (f) tables_mib += double(f.tellg()) / (1024.0 * 1024.0);
+  }
+  double before = 0, after = 0;
+  for (auto _ : state) {
+    before = residentMiB();
+    le_ctx* ctx = le_create(dir.c_str(), "render", 2, nullptr);
+    if (!ctx) {
+      state.SkipWithError(le_last_error());
+      return;
+    }
+    after = residentMiB();
+    le_destroy(ctx);
+  }
+  state.counters["rss_before_MiB"] = before;
+  state.counters["rss_after_create_MiB"] = after;
+  state.counters["ctx_MiB"] = after - before;
+  state.counters["mapped_tables_MiB"] = tables_mib;
+}
+BENCHMARK(BM_ContextResident)->Unit(benchmark::kMillisecond)->Iterations(1);
 
 }  // namespace
