@@ -16,6 +16,7 @@
 
 #include "le/le_bundle.h"
 #include "le/le_driver.h"
+#include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
 
 namespace media = le::testmedia;
@@ -24,15 +25,6 @@ using ::testing::StartsWith;
 using namespace std::chrono_literals;
 
 namespace {
-
-std::string errorOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "<no error>";
-}
 
 // An in-memory source of tagged frames whose decode can be slowed, gated, or made to fail.
 struct Knobs {
@@ -100,17 +92,6 @@ std::unique_ptr<le::DriverCursor> tagged(Knobs& k, int NT, int L, int Hs) {
 
 int tagOf(const uint8_t* p) { return media::frameTag(p, kW); }
 
-struct EnvGuard {
-  std::string name;
-  EnvGuard(const char* n, const char* value) : name(n) {
-    if (value)
-      setenv(n, value, 1);
-    else
-      unsetenv(n);
-  }
-  ~EnvGuard() { unsetenv(name.c_str()); }
-};
-
 }  // namespace
 
 TEST(DriverCursor, SequentialReadsLoopWithoutSeeking) {
@@ -170,8 +151,8 @@ TEST(DriverCursor, HistoryAndLookAheadAreServedFromTheRing) {
   ASSERT_EQ(c->pull(out.data()), 30 - Hs - 1);
   EXPECT_EQ(tagOf(out.data()), 30 - Hs - 1);
 
-  EXPECT_EQ(errorOf([&] { c->seek(50); }), "le_driver: seek(50) outside [0,50)");
-  EXPECT_EQ(errorOf([&] { c->pullAt(-1, &got); }), "le_driver: seek(-1) outside [0,50)");
+  EXPECT_EQ(le::testing::thrown([&] { c->seek(50); }), "le_driver: seek(50) outside [0,50)");
+  EXPECT_EQ(le::testing::thrown([&] { c->pullAt(-1, &got); }), "le_driver: seek(-1) outside [0,50)");
   // a refused index leaves the cursor usable
   ASSERT_EQ(tagOf(c->pullAt(0, &got)), 0);
 }
@@ -225,19 +206,19 @@ TEST(DriverCursor, AShortMemberFailsAtTheEndOfTheFirstPassForever) {
   // The failure lands when the producer, L frames ahead, reaches the end: from then on
   // nothing is served, not even the frames still in the ring.
   int delivered = 0;
-  const std::string first = errorOf([&] {
+  const std::string first = le::testing::thrown([&] {
     for (;; ++delivered) ASSERT_EQ(c->pull(out.data()), delivered);
   });
   EXPECT_EQ(first, text);
   EXPECT_GE(delivered, 5 - 2);
   EXPECT_LE(delivered, 5);
-  EXPECT_EQ(errorOf([&] { c->pull(out.data()); }), text);
-  EXPECT_EQ(errorOf([&] { c->pullAt(2, out.data()); }), text);
-  EXPECT_EQ(errorOf([&] { c->seek(0); }), text);
+  EXPECT_EQ(le::testing::thrown([&] { c->pull(out.data()); }), text);
+  EXPECT_EQ(le::testing::thrown([&] { c->pullAt(2, out.data()); }), text);
+  EXPECT_EQ(le::testing::thrown([&] { c->seek(0); }), text);
   int got;
-  EXPECT_EQ(errorOf([&] { c->pullMut(&got); }), text);
+  EXPECT_EQ(le::testing::thrown([&] { c->pullMut(&got); }), text);
   // argument checks come first
-  EXPECT_EQ(errorOf([&] { c->seek(8); }), "le_driver: seek(8) outside [0,8)");
+  EXPECT_EQ(le::testing::thrown([&] { c->seek(8); }), "le_driver: seek(8) outside [0,8)");
 }
 
 TEST(DriverCursor, SourceFaultsBecomeTheCursorsText) {
@@ -247,7 +228,7 @@ TEST(DriverCursor, SourceFaultsBecomeTheCursorsText) {
     auto c = tagged(k, 10, 2, 2);
     std::vector<uint8_t> out(kFrame);
     int delivered = 0;
-    EXPECT_EQ(errorOf([&] {
+    EXPECT_EQ(le::testing::thrown([&] {
                 for (;; ++delivered) ASSERT_EQ(c->pull(out.data()), delivered);
               }),
               "le_driver: synthetic decode fault at 4");
@@ -260,8 +241,8 @@ TEST(DriverCursor, SourceFaultsBecomeTheCursorsText) {
     auto c = tagged(k, 30, 2, 2);
     int got;
     c->pull(&got);
-    EXPECT_EQ(errorOf([&] { c->pullAt(20, &got); }), "le_driver: seek failed: synthetic seek fault");
-    EXPECT_EQ(errorOf([&] { c->pull(&got); }), "le_driver: seek failed: synthetic seek fault");
+    EXPECT_EQ(le::testing::thrown([&] { c->pullAt(20, &got); }), "le_driver: seek failed: synthetic seek fault");
+    EXPECT_EQ(le::testing::thrown([&] { c->pull(&got); }), "le_driver: seek failed: synthetic seek fault");
   }
 }
 
@@ -384,7 +365,7 @@ TEST(DriverCursor, AProducerFailureWakesEveryWaitingReader) {
   for (int t = 0; t < 3; ++t)
     readers.emplace_back([&, t] {
       std::vector<uint8_t> out(kFrame);
-      errors[t] = errorOf([&] { c->pullAt(0, out.data()); });
+      errors[t] = le::testing::thrown([&] { c->pullAt(0, out.data()); });
     });
   std::this_thread::sleep_for(30ms);  // readers are waiting on the first frame
   {
@@ -399,7 +380,8 @@ TEST(DriverCursor, AProducerFailureWakesEveryWaitingReader) {
 // --- real movies ------------------------------------------------------------------------------
 
 TEST(DriverCursor, MovieFramesThroughTheCursorEqualSequentialDecode) {
-  const std::string dir = media::scratchDir("cursor_movie");
+  const le::testing::ScratchDir tmp("cursor_movie");
+  const std::string dir = tmp.path();
   const std::string path = dir + "/drive.mp4";
   media::MovieSpec spec;
   spec.w = 96, spec.h = 64, spec.frames = 24, spec.gop = 8;
@@ -434,10 +416,11 @@ namespace {
 
 // A bundle directory with a manifest and the drive/prior members the test asks for.
 struct Bundle {
+  le::testing::ScratchDir tmp;
   std::string dir;
   le::Manifest m;
-  Bundle(const std::string& name, const std::string& extraKeys, int NT = 6, int W = 80, int H = 48) {
-    dir = media::scratchDir(name);
+  Bundle(const std::string& name, const std::string& extraKeys, int NT = 6, int W = 80, int H = 48)
+      : tmp(name), dir(tmp.path()) {
     FILE* f = std::fopen((dir + "/manifest.json").c_str(), "w");
     std::fprintf(f,
                  "{\"format\": \"le-bundle-v0\", \"agent\": \"t\", \"NT\": %d, \"W\": %d, \"H\": %d, \"crop\": 64,"
@@ -477,13 +460,13 @@ std::string openDrive(const Bundle& b, std::unique_ptr<le::DriverCursor>* out = 
 }  // namespace
 
 TEST(DriverCursorOpen, ChoosesBetweenStillsAndMovie) {
-  EnvGuard hw("LE_DRIVER_HWDEC", "0");
+  media::ScopedEnv hw("LE_DRIVER_HWDEC", "0");
   const std::string hwLine =
       "[le-driver] LE_DRIVER_HWDEC=0 — h264_cuvid not attempted; the software decoder is the one decoder on this "
       "fleet (same samples)\n";
   {
     Bundle b("open_none", "");
-    EnvGuard p("LE_DRIVER_PREFER_MP4", nullptr);
+    media::ScopedEnv p("LE_DRIVER_PREFER_MP4", nullptr);
     EXPECT_EQ(openDrive(b), "THROW this bundle carries neither a populated target_frames/ nor target_frames.mp4 (" +
                                 b.dir +
                                 "/target_frames.mp4) — there is no driver video to play. REFUSING to create a session.");
@@ -492,7 +475,7 @@ TEST(DriverCursorOpen, ChoosesBetweenStillsAndMovie) {
     Bundle b("open_stills", "");
     b.stills("target_frames");
     std::unique_ptr<le::DriverCursor> c;
-    EnvGuard p("LE_DRIVER_PREFER_MP4", "1");  // preference without a movie: silent
+    media::ScopedEnv p("LE_DRIVER_PREFER_MP4", "1");  // preference without a movie: silent
     EXPECT_EQ(openDrive(b, &c), "[le-driver] target_frames/ (raw jpg, 6 frames) — read one frame per pull\n");
     ASSERT_TRUE(c);
     EXPECT_EQ(c->name, "jpg/stb");
@@ -505,7 +488,7 @@ TEST(DriverCursorOpen, ChoosesBetweenStillsAndMovie) {
     b.movie("target_frames.mp4");
     std::unique_ptr<le::DriverCursor> c;
     {
-      EnvGuard p("LE_DRIVER_PREFER_MP4", "1");
+      media::ScopedEnv p("LE_DRIVER_PREFER_MP4", "1");
       const std::string printed = openDrive(b, &c);
       ASSERT_TRUE(c);
       EXPECT_EQ(printed, "[le-driver] LE_DRIVER_PREFER_MP4=1 — target_frames/ is populated and NOT used; "
@@ -516,7 +499,7 @@ TEST(DriverCursorOpen, ChoosesBetweenStillsAndMovie) {
       EXPECT_THAT(c->name, StartsWith("mp4/libavcodec "));
     }
     {
-      EnvGuard p("LE_DRIVER_PREFER_MP4", "true");  // only exactly "1" counts
+      media::ScopedEnv p("LE_DRIVER_PREFER_MP4", "true");  // only exactly "1" counts
       EXPECT_EQ(openDrive(b, &c), "[le-driver] target_frames/ (raw jpg, 6 frames) — read one frame per pull\n");
     }
     // without its last still the directory does not count
@@ -545,7 +528,7 @@ TEST(DriverCursorOpen, ChoosesBetweenStillsAndMovie) {
 }
 
 TEST(DriverCursorOpen, PriorCursorPlaysTheVideoPrior) {
-  EnvGuard hw("LE_DRIVER_HWDEC", nullptr);
+  media::ScopedEnv hw("LE_DRIVER_HWDEC", nullptr);
   {
     Bundle b("prior_default", "");
     b.prior("source_frames.hevc");  // the newer name of P_hevc.mov
@@ -565,7 +548,7 @@ TEST(DriverCursorOpen, PriorCursorPlaysTheVideoPrior) {
   }
   {
     Bundle b("prior_named", ", \"P_hevc\": \"prior.mov\"");
-    EXPECT_EQ(errorOf([&] { le::DriverCursor::openPrior(b.m, 2, 11); }),
+    EXPECT_EQ(le::testing::thrown([&] { le::DriverCursor::openPrior(b.m, 2, 11); }),
               "this bundle carries neither a raw P.f16 nor prior.mov (" + b.dir +
                   "/prior.mov) — there is no warp prior to play. REFUSING to create a session.");
     b.prior("prior.mov");

@@ -17,6 +17,7 @@ extern "C" {
 #include "le/le_image.h"
 #include "le/le_moviedec_ff.h"
 #include "le/le_simd.h"
+#include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
 
 namespace media = le::testmedia;
@@ -24,15 +25,6 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 namespace {
-
-std::string errorOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "<no error>";
-}
 
 // Decodes every frame of a movie with the ffmpeg command-line tool into raw planes.
 std::vector<uint8_t> ffmpegDecode(const std::string& movie, const std::string& pixFmt) {
@@ -62,21 +54,11 @@ std::vector<uint8_t> readAll(le::driver::Source& s) {
   return all;
 }
 
-struct EnvGuard {
-  std::string name;
-  EnvGuard(const char* n, const char* value) : name(n) {
-    if (value)
-      setenv(n, value, 1);
-    else
-      unsetenv(n);
-  }
-  ~EnvGuard() { unsetenv(name.c_str()); }
-};
-
 }  // namespace
 
 TEST(MovieSource, MatchesFfmpegDecodeThroughTheFormulaAndSeeks) {
-  const std::string dir = media::scratchDir("movie_source");
+  const le::testing::ScratchDir tmp("movie_source");
+  const std::string dir = tmp.path();
   const std::string path = dir + "/drive.mp4";
   media::MovieSpec spec;
   spec.w = 96, spec.h = 64, spec.frames = 30, spec.gop = 10;
@@ -85,7 +67,7 @@ TEST(MovieSource, MatchesFfmpegDecodeThroughTheFormulaAndSeeks) {
   const size_t yuvFrame = 96 * 64 * 3 / 2, rgbFrame = 96 * 64 * 3;
   ASSERT_EQ(yuv.size(), yuvFrame * 30);
 
-  EnvGuard hw("LE_DRIVER_HWDEC", nullptr);
+  media::ScopedEnv hw("LE_DRIVER_HWDEC", nullptr);
   testing::internal::CaptureStderr();
   auto src = le::driver::openMp4(path, 30, 96, 64);
   const std::string err = testing::internal::GetCapturedStderr();
@@ -118,12 +100,13 @@ TEST(MovieSource, MatchesFfmpegDecodeThroughTheFormulaAndSeeks) {
   src->rewind();
   ASSERT_TRUE(src->next(f.data()));
   EXPECT_EQ(0, std::memcmp(f.data(), all.data(), rgbFrame));
-  EXPECT_EQ(errorOf([&] { src->seek(30); }), "le_driver: seek outside the member");
-  EXPECT_EQ(errorOf([&] { src->seek(-1); }), "le_driver: seek outside the member");
+  EXPECT_EQ(le::testing::thrown([&] { src->seek(30); }), "le_driver: seek outside the member");
+  EXPECT_EQ(le::testing::thrown([&] { src->seek(-1); }), "le_driver: seek outside the member");
 }
 
 TEST(MovieSource, Nv12RowsUseInterleavedChroma) {
-  const std::string dir = media::scratchDir("nv12");
+  const le::testing::ScratchDir tmp("nv12");
+  const std::string dir = tmp.path();
   const std::string path = dir + "/drive.nut";
   media::MovieSpec spec;
   spec.encoder = "rawvideo", spec.pixFmt = "nv12", spec.w = 64, spec.h = 32, spec.frames = 3;
@@ -146,7 +129,8 @@ TEST(MovieSource, Nv12RowsUseInterleavedChroma) {
 }
 
 TEST(MovieSource, PriorDecodesToHalfPlanesWithTheFixedPointFormula) {
-  const std::string dir = media::scratchDir("prior");
+  const le::testing::ScratchDir tmp("prior");
+  const std::string dir = tmp.path();
   const std::string path = dir + "/P_hevc.mov";
   const int side = 64, n = 4;
   media::MovieSpec spec;
@@ -161,7 +145,7 @@ TEST(MovieSource, PriorDecodesToHalfPlanesWithTheFixedPointFormula) {
         d[0][y * ls[0] + x] = Y, d[1][y * ls[1] + x] = U, d[2][y * ls[2] + x] = V;
       }
   });
-  EnvGuard hw("LE_DRIVER_HWDEC", "0");
+  media::ScopedEnv hw("LE_DRIVER_HWDEC", "0");
   testing::internal::CaptureStderr();
   auto src = le::driver::openPriorHevc(path, n, side);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
@@ -199,28 +183,25 @@ TEST(MovieSource, PriorDecodesToHalfPlanesWithTheFixedPointFormula) {
 }
 
 TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
-  const std::string dir = media::scratchDir("refusals");
+  const le::testing::ScratchDir tmp("refusals");
+  const std::string dir = tmp.path();
   media::MovieSpec spec;
   spec.frames = 6;
   const std::string good = dir + "/good.mp4";
   media::writeMovie(good, spec);
 
-  EXPECT_EQ(errorOf([&] { le::driver::openMp4(good, 6, 96, 62); }),
+  EXPECT_EQ(le::testing::thrown([&] { le::driver::openMp4(good, 6, 96, 62); }),
             "le_driver: " + good + " is 96x64, the manifest says 96x62 — refusing to rescale the driver");
-  EXPECT_EQ(errorOf([&] { le::driver::openMp4(good, 7, 96, 64); }),
+  EXPECT_EQ(le::testing::thrown([&] { le::driver::openMp4(good, 7, 96, 64); }),
             "le_driver: " + good + " carries 6 frames, the manifest says NT=7 — member/manifest mismatch, refusing");
-  EXPECT_EQ(errorOf([&] { le::driver::openMp4(dir + "/missing.mp4", 6, 96, 64); }),
+  EXPECT_EQ(le::testing::thrown([&] { le::driver::openMp4(dir + "/missing.mp4", 6, 96, 64); }),
             "le_driver: " + dir + "/missing.mp4 is not a readable container");
 
   // Truncated before its index: unreadable.
   const auto bytes = media::readBytes(good);
   const std::string cut = dir + "/cut.mp4";
-  {
-    FILE* f = std::fopen(cut.c_str(), "wb");
-    std::fwrite(bytes.data(), 1, bytes.size() / 2, f);
-    std::fclose(f);
-  }
-  EXPECT_EQ(errorOf([&] { le::driver::openMp4(cut, 6, 96, 64); }),
+  le::testing::writeFile(cut, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size() / 2));
+  EXPECT_EQ(le::testing::thrown([&] { le::driver::openMp4(cut, 6, 96, 64); }),
             "le_driver: " + cut + " is not a readable container");
 
   // 4:2:2 fails at the first frame in mode 0.
@@ -230,7 +211,7 @@ TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
   media::writeMovie(m422, s422);
   auto src = le::driver::openMp4(m422, 6, 96, 64);
   std::vector<uint8_t> frame(96 * 64 * 6);
-  EXPECT_EQ(errorOf([&] { src->next(frame.data()); }),
+  EXPECT_EQ(le::testing::thrown([&] { src->next(frame.data()); }),
             "le_driver: " + m422 +
                 " decoded to yuv422p, not the 4:2:0 layout the canvas conversion is written for (yuv420p / nv12) — "
                 "refusing rather than pasting onto a different pixel domain");
@@ -241,7 +222,7 @@ TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
   const std::string p420 = dir + "/p420.mov";
   media::writeMovie(p420, sq);
   auto prior = le::driver::openPriorHevc(p420, 6, 64);
-  EXPECT_EQ(errorOf([&] { prior->next(frame.data()); }),
+  EXPECT_EQ(le::testing::thrown([&] { prior->next(frame.data()); }),
             "le_driver: " + p420 +
                 " decoded to yuv420p, not the yuv444p a warp prior is authored in — a subsampled prior is a different "
                 "mouth, refusing");
@@ -250,16 +231,12 @@ TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
   const std::string mkv = dir + "/short.mkv";
   media::writeMovie(mkv, spec);
   auto shortSrc = le::driver::openMp4(mkv, 10, 96, 64);
-  EXPECT_EQ(errorOf([&] { shortSrc->seek(8); }), "le_driver: " + mkv + " ended at frame 6 while seeking to 8");
+  EXPECT_EQ(le::testing::thrown([&] { shortSrc->seek(8); }), "le_driver: " + mkv + " ended at frame 6 while seeking to 8");
 
   // Not a movie at all.
   const std::string text = dir + "/notes.mp4";
-  {
-    FILE* f = std::fopen(text.c_str(), "wb");
-    std::fputs("plain text, no container here\n", f);
-    std::fclose(f);
-  }
-  EXPECT_THAT(errorOf([&] { le::driver::openMp4(text, 6, 96, 64); }), StartsWith("le_driver: " + text));
+  le::testing::writeFile(text, "plain text, no container here\n");
+  EXPECT_THAT(le::testing::thrown([&] { le::driver::openMp4(text, 6, 96, 64); }), StartsWith("le_driver: " + text));
 }
 
 TEST(MovieSource, DecoderBuildNamesTheBuildTimeLibavcodec) {
@@ -271,7 +248,8 @@ TEST(MovieSource, DecoderBuildNamesTheBuildTimeLibavcodec) {
 }
 
 TEST(JpgDirSource, DeliversStillsAndRefusesAWrongSize) {
-  const std::string dir = media::scratchDir("jpgdir");
+  const le::testing::ScratchDir tmp("jpgdir");
+  const std::string dir = tmp.path();
   media::writeJpegDir(dir, 80, 48, 6);
   // frame 3 one pixel narrower
   const auto narrow = media::patternRgb(79, 48, 3);
@@ -290,7 +268,7 @@ TEST(JpgDirSource, DeliversStillsAndRefusesAWrongSize) {
     EXPECT_EQ(f, le::loadImageRGB(dir + name, &w, &h));
     EXPECT_EQ(media::frameTag(f.data(), 80), i);
   }
-  EXPECT_EQ(errorOf([&] { src->next(f.data()); }),
+  EXPECT_EQ(le::testing::thrown([&] { src->next(f.data()); }),
             "le_driver: " + dir + "/frame_000003.jpg is 79x48, the manifest says 80x48 — refusing");
   src->seek(5);
   ASSERT_TRUE(src->next(f.data()));
@@ -299,23 +277,24 @@ TEST(JpgDirSource, DeliversStillsAndRefusesAWrongSize) {
   src->rewind();
   ASSERT_TRUE(src->next(f.data()));
   EXPECT_EQ(media::frameTag(f.data(), 80), 0);
-  EXPECT_EQ(errorOf([&] { src->seek(6); }), "le_driver: seek outside the member");
+  EXPECT_EQ(le::testing::thrown([&] { src->seek(6); }), "le_driver: seek outside the member");
   // A missing still surfaces the image module's text.
   auto gap = le::driver::openJpgDir(dir + "/nowhere", 6, 80, 48);
-  EXPECT_EQ(errorOf([&] { gap->next(f.data()); }), "decode failed: " + dir + "/nowhere/frame_000000.jpg");
+  EXPECT_EQ(le::testing::thrown([&] { gap->next(f.data()); }), "decode failed: " + dir + "/nowhere/frame_000000.jpg");
 }
 
 TEST(Image, PngRoundTripsAndFailuresNameThePath) {
-  const std::string dir = media::scratchDir("image");
+  const le::testing::ScratchDir tmp("image");
+  const std::string dir = tmp.path();
   const auto rgb = media::patternRgb(33, 17, 9);
   le::writePNG(dir + "/a.png", rgb.data(), 33, 17);
   int w = 0, h = 0;
   EXPECT_EQ(le::loadImageRGB(dir + "/a.png", &w, &h), rgb);
   EXPECT_EQ(w, 33);
   EXPECT_EQ(h, 17);
-  EXPECT_EQ(errorOf([&] { le::writePNG(dir + "/no/such/dir/a.png", rgb.data(), 33, 17); }),
+  EXPECT_EQ(le::testing::thrown([&] { le::writePNG(dir + "/no/such/dir/a.png", rgb.data(), 33, 17); }),
             "png write failed: " + dir + "/no/such/dir/a.png");
-  EXPECT_EQ(errorOf([&] { le::loadImageRGB(dir + "/absent.jpg", &w, &h); }), "decode failed: " + dir + "/absent.jpg");
+  EXPECT_EQ(le::testing::thrown([&] { le::loadImageRGB(dir + "/absent.jpg", &w, &h); }), "decode failed: " + dir + "/absent.jpg");
   // A grey PNG comes back with three channels.
   const std::vector<uint8_t> grey(16 * 16, 77);
   media::writeGreyPng(dir + "/g.png", grey.data(), 16, 16);

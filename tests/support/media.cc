@@ -193,14 +193,21 @@ void writeJpegDir(const std::string& dir, int w, int h, int n) {
   }
 }
 
-std::string scratchDir(const std::string& name) {
-  const char* base = std::getenv("LE_TEST_TMP");
-  std::string root = base && *base ? base : "/tmp/le_test_tmp";
-  ::mkdir(root.c_str(), 0755);
-  const std::string dir = root + "/" + name + "." + std::to_string(::getpid());
-  run("rm -rf '" + dir + "'");
-  if (::mkdir(dir.c_str(), 0755) != 0) fail("cannot create " + dir);
-  return dir;
+ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name) {
+  const char* old = std::getenv(name);
+  had_ = old != nullptr;
+  if (had_) saved_ = old;
+  if (value)
+    setenv(name, value, 1);
+  else
+    unsetenv(name);
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (had_)
+    setenv(name_.c_str(), saved_.c_str(), 1);
+  else
+    unsetenv(name_.c_str());
 }
 
 int run(const std::string& cmd) {

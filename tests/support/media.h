@@ -46,8 +46,18 @@ void writeGreyPng(const std::string& path, const uint8_t* grey, int w, int h);
 // Writes frame_%06d.jpg for frames 0 … n-1 into dir (created).
 void writeJpegDir(const std::string& dir, int w, int h, int n);
 
-// A fresh empty scratch directory under LE_TEST_TMP (or /tmp).
-std::string scratchDir(const std::string& name);
+// Sets (or, with null, removes) an environment variable for the life of the object.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_, saved_;
+  bool had_;
+};
 
 // Runs a shell command; returns its exit status.
 int run(const std::string& cmd);
