@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "le/le.h"
 #include "le/le_bundle.h"
 #include "le/le_driver.h"
 #include "le/le_imx.h"
@@ -21,7 +22,7 @@ const char kHelp[] =
     "Prints what the engine sees in BUNDLE (a directory or an .imx container): the\n"
     "manifest values, every member with the name it resolves to and its size against the\n"
     "size the manifest implies, the warp prior, the drive source, and the engine's refusals\n"
-    "in its own words. Exit status 1 when the engine refuses the bundle.\n";
+    "in its own words (what le_create says). Exit status 1 when the engine refuses the bundle.\n";
 
 long long fileSize(const std::string& path) {
   struct stat st;
@@ -179,6 +180,16 @@ int cmdInfo(const std::vector<std::string>& argv) {
       std::printf("warp prior  none\n");
     std::fflush(stdout);
     probe("drive", false);
+  }
+
+  // The verdict of a whole context: identity tables, drive track, mask, compositor, cursor.
+  std::fflush(stdout);
+  if (le_ctx* ctx = le_create(bundle.c_str(), "b1", 1, nullptr)) {
+    std::printf("engine      le_create accepts this bundle (NT %d, %d drive frames)\n", le_nt(ctx), le_drive_frames(ctx));
+    le_destroy(ctx);
+  } else {
+    std::printf("engine      REFUSED: %s\n", le_last_error());
+    refusals.push_back(le_last_error());
   }
 
   if (!refusals.empty()) std::fprintf(stderr, "le info: the engine refuses this bundle: %s\n", refusals.front().c_str());

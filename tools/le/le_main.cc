@@ -23,6 +23,7 @@ const Command kCommands[] = {
     {"forge", le::cli::cmdForge, "write a bundle of a drawn stylised face"},
     {"info", le::cli::cmdInfo, "what the engine sees in a bundle"},
     {"pack", le::cli::cmdPack, "pack a bundle directory into a container"},
+    {"paste", le::cli::cmdPaste, "paste the prior crops into the drive frames, write an MP4"},
 };
 
 void usage(FILE* out) {
