@@ -104,6 +104,31 @@ TEST(MovieSource, MatchesFfmpegDecodeThroughTheFormulaAndSeeks) {
   EXPECT_EQ(le::testing::thrown([&] { src->seek(-1); }), "le_driver: seek outside the member");
 }
 
+TEST(MovieSource, RewindReplaysTheSameFramesInEveryContainer) {
+  const le::testing::ScratchDir tmp("rewind");
+  // A raw elementary stream has no index and no frame count; mkv none either.
+  for (const char* name : {"drive.h264", "drive.mkv", "drive.mov"}) {
+    const std::string path = tmp / name;
+    media::MovieSpec spec;
+    spec.frames = 14, spec.gop = 5;
+    media::writeMovie(path, spec);
+    auto src = le::driver::openMp4(path, 14, 96, 64);
+    const std::vector<uint8_t> first = readAll(*src);
+    ASSERT_EQ(first.size(), src->frameBytes() * 14) << name;
+    for (int pass = 0; pass < 2; ++pass) {
+      src->rewind();
+      EXPECT_EQ(readAll(*src), first) << name << " pass " << pass;
+    }
+    std::vector<uint8_t> f(src->frameBytes());
+    src->seek(9);
+    ASSERT_TRUE(src->next(f.data()));
+    EXPECT_EQ(0, std::memcmp(f.data(), &first[f.size() * 9], f.size())) << name;
+    src->seek(2);
+    ASSERT_TRUE(src->next(f.data()));
+    EXPECT_EQ(0, std::memcmp(f.data(), &first[f.size() * 2], f.size())) << name;
+  }
+}
+
 TEST(MovieSource, Nv12RowsUseInterleavedChroma) {
   const le::testing::ScratchDir tmp("nv12");
   const std::string dir = tmp.path();
