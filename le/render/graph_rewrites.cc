@@ -445,7 +445,7 @@ size_t rewriteHeadCubicResize(std::vector<uint8_t>& model) {
 
   // The one consumer must be a Conv over an initializer weight; it fixes the channel count.
   const std::vector<int>& uses = g.consumersOf(rz.outputs[0]);
-  if (uses.size() != 1 || g.isGraphOutput(rz.outputs[0])) return 0;
+  if (uses.size() != 1) return 0;
   const GsNodeInfo& conv = g.nodes[uses[0]];
   if (conv.opType != "Conv" || conv.inputs.size() < 2) return 0;
   const GsSlice wt = g.initializer(conv.inputs[1]);

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <string>
 
+#include "le/render/onnx_bytes.h"
 #include "tools/forge/onnx_builder.h"
 
 namespace le::forge {
@@ -91,99 +92,98 @@ std::vector<float> forgeFacePrior(int crop) {
   return rgb;
 }
 
+namespace {
+
+// The same model with its GridSample padding with zeros instead of border.
+std::vector<uint8_t> withZerosPadding(const std::vector<uint8_t>& model) {
+  namespace of = le::onnxf;
+  const std::vector<uint8_t> zeros = Attr::s("padding_mode", "zeros").bytes();
+  std::vector<uint8_t> out;
+  GsReader r(model);
+  GsField f;
+  while (r.next(f)) {
+    if (f.number != of::kModelGraph || f.wireType != 2) {
+      gsPutRaw(out, f.raw);
+      continue;
+    }
+    std::vector<uint8_t> g;
+    GsReader gr(f.payload);
+    GsField n;
+    while (gr.next(n)) {
+      if (n.number != of::kGraphNode || n.wireType != 2 || gsFirstStr(n.payload, of::kNodeOpType) != "GridSample") {
+        gsPutRaw(g, n.raw);
+        continue;
+      }
+      std::vector<uint8_t> node;
+      GsReader nr(n.payload);
+      GsField x;
+      while (nr.next(x))
+        if (x.number != of::kNodeAttribute || gsFirstStr(x.payload, of::kAttrName) != "padding_mode") gsPutRaw(node, x.raw);
+      gsPutBytes(node, of::kNodeAttribute, zeros);
+      gsPutBytes(g, of::kGraphNode, node);
+    }
+    gsPutBytes(out, of::kModelGraph, g);
+  }
+  return out;
+}
+
+}  // namespace
+
 std::vector<uint8_t> forgeDirectorGraph(const DirectorGraphOptions& opt) {
   const int S = opt.crop;
+  const int64_t B = opt.batch;
   const int64_t P = int64_t(S) * S;
+  const int64_t K = kFaceKpCount;
   const DirectorVariant var = opt.variant;
   OnnxBuilder b("forged_director");
-  b.input("pooled64", {1, 64, 32, 32});
-  b.input("P_rgb", {1, 3, S, S});
-  b.input("kp_driving", {1, kFaceKpCount, 3});
-  b.input("kp_source", {1, kFaceKpCount, 3});
-  if (var == DirectorVariant::HasLipDelivery) b.input("lip_delivery", {1, 1, S, S});
+  b.input("pooled64", {B, 64, 32, 32});
+  b.input("P_rgb", {B, 3, S, S});
+  b.input("kp_driving", {B, K, 3});
+  b.input("kp_source", {B, K, 3});
+  if (var == DirectorVariant::HasLipDelivery) b.input("lip_delivery", {B, 1, S, S});
 
   auto i64 = [&](const std::string& name, const std::vector<int64_t>& v) {
     return b.initI64(name, {int64_t(v.size())}, v);
   };
   auto scalar = [&](const std::string& name, float v) { return b.initializer(Tensor::scalar(v, name)); };
 
-  // ---- source cone: the image and its second differences, clamp-to-edge -----------------------
-  const std::string padded =
-      b.op("Pad", {"P_rgb", i64("/cone/pads", {0, 0, 1, 1, 0, 0, 1, 1})}, {Attr::s("mode", "edge")});
-  std::vector<float> wd(9 * 3 * 9, 0.f);
-  const float d1[3] = {1.f, -2.f, 1.f};
-  for (int c = 0; c < 3; ++c)
-    for (int r = 0; r < 3; ++r)
-      for (int s = 0; s < 3; ++s) {
-        auto w = [&](int type) -> float& { return wd[size_t(((3 * type + c) * 3 + c) * 9 + r * 3 + s)]; };
-        w(0) = r == 1 ? d1[s] : 0.f;  // xx
-        w(1) = s == 1 ? d1[r] : 0.f;  // yy
-        w(2) = d1[r] * d1[s];         // xxyy
-      }
-  const std::string diffs = b.op("Conv", {padded, b.init("/cone/d2_w", {9, 3, 3, 3}, wd)});
-  const std::string tip = b.node("Concat", {"P_rgb", diffs}, {"/cone/tip"}, {Attr::i("axis", 1)}, "/cone/concat");
-
   // ---- grid: Gaussian-weighted keypoint offsets around each driving keypoint --------------------
   const std::string s0 = i64("/kp/s0", {0}), s2 = i64("/kp/s2", {2}), ax2 = i64("/kp/axis2", {2});
   const std::string kd = b.op("Slice", {"kp_driving", s0, s2, ax2});
   const std::string ks = b.op("Slice", {"kp_source", s0, s2, ax2});
-  const std::string delta = b.op("Sub", {ks, kd});
+  const std::string delta = b.op("Sub", {ks, kd});  // [B, K, 2]
   std::vector<float> base(size_t(P) * 2);
   for (int y = 0; y < S; ++y)
-    for (int x = 0; x < S; ++x) base[(size_t(y) * S + x) * 2] = centre(x, S), base[(size_t(y) * S + x) * 2 + 1] = centre(y, S);
+    for (int x = 0; x < S; ++x) {
+      base[(size_t(y) * S + x) * 2] = centre(x, S);
+      base[(size_t(y) * S + x) * 2 + 1] = centre(y, S);
+    }
   const std::string basePts = b.init("/warp/base", {1, P, 1, 2}, base);
-  const std::string kdRow = b.op("Reshape", {kd, i64("/warp/kd_shape", {1, 1, kFaceKpCount, 2})});
-  const std::string off = b.op("Sub", {basePts, kdRow});
+  const std::string kdRow = b.op("Reshape", {kd, i64("/warp/kd_shape", {B, 1, K, 2})});
+  const std::string off = b.op("Sub", {basePts, kdRow});  // [B, P, K, 2]
   const std::string d2 = b.op("ReduceSum", {b.op("Mul", {off, off}), i64("/warp/axis3", {3})},
                               {Attr::i("keepdims", 0)});
   const float k = -1.f / (2.f * opt.sigma * opt.sigma);
-  const std::string w = b.op("Exp", {b.op("Mul", {d2, scalar("/warp/neg_inv_2s2", k)})});
-  const std::string w2 = b.op("Reshape", {w, i64("/warp/w_shape", {P, kFaceKpCount})});
-  const std::string delta2 = b.op("Reshape", {delta, i64("/warp/delta_shape", {kFaceKpCount, 2})});
-  const std::string blend = b.node("MatMul", {w2, delta2}, {"/s2/blend_out"}, {}, "/s2/blend");
+  const std::string w = b.op("Exp", {b.op("Mul", {d2, scalar("/warp/neg_inv_2s2", k)})});  // [B, P, K]
+  std::string blend, wsum;
+  if (B == 1) {
+    // The student's blend: one 2-D product, which a Gemm computes alike.
+    const std::string w2 = b.op("Reshape", {w, i64("/warp/w_shape", {P, K})});
+    const std::string delta2 = b.op("Reshape", {delta, i64("/warp/delta_shape", {K, 2})});
+    blend = b.node("MatMul", {w2, delta2}, {"/s2/blend_out"}, {}, "/s2/blend");
+    wsum = b.op("ReduceSum", {w2, i64("/warp/axis1", {1})}, {Attr::i("keepdims", 1)});
+  } else {
+    blend = b.node("MatMul", {w, delta}, {"/s2/blend_out"}, {}, "/s2/blend_batched");
+    wsum = b.op("ReduceSum", {w, i64("/warp/axis2", {2})}, {Attr::i("keepdims", 1)});
+  }
   // Normalised only where keypoints crowd: a lone keypoint moves its neighbourhood fully.
-  const std::string wsum = b.op("ReduceSum", {w2, i64("/warp/axis1", {1})}, {Attr::i("keepdims", 1)});
   const std::string disp = b.op("Div", {blend, b.op("Max", {wsum, scalar("/warp/one", 1.f)})});
   const std::string grid = b.op("Add", {b.op("Reshape", {basePts, i64("/warp/grid_shape", {1, S, S, 2})}),
-                                        b.op("Reshape", {disp, i64("/warp/grid_shape2", {1, S, S, 2})})},
+                                        b.op("Reshape", {disp, i64("/warp/disp_shape", {B, S, S, 2})})},
                                 {}, "", "/warp/grid");
 
-  // Second-order correction weights from the unclamped sample position.
-  auto frac = [&](int axis) {
-    const std::string g = b.op("Slice", {grid, i64("/warp/c" + std::to_string(axis) + "0", {axis}),
-                                         i64("/warp/c" + std::to_string(axis) + "1", {axis + 1}),
-                                         i64("/warp/c" + std::to_string(axis) + "a", {3})});
-    const std::string pos =
-        b.op("Mul", {b.op("Sub", {b.op("Mul", {b.op("Add", {g, scalar("/warp/one_" + std::to_string(axis), 1.f)}),
-                                               scalar("/warp/size_" + std::to_string(axis), float(S))}),
-                                  scalar("/warp/one_b" + std::to_string(axis), 1.f)}),
-                     scalar("/warp/half_" + std::to_string(axis), 0.5f)});
-    const std::string t = b.op("Sub", {pos, b.op("Floor", {pos})});
-    const std::string a =
-        b.op("Mul", {b.op("Mul", {b.op("Sub", {scalar("/warp/one_c" + std::to_string(axis), 1.f), t}), t}),
-                     scalar("/warp/half_b" + std::to_string(axis), 0.5f)});
-    return a;  // [1, S, S, 1]
-  };
-  const std::string axw = frac(0), ayw = frac(1);
-  const std::string axyw = b.op("Mul", {axw, ayw});
-  auto planar = [&](const std::string& v) { return b.op("Transpose", {v}, {Attr::ints("perm", {0, 3, 1, 2})}); };
-  const std::string ax = planar(axw), ay = planar(ayw), axy = planar(axyw);
-
-  // ---- warp: sample the tip, recombine ------------------------------------------------------------
-  const std::string sampled = b.node(
-      "GridSample", {tip, grid}, {"/warp/sampled"},
-      {Attr::s("mode", "bilinear"),
-       Attr::s("padding_mode", var == DirectorVariant::ZerosPadding ? "zeros" : "border"),
-       Attr::i("align_corners", 0)},
-      "/warp/GridSample");
-  auto chans = [&](int from) {
-    return b.op("Slice", {sampled, i64("/warp/ch" + std::to_string(from), {from}),
-                          i64("/warp/ch" + std::to_string(from + 3), {from + 3}), i64("/warp/ch_axis" + std::to_string(from), {1})});
-  };
-  const std::string F = chans(0), Fxx = chans(3), Fyy = chans(6), Fxxyy = chans(9);
-  const std::string r1 = b.op("Sub", {F, b.op("Mul", {Fxx, ax})});
-  const std::string r2 = b.op("Sub", {r1, b.op("Mul", {Fyy, ay})});
-  const std::string warped = b.op("Add", {r2, b.op("Mul", {Fxxyy, axy})}, {}, "", "/warp/out");
+  // ---- warp: the source cone, one GridSample at its tip, the second-order recombination ---------
+  const std::string warped = addStandardWarpBlock(b, "P_rgb", grid, S, S, "/warp");
 
   // ---- head: per-channel scale, cubic x2, Conv -----------------------------------------------------
   Lcg lcg{12345u};
@@ -204,7 +204,7 @@ std::vector<uint8_t> forgeDirectorGraph(const DirectorGraphOptions& opt) {
   std::string head = b.op("Conv", {up, b.init("/head/w", {3, 64, 3, 3}, wh), b.init("/head/b", {3}, bh)},
                           {Attr::ints("pads", {1, 1, 1, 1})});
   if (S != 64)
-    head = b.op("Resize", {head, "", "", i64("/head/sizes", {1, 3, S, S})},
+    head = b.op("Resize", {head, "", "", i64("/head/sizes", {B, 3, S, S})},
                 {Attr::s("mode", "linear"), Attr::s("coordinate_transformation_mode", "half_pixel")});
   std::vector<float> wf(3 * 6, 0.f);
   for (int c = 0; c < 3; ++c) wf[c * 6 + c] = 1.f, wf[c * 6 + 3 + c] = 0.15f;
@@ -230,8 +230,8 @@ std::vector<uint8_t> forgeDirectorGraph(const DirectorGraphOptions& opt) {
   const std::string background = b.op("Clip", {bgIn, lo, hi});
   const std::string inv = b.op("Sub", {scalar("/compose/one", 1.f), alpha});
   b.node("Add", {b.op("Mul", {face, alpha}), b.op("Mul", {background, inv})}, {"rgb"}, {}, "/compose/Add");
-  b.output("rgb", {1, 3, S, S});
-  return b.build();
+  b.output("rgb", {B, 3, S, S});
+  return var == DirectorVariant::ZerosPadding ? withZerosPadding(b.build()) : b.build();
 }
 
 }  // namespace le::forge

@@ -1,6 +1,7 @@
 // Forged director graphs: small director-shaped models (standard tensor contract: inputs
-// "pooled64" [1, 64, 32, 32], "P_rgb" [1, 3, crop, crop], "kp_driving" and "kp_source" [1, 21, 3];
-// output "rgb" [1, 3, crop, crop]) that carry every pattern the load-time rewrites look for:
+// "pooled64" [batch, 64, 32, 32], "P_rgb" [batch, 3, crop, crop], "kp_driving" and "kp_source"
+// [batch, 21, 3]; output "rgb" [batch, 3, crop, crop]) that carry every pattern the load-time
+// rewrites look for:
 //
 //   source cone   Concat("P_rgb", Conv(Pad_edge("P_rgb"))): the image and its fixed second
 //                 differences (xx, yy, xxyy) per channel
@@ -8,7 +9,8 @@
 //                 keypoint differences, recombined by Slice/Mul/Sub/Add into a second-order
 //                 corrected sample
 //   grid          Gaussian-weighted offsets (kp_source - kp_driving) around each driving keypoint,
-//                 blended by a 2-D MatMul named "/s2/blend"
+//                 blended by a 2-D MatMul named "/s2/blend" (at batch 1; a batched graph's
+//                 3-D product is named "/s2/blend_batched", which no Gemm could replace)
 //   head          "pooled64" scaled per channel, cubic x2 Resize, Conv
 //   compose tail  rgb = Add(Mul(face, a), Mul(background, Sub(1, a))), a = Clip(ellipse)
 //
@@ -32,7 +34,8 @@ enum class DirectorVariant {
 };
 
 struct DirectorGraphOptions {
-  int crop = 64;  // edge of "P_rgb" and "rgb"
+  int crop = 64;   // edge of "P_rgb" and "rgb"
+  int batch = 1;   // frames per run
   DirectorVariant variant = DirectorVariant::Standard;
   float sigma = 0.09f;  // reach of a keypoint's displacement, in normalised units
 };
