@@ -28,6 +28,7 @@ struct Scratch {
     le::imx::rmTree(base);
     if (!le::imx::mkdirs(in)) std::abort();
     setenv("LE_IMX_UNWRAP_ROOT", root.c_str(), 1);
+    std::atexit([] { le::imx::rmTree("/tmp/le_imx_toc_fuzz." + std::to_string(::getpid())); });
   }
 };
 

@@ -68,7 +68,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // The whole loader over the text as a bundle's manifest.
   static const std::string dir = "/tmp/le_manifest_key_fuzz." + std::to_string(::getpid());
-  static const bool made = le::imx::mkdirs(dir);
+  static const bool made = [] {
+    std::atexit([] { le::imx::rmTree(dir); });
+    return le::imx::mkdirs(dir);
+  }();
   if (!made) std::abort();
   if (std::FILE* f = std::fopen((dir + "/manifest.json").c_str(), "wb")) {
     std::fwrite(text.data(), 1, text.size(), f);

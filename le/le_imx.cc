@@ -81,7 +81,8 @@ void writeMarker(const std::string& path, const std::string& text) {
   if (!wrote || std::fclose(f.release()) != 0) fail("short write on unwrap marker " + path);
 }
 
-// Reads the whole member when the stored manifest is only a placeholder the packer synthesised.
+// A "manifest.json" entry that only stands in for a manifest the bundle does not carry: it
+// is read whole (it is small) and not written out.
 bool isSyntheticManifest(std::FILE* in, const imx::TocEntry& e) {
   if (e.name != "manifest.json" || e.size < 1 || e.size > imx::kSyntheticManifestMax) return false;
   if (e.offset > static_cast<uint64_t>(INT64_MAX) ||
