@@ -287,7 +287,7 @@ HcAttrs hcReadAttrs(GsSlice node) {
   while (r.next(f)) {
     if (!isLen(f, onnxf::kNodeAttribute)) continue;
     std::string name;
-    GsField s, fl, i, ints;
+    GsField s, fl, i;
     bool hasS = false, hasF = false, hasI = false, hasInts = false;
     GsReader ar(f.payload);
     GsField a;
