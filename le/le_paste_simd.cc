@@ -19,6 +19,7 @@
 #ifndef LE_PASTE_SIMD_SCALAR_ONCE
 #define LE_PASTE_SIMD_SCALAR_ONCE
 
+#include <algorithm>
 #include <cmath>
 
 #include "le/le_simd.h"
@@ -154,28 +155,74 @@ HWY_INLINE V4 LanczosPixel(const float* HWY_RESTRICT src, int crop, const float*
 }
 
 
-// Blends one output pixel through the single-pixel path.
-HWY_INLINE void PastePixel(const float* HWY_RESTRICT src, int crop, const uint8_t* HWY_RESTRICT mask,
-                           const float* HWY_RESTRICT lanczos, const float* HWY_RESTRICT bilinear, int sx,
-                           int sy, uint8_t* HWY_RESTRICT px) {
-  const detail::PastePos p = detail::pastePos(sx, sy, crop);
-  if (!p.ok) return;
-  const float alpha = detail::pasteAlpha(mask, crop, bilinear, p);
-  if (!(alpha > 0.0f)) return;
-  HWY_ALIGN float sum[4];
-  hn::Store(LanczosPixel(src, crop, lanczos + 8 * p.px, lanczos + 8 * p.py, p, detail::pasteInterior(p, crop)),
-            D4(), sum);
-  detail::pasteBlend(alpha, sum, px);
+// Mask weights of `count` consecutive output pixels (column offsets from i0), vectorised
+// with the same arithmetic as detail::pasteAlpha; pixels outside the crop get -1.
+HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const float* HWY_RESTRICT bilinear,
+                          const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x, int row_y,
+                          int count, float* HWY_RESTRICT alpha) {
+  int k = 0;
+  // Below AVX2 gathers are emulated one lane at a time; the scalar loop is as fast there.
+#if HWY_TARGET <= HWY_AVX2
+  const hn::ScalableTag<float> df;
+  const hn::RebindToSigned<decltype(df)> di;
+  const hn::RebindToUnsigned<decltype(df)> du;
+  const int N = static_cast<int>(hn::Lanes(df));
+  if (crop >= 2) {
+    const auto vcrop = hn::Set(di, crop), minus1 = hn::Set(di, -1), k31 = hn::Set(di, 31);
+    const auto lastWord = hn::Set(di, crop * crop - 4);  // gathers read four bytes
+    const auto* words = reinterpret_cast<const int32_t*>(mask);
+    // Mask byte at (x, y), 0 outside the crop.
+    const auto sample = [&](hn::Vec<decltype(di)> x, hn::Vec<decltype(di)> y) {
+      const auto inside = hn::And(hn::And(hn::Gt(x, minus1), hn::Lt(x, vcrop)), hn::And(hn::Gt(y, minus1), hn::Lt(y, vcrop)));
+      const auto at = hn::IfThenElseZero(inside, hn::Add(hn::Mul(y, vcrop), x));
+      const auto word = hn::Min(at, lastWord);
+      const auto shift = hn::BitCast(du, hn::ShiftLeft<3>(hn::Sub(at, word)));
+      const auto bytes = hn::BitCast(du, hn::GatherOffset(di, words, word));
+      const auto byte = hn::And(hn::operator>>(bytes, shift), hn::Set(du, 0xFFu));
+      return hn::IfThenElseZero(hn::RebindMask(df, inside), hn::ConvertTo(df, hn::BitCast(di, byte)));
+    };
+    for (; k + N <= count; k += N) {
+      const auto sx = hn::Add(hn::Set(di, row_x), hn::LoadU(di, col_x + k));
+      const auto sy = hn::Add(hn::Set(di, row_y), hn::LoadU(di, col_y + k));
+      const auto ix = hn::ShiftRight<10>(sx), iy = hn::ShiftRight<10>(sy);
+      const auto px2 = hn::ShiftLeft<1>(hn::And(hn::ShiftRight<5>(sx), k31));
+      const auto py2 = hn::ShiftLeft<1>(hn::And(hn::ShiftRight<5>(sy), k31));
+      const auto ok = hn::And(hn::And(hn::Gt(sx, hn::Set(di, -1025)), hn::Gt(sy, hn::Set(di, -1025))),
+                              hn::And(hn::Lt(ix, vcrop), hn::Lt(iy, vcrop)));
+      const auto one = hn::Set(di, 1);
+      const auto wx0 = hn::GatherIndex(df, bilinear, px2), wx1 = hn::GatherIndex(df, bilinear, hn::Add(px2, one));
+      const auto wy0 = hn::GatherIndex(df, bilinear, py2), wy1 = hn::GatherIndex(df, bilinear, hn::Add(py2, one));
+      const auto ix1 = hn::Add(ix, one), iy1 = hn::Add(iy, one);
+      const auto v = hn::Add(hn::Mul(hn::Add(hn::Mul(wx1, sample(ix1, iy1)), hn::Mul(wx0, sample(ix, iy1))), wy1),
+                             hn::Mul(hn::Add(hn::Mul(wx1, sample(ix1, iy)), hn::Mul(wx0, sample(ix, iy))), wy0));
+      const auto a = hn::Div(hn::Round(v), hn::Set(df, 255.0f));
+      hn::StoreU(hn::IfThenElse(hn::RebindMask(df, ok), a, hn::Set(df, -1.0f)), df, alpha + k);
+    }
+  }
+#endif
+  for (; k < count; ++k) {
+    const detail::PastePos p = detail::pastePos(row_x + col_x[k], row_y + col_y[k], crop);
+    alpha[k] = p.ok ? detail::pasteAlpha(mask, crop, bilinear, p) : -1.0f;
+  }
 }
 
 void PasteLanczos8Row(const float* HWY_RESTRICT src, int crop, const uint8_t* HWY_RESTRICT mask,
                       const float* HWY_RESTRICT lanczos, const float* HWY_RESTRICT bilinear,
                       const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x,
                       int row_y, int x_begin, int x_end, uint8_t* HWY_RESTRICT dst_row) {
-  for (int x = x_begin; x <= x_end; ++x) {
-    const int i = x - x_begin;
-    PastePixel(src, crop, mask, lanczos, bilinear, row_x + col_x[i], row_y + col_y[i],
-               dst_row + 3 * static_cast<size_t>(x));
+  constexpr int kSpan = 256;
+  HWY_ALIGN float alpha[kSpan];
+  HWY_ALIGN float sum[4];
+  for (int x0 = x_begin; x0 <= x_end; x0 += kSpan) {
+    const int off = x0 - x_begin, count = std::min(kSpan, x_end - x0 + 1);
+    RowAlphas(crop, mask, bilinear, col_x + off, col_y + off, row_x, row_y, count, alpha);
+    for (int k = 0; k < count; ++k) {
+      if (!(alpha[k] > 0.0f)) continue;  // outside the crop, or nothing to blend
+      const detail::PastePos p = detail::pastePos(row_x + col_x[off + k], row_y + col_y[off + k], crop);
+      hn::Store(LanczosPixel(src, crop, lanczos + 8 * p.px, lanczos + 8 * p.py, p, detail::pasteInterior(p, crop)),
+                D4(), sum);
+      detail::pasteBlend(alpha[k], sum, dst_row + 3 * static_cast<size_t>(x0 + k));
+    }
   }
 }
 
