@@ -91,8 +91,7 @@ class FfSource final : public Source {
 
   void rewind() override {
     if (av_seek_frame(fmt_.get(), stream_, 0, AVSEEK_FLAG_BACKWARD) < 0) {
-      closeMember();
-      openMember();
+      openMember();  // replaces the demuxer and decoder only once the new ones are open
     } else {
       avcodec_flush_buffers(dec_.get());
     }
@@ -196,14 +195,6 @@ class FfSource final : public Source {
     if (avcodec_open2(ctx.get(), codec, nullptr) < 0)
       throw std::runtime_error("le_driver: could not open the decoder for " + path_);
     return ctx;
-  }
-
-  void closeMember() {
-    frame_.reset();
-    pkt_.reset();
-    dec_.reset();
-    fmt_.reset();
-    threads_.store(0, std::memory_order_relaxed);
   }
 
   // Leaves the next decoded frame in frame_; false at the end of the member.
