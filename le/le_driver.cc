@@ -114,19 +114,20 @@ struct DriverCursor::Impl {
   const int history;
   const int slots;
   std::vector<FrameBuffer> ring;
-  std::vector<int> slotFrame;
+  std::vector<int> slotFrame;  // frame index held by each slot, -1 before its first fill
+  // stateLock guards everything below; cursorLock makes the public reads run one at a time.
   mutable std::mutex stateLock;
   std::mutex cursorLock;
-  std::condition_variable space, ready;
-  uint64_t tail = 0;
-  uint64_t head = 0;
-  uint64_t floor = 0;
-  bool decoding = false;
-  int nextIndex = 0;
-  int position = 0;
-  int sourcePos = 0;  // touched by the producer only
+  std::condition_variable space, ready;  // the producer waits on space, readers on ready
+  uint64_t tail = 0;   // sequence of the next slot to hand out
+  uint64_t head = 0;   // slots produced; sequence s lives in ring[s % slots]
+  uint64_t floor = 0;  // lowest sequence that may be served again (raised by mutable takes)
+  bool decoding = false;  // the producer is filling ring[head % slots]
+  int nextIndex = 0;      // frame index the next produced slot will hold
+  int position = 0;       // frame index the reader expects next
+  int sourcePos = 0;      // frame the source's next() decodes; touched by the producer only
   int pendingSeek = -1;
-  uint64_t generation = 0;
+  uint64_t generation = 0;  // advanced by every seek that goes to the source
   bool stop = false;
   std::string error;
   uint64_t seeks = 0;
