@@ -1,0 +1,465 @@
+#include "le/render/le_renderer.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "le/le.h"
+#include "le/le_bundle.h"
+#include "le/le_pool.h"
+#include "le/le_simd.h"
+#include "le/render/gridsample_fast.h"
+#include "le/render/le_ort.h"
+
+namespace le {
+
+namespace {
+
+constexpr size_t kPooledElems = 64 * 32 * 32;
+constexpr size_t kFsRedElems = 64 * 64 * 64;
+constexpr size_t kKpFloats = 3 * kHostKpRows;
+
+bool startsWith(const std::string& s, const char* prefix) {
+  return s.compare(0, std::strlen(prefix), prefix) == 0;
+}
+
+// Switches are tested on their first character; unset or empty counts as neither '0' nor '1'.
+char envFirst(const char* name) {
+  const char* v = std::getenv(name);
+  return v ? v[0] : '\0';
+}
+
+std::vector<uint8_t> readModel(const std::string& path) {
+  std::ifstream f(path, std::ios::binary | std::ios::ate);
+  if (!f) throw std::runtime_error("Renderer: cannot open " + path);
+  const std::streamsize size = f.tellg();
+  if (size < 0) throw std::runtime_error("Renderer: cannot open " + path);
+  std::vector<uint8_t> bytes(static_cast<size_t>(size));
+  f.seekg(0);
+  if (!f.read(reinterpret_cast<char*>(bytes.data()), size) || f.gcount() != size)
+    throw std::runtime_error("Renderer: short read on " + path);
+  return bytes;
+}
+
+// The fp16 backend exists only on builds with NEON fp16 arithmetic; this build has none.
+bool convBackendAvailable() { return false; }
+
+std::string xnnpackRefusal(const std::string& ep) {
+  return "Renderer: ep '" + ep +
+         "' is REFUSED. This renderer rewrites its graph to Vantorix custom-domain nodes "
+         "(com.vantorix::GridSampleFast, and com.vantorix::WarpDirector wherever LE_WARP_NODE is "
+         "on), and ORT's XNNPACK execution provider SEGFAULTS while partitioning a graph that "
+         "carries them — measured 2026-09-15 on a published tamsine2-android AAR, null deref "
+         "inside libonnxruntime.so at session create, on both a door-served and a hand-staged "
+         "copy of the same identity. It is a signal, not an exception, so it cannot be caught "
+         "and reported. Use the default ep (\"\", the ORT CPU EP), which opens the same bundle on "
+         "the same bytes.";
+}
+
+std::string bakedRefusal(const std::string& path) {
+  return "Renderer: LE_GS_FAST=0 (or VANTORIX_TAMSINE2_GRIDSAMPLE_FAST=0, which sets it) was "
+         "asked for, but " +
+         path +
+         " has com.vantorix::GridSampleFast BAKED INTO THE GRAPH. That flag disables the "
+         "custom-op registration, so there would be no kernel to bind and this session would "
+         "die inside ORT with 'GridSampleFast(-1) is not a registered function/op'. There is no "
+         "standard-GridSample arm on this bundle to measure: the artifact itself is "
+         "non-standard. Run the A/B on a STANDARD-ONNX bundle (the shipping format since "
+         "INFERENCE_STANDARDIZATION.md #1), or unset the flag to load this one.";
+}
+
+std::string kpContractRefusal(const std::string& path, const std::string& input, int64_t rows) {
+  const std::string feed = std::to_string(kHostKpRows);
+  std::string msg = "Renderer: HOST KEYPOINT CONTRACT MISMATCH on " + path +
+                    " — the graph declares " + input + " with " + std::to_string(rows) +
+                    " keypoint rows, and this renderer feeds " + feed +
+                    " (le::kHostKpRows, le/le.h). ";
+  if (rows == 22) {
+    msg += "That is the recipe_v4 / kd_v4 shape: row " + feed +
+           " is the WIDTH ROW (wn, seal, 0), fed from the a2x encoder's second output. This "
+           "engine has no width feed (see le_a2x_width / le_a2x_pull_wn in le/le_a2x.h, which "
+           "nothing on this path calls yet), so it cannot drive this director. ";
+  }
+  msg += "REFUSING AT LOAD rather than dying inside ORT at the first Run. This build must not "
+         "have been published to a host that links this renderer: "
+         "training/recipe/host_kp_contract.py is the publish gate that exists to prevent it.";
+  return msg;
+}
+
+const char* coremlUnits(const std::string& ep) {
+  const std::string units = ep.size() > 7 ? ep.substr(7) : "all";
+  if (units == "cpu") return "CPUOnly";
+  if (units == "gpu") return "CPUAndGPU";
+  if (units == "ane") return "CPUAndNeuralEngine";
+  return "ALL";
+}
+
+Ort::Env makeEnv() {
+  ortApi();
+  return Ort::Env(ORT_LOGGING_LEVEL_WARNING, "le");
+}
+
+}  // namespace
+
+std::string coremlCacheDir(const std::string& bundleDir) {
+  ortApi();
+  const char* v = OrtGetApiBase()->GetVersionString();
+  return bundleDir + "/.coreml_cache/ort" + (v && *v ? v : "unknown");
+}
+
+struct Renderer::Impl {
+  std::string epLabel;
+  Ort::Env env = makeEnv();
+  Ort::SessionOptions sessionOptions;
+  std::unique_ptr<Ort::Session> session;
+  std::unique_ptr<Ort::IoBinding> binding;
+  Ort::RunOptions runOptions;
+  bool profiling = false;
+  double runMsTotal = 0;
+  int64_t runCount = 0;
+  const Identity* identity = nullptr;
+  int32_t batch = 0;
+  int32_t crop = 0;
+  size_t pooledElems = kPooledElems;
+  size_t pElems = 0;
+  size_t fsRedElems = kFsRedElems;
+  bool fsRedGraph = false;
+  std::vector<float> pooled, prior, fsRed, kpDriving, kpSource, out;
+  std::vector<Ort::Value> values;
+  std::vector<float> lipDelivery;
+  bool lipBound = false;
+  std::string directorNote;
+
+  // What construction needs beyond the fields above.
+  const Manifest* manifest = nullptr;
+  std::string member;
+  std::string modelPath;
+  int threads = 1;
+
+  void createSession(const std::string& ep);
+  void inspectInputs();
+  void bindTensors();
+  void fillSlot(int k, int32_t si, const float* ks, const float* kd);
+  void copySlot(int from, int to);
+};
+
+void Renderer::Impl::createSession(const std::string& ep) {
+  // 1. No prep session exists in this build (the graph is never split), so nothing to release.
+  binding.reset();
+  session.reset();
+
+  // 2. Fresh options.
+  sessionOptions = Ort::SessionOptions();
+  sessionOptions.SetIntraOpNumThreads(threads);
+  sessionOptions.SetInterOpNumThreads(1);
+  sessionOptions.SetGraphOptimizationLevel(ORT_ENABLE_ALL);
+  if (envFirst("LE_ORT_SPIN") != '1')
+    sessionOptions.AddConfigEntry("session.intra_op.allow_spinning", "0");
+  sessionOptions.AddConfigEntry("mlas.disable_kleidiai", "1");
+  profiling = false;
+  if (const char* prof = std::getenv("LE_ORT_PROFILE"); prof && *prof) {
+    sessionOptions.EnableProfiling(prof);
+    profiling = true;
+  }
+
+  // 3. Provider.
+  const bool cpu = ep.empty();
+  if (!cpu) {
+    if (startsWith(ep, "xnnpack")) throw std::runtime_error(xnnpackRefusal(ep));
+    if (!startsWith(ep, "coreml")) throw std::runtime_error("Renderer: unknown ep '" + ep + "'");
+    std::unordered_map<std::string, std::string> opts{
+        {"ModelFormat", "MLProgram"},
+        {"MLComputeUnits", coremlUnits(ep)},
+        {"ModelCacheDirectory", coremlCacheDir(manifest->dir)}};
+    sessionOptions.AppendExecutionProvider("CoreML", opts);
+  }
+
+  // 4. Custom operators.
+  bool gsRewrite = false;
+  std::vector<uint8_t> bytes;
+  if (envFirst("LE_GS_FAST") != '0') {
+    gsRewrite = envFirst("LE_GS_REWRITE") != '0';
+    registerGridSampleFast(sessionOptions);
+    if (!gsRewrite && cpu) {
+      std::fprintf(stderr,
+                   "[le] LE_GS_REWRITE=0: load-time std GridSample -> com.vantorix::GridSampleFast "
+                   "rewrite DISABLED (%s); the custom op is still registered, so a baked bundle "
+                   "loads and runs its baked kernel. A standard bundle now runs ORT's own "
+                   "GridSample.\n",
+                   member.c_str());
+    }
+  } else {
+    bytes = readModel(modelPath);
+    if (graphHasBakedGridSampleFast(bytes)) throw std::runtime_error(bakedRefusal(modelPath));
+  }
+
+  // 5. The model's bytes.
+  if (bytes.empty()) bytes = readModel(modelPath);
+
+  // 6. Rewrites, in order.
+  bool changed = false;
+  const bool warpNode = [] {
+    const char* v = std::getenv("LE_WARP_NODE");
+    return v && *v && v[0] != '0';
+  }();
+  if (warpNode && cpu) {
+    std::string reason;
+    const size_t removed = rewriteWarpBlockToCustomOp(bytes, reason);
+    if (removed > 0) {
+      changed = true;
+      std::fprintf(stderr,
+                   "[le] director warp -> com.vantorix::WarpDirector (%zu nodes removed, the "
+                   "source cone with them)\n",
+                   removed);
+    } else {
+      std::fprintf(stderr,
+                   "[le] director warp NOT moved to one node (%s) — the graph loads exactly as "
+                   "it did before\n",
+                   reason.empty() ? "no reason given" : reason.c_str());
+    }
+  }
+  size_t gsCount = 0;
+  if (gsRewrite && cpu) gsCount = rewriteGridSampleToFast(bytes);
+  const size_t blendCount = normaliseStudentBlend(bytes);
+  const size_t cubicCount = rewriteHeadCubicResize(bytes);
+  changed = changed || gsCount || blendCount || cubicCount;
+  // The lip contour arrives with the borrow subsystem; until then every session serves the
+  // graph's own ellipse.
+  std::fprintf(stderr,
+               "[le] !!! compose alpha: ELLIPSE (%s) — this bundle carries no %s, so the director "
+               "generates the over-covering elliptical region the contour replaces. BACKFILL IT: "
+               "models/tamsine-2/tools/carry_lip_template_fleet.py\n",
+               member.c_str(), "lip_template.v1.json");
+  lipBound = false;
+
+  // 7. The source-cone split is not tried in this build.
+
+  // 8. Log lines.
+  if (gsCount)
+    std::fprintf(stderr,
+                 "[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: %zu "
+                 "node(s) (%s)\n",
+                 gsCount, member.c_str());
+  if (blendCount)
+    std::fprintf(stderr,
+                 "[le] L3 student blend MatMul -> Gemm load-time normalisation: %zu node(s) (%s) "
+                 "— a pre-2026-09-11 student; as MatMul this graph aborts Apple's MPSGraph "
+                 "compiler on every CoreML unit that includes the GPU\n",
+                 blendCount, member.c_str());
+  if (cubicCount)
+    std::fprintf(stderr,
+                 "[le] head cubic x2 -> Pad(edge,2)+Conv5x5(dw)+DepthToSpace(2,CRD) load-time "
+                 "rewrite: %zu node(s) (%s) — the same filter to fp32 round-off; ORT's cubic "
+                 "Resize kernel is the pole on every CPU-class EP and no CoreML/NNAPI EP can "
+                 "claim it\n",
+                 cubicCount, member.c_str());
+
+  // 9. The session.
+  if (changed)
+    session = std::make_unique<Ort::Session>(env, bytes.data(), bytes.size(), sessionOptions);
+  else
+    session = std::make_unique<Ort::Session>(env, modelPath.c_str(), sessionOptions);
+
+  // 10. Label.
+  epLabel = cpu ? "cpu" : ep;
+  std::fprintf(stderr, "[le] director ep=%s (%s)\n", epLabel.c_str(),
+               cpu ? "ORT CPU EP"
+                   : "ORT CoreML EP; unclaimed nodes on the CPU EP; std GridSample kept in the "
+                     "graph");
+}
+
+void Renderer::Impl::inspectInputs() {
+  Ort::AllocatorWithDefaultOptions alloc;
+  const size_t count = session->GetInputCount();
+  std::vector<std::string> names(count);
+  for (size_t i = 0; i < count; ++i) names[i] = session->GetInputNameAllocated(i, alloc).get();
+  fsRedGraph = false;
+  for (const std::string& n : names) fsRedGraph = fsRedGraph || n == "fs_red";
+
+  const char* batchInput = fsRedGraph ? "pooled" : "pooled64";
+  const char* kdName = fsRedGraph ? "kd" : "kp_driving";
+  const char* ksName = fsRedGraph ? "ks" : "kp_source";
+  batch = 0;
+  bool batchSeen = false;
+  for (size_t i = 0; i < count; ++i) {
+    const bool isBatch = names[i] == batchInput;
+    const bool isKp = names[i] == kdName || names[i] == ksName;
+    if (!isBatch && !isKp) continue;
+    Ort::TypeInfo info = session->GetInputTypeInfo(i);
+    if (info.GetONNXType() != ONNX_TYPE_TENSOR) continue;
+    const std::vector<int64_t> shape = info.GetTensorTypeAndShapeInfo().GetShape();
+    if (isBatch && !batchSeen && shape.size() == 4) {
+      batchSeen = true;
+      if (shape[0] > 0) batch = static_cast<int32_t>(shape[0]);
+    }
+    if (isKp && shape.size() == 3 && shape[1] >= 1 && shape[1] != kHostKpRows)
+      throw std::runtime_error(kpContractRefusal(modelPath, names[i], shape[1]));
+  }
+  if (batch < 1) throw std::runtime_error(std::string(batchInput) + " input not found / bad shape");
+}
+
+void Renderer::Impl::bindTensors() {
+  const size_t b = static_cast<size_t>(batch);
+  pooled.assign(b * pooledElems, 0.f);
+  kpDriving.assign(b * kKpFloats, 0.f);
+  kpSource.assign(b * kKpFloats, 0.f);
+  out.assign(b * pElems, 0.f);
+  if (fsRedGraph) {
+    if (!identity->hasFsRed())
+      throw std::runtime_error("FeatSynth graph but bundle lacks fs_red.f16");
+    fsRed.assign(b * fsRedElems, 0.f);
+  } else {
+    if (!identity->hasP() && !identity->hasPriorVideo())
+      throw std::runtime_error(
+          "m4b graph (P_rgb input) but this bundle carries no warp prior: neither P.f16, nor "
+          "fs_red.f16, nor a P_hevc.mov to play in place is present, so le::Identity mapped "
+          "NOTHING and Identity::P(si) would be an offset from a null pointer — a SEGFAULT on "
+          "the first frame, not a refusal. REFUSING to create a session.");
+    prior.assign(b * pElems, 0.f);
+  }
+
+  const Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+  binding = std::make_unique<Ort::IoBinding>(*session);
+  const int64_t bb = batch, c = crop;
+  const int64_t pooledShape[4] = {bb, 64, 32, 32};
+  const int64_t imageShape[4] = {bb, 3, c, c};
+  const int64_t fsShape[4] = {bb, 64, 64, 64};
+  const int64_t kpShape[3] = {bb, kHostKpRows, 3};
+  auto tensor = [&](std::vector<float>& v, const int64_t* shape, size_t rank) {
+    values.push_back(Ort::Value::CreateTensor<float>(mem, v.data(), v.size(), shape, rank));
+    return values.size() - 1;
+  };
+  values.clear();
+  values.reserve(6);
+  if (fsRedGraph) {
+    binding->BindInput("fs_red", values[tensor(fsRed, fsShape, 4)]);
+    binding->BindInput("pooled", values[tensor(pooled, pooledShape, 4)]);
+    binding->BindInput("kd", values[tensor(kpDriving, kpShape, 3)]);
+    binding->BindInput("ks", values[tensor(kpSource, kpShape, 3)]);
+  } else {
+    binding->BindInput("pooled64", values[tensor(pooled, pooledShape, 4)]);
+    binding->BindInput("P_rgb", values[tensor(prior, imageShape, 4)]);
+    binding->BindInput("kp_driving", values[tensor(kpDriving, kpShape, 3)]);
+    binding->BindInput("kp_source", values[tensor(kpSource, kpShape, 3)]);
+  }
+  binding->BindOutput("rgb", values[tensor(out, imageShape, 4)]);
+}
+
+void Renderer::Impl::fillSlot(int k, int32_t si, const float* ks, const float* kd) {
+  const size_t kk = static_cast<size_t>(k);
+  halfToFloat(identity->pooled64(si), pooled.data() + kk * pooledElems, pooledElems);
+  if (fsRedGraph)
+    halfToFloat(identity->fsRed(si), fsRed.data() + kk * fsRedElems, fsRedElems);
+  else
+    halfToFloat(identity->P(si), prior.data() + kk * pElems, pElems);
+  std::memcpy(kpSource.data() + kk * kKpFloats, ks, kKpFloats * sizeof(float));
+  std::memcpy(kpDriving.data() + kk * kKpFloats, kd, kKpFloats * sizeof(float));
+}
+
+void Renderer::Impl::copySlot(int from, int to) {
+  auto dup = [from, to](std::vector<float>& v, size_t elems) {
+    std::memcpy(v.data() + static_cast<size_t>(to) * elems,
+                v.data() + static_cast<size_t>(from) * elems, elems * sizeof(float));
+  };
+  dup(pooled, pooledElems);
+  if (fsRedGraph)
+    dup(fsRed, fsRedElems);
+  else
+    dup(prior, pElems);
+  dup(kpSource, kKpFloats);
+  dup(kpDriving, kKpFloats);
+  if (lipBound) dup(lipDelivery, static_cast<size_t>(crop) * crop);
+}
+
+Renderer::Renderer(const Manifest& manifest, const Identity& identity, const std::string& member,
+                   int threads, const std::string& ep)
+    : impl_(std::make_unique<Impl>()) {
+  Impl& m = *impl_;
+  m.identity = &identity;
+  m.manifest = &manifest;
+  m.crop = manifest.crop;
+  m.pElems = static_cast<size_t>(m.crop) * m.crop * 3;
+  m.member = member;
+  m.modelPath = manifest.modelPath(member);
+  m.threads = threads < 1 ? pool::threads() : threads;
+
+  std::string chosen = ep;
+  const char* convEnv = std::getenv("LE_CONV_BACKEND");
+  if (ep == "neon" || (ep.empty() && convEnv && std::strcmp(convEnv, "neon") == 0)) {
+    if (!convBackendAvailable()) {
+      std::fprintf(stderr,
+                   "[le] fp16 NEON backend requested but unavailable on this build/CPU; using "
+                   "ORT\n");
+      chosen.clear();
+    }
+  }
+
+  try {
+    m.createSession(chosen);
+  } catch (const std::exception& e) {
+    if (!startsWith(chosen, "coreml")) throw;
+    std::fprintf(stderr, "[le] CoreML EP session refused: %s — falling back to the ORT CPU EP\n",
+                 e.what());
+    m.binding.reset();
+    m.session.reset();
+    m.createSession("");
+  }
+  m.inspectInputs();
+  m.bindTensors();
+}
+
+Renderer::~Renderer() {
+  if (!impl_ || !impl_->profiling || !impl_->session) return;
+  Impl& m = *impl_;
+  if (m.runCount > 0)
+    std::fprintf(stderr, "[le_ort_profile] %ld frames: %.2f ms/frame in Session::Run\n",
+                 static_cast<long>(m.runCount), m.runMsTotal / static_cast<double>(m.runCount));
+  try {
+    Ort::AllocatorWithDefaultOptions alloc;
+    Ort::AllocatedStringPtr file = m.session->EndProfilingAllocated(alloc);
+    std::fprintf(stderr, "[le_ort_profile] %s\n", file.get());
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "[le_ort_profile] FAILED: %s\n", e.what());
+  }
+}
+
+const float* Renderer::render(const int32_t* sourceIdx, const float* kpSource,
+                              const float* kpDriving, int n) {
+  Impl& m = *impl_;
+  if (n < 1 || n > m.batch) throw std::runtime_error("render: bad n");
+  const int nt = m.identity->NT();
+  for (int k = 0; k < n; ++k) {
+    if (sourceIdx[k] < 0 || sourceIdx[k] >= nt)
+      throw std::runtime_error("render: source index " + std::to_string(sourceIdx[k]) +
+                               " outside [0," + std::to_string(nt) + ")");
+  }
+  for (int k = 0; k < m.batch; ++k) {
+    if (k >= n)
+      m.copySlot(n - 1, k);
+    else
+      m.fillSlot(k, sourceIdx[k], kpSource + static_cast<size_t>(k) * kKpFloats,
+                 kpDriving + static_cast<size_t>(k) * kKpFloats);
+  }
+  const auto t0 = std::chrono::steady_clock::now();
+  m.session->Run(m.runOptions, *m.binding);
+  const auto t1 = std::chrono::steady_clock::now();
+  m.runMsTotal += std::chrono::duration<double, std::milli>(t1 - t0).count();
+  ++m.runCount;
+  return m.out.data();
+}
+
+int Renderer::batch() const { return impl_->batch; }
+const char* Renderer::ep() const { return impl_->epLabel.c_str(); }
+const char* Renderer::backend() const { return "ort"; }
+const char* Renderer::directorNote() const { return impl_->directorNote.c_str(); }
+int Renderer::crop() const { return impl_->crop; }
+double Renderer::runMsTotal() const { return impl_->runMsTotal; }
+int64_t Renderer::runCount() const { return impl_->runCount; }
+
+}  // namespace le

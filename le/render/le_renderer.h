@@ -1,0 +1,55 @@
+// The director renderer: one ONNX Runtime session of the bundle's director network that turns a
+// source-frame index and two keypoint sets into a planar float face crop.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace le {
+
+struct Manifest;
+class Identity;
+
+// Directory for CoreML's compiled-model cache inside a bundle:
+// bundleDir + "/.coreml_cache/ort" + the runtime's version ("unknown" when it has none).
+std::string coremlCacheDir(const std::string& bundleDir);
+
+// Threads: one caller drives render(); the renderer is not safe for concurrent render() calls.
+// The manifest and the identity are borrowed and must outlive the renderer.
+class Renderer {
+ public:
+  // Loads the bundle member "model_" + member + ".onnx". threads < 1 takes le::pool::threads().
+  // ep: "" for the CPU provider, "coreml[:units]" for CoreML (falls back to the CPU provider when
+  // the session cannot be made), "neon" for the fp16 backend. Throws std::runtime_error on refusal.
+  Renderer(const Manifest& manifest, const Identity& identity, const std::string& member,
+           int threads, const std::string& ep);
+  ~Renderer();
+  Renderer(const Renderer&) = delete;
+  Renderer& operator=(const Renderer&) = delete;
+
+  // Renders n frames (1 <= n <= batch()): frame k from source frame sourceIdx[k] with 63 floats of
+  // kpSource and of kpDriving each. Returns batch() planar crops of 3 x crop x crop floats, owned
+  // by the renderer and overwritten by the next call; frames at and after n are padding.
+  const float* render(const int32_t* sourceIdx, const float* kpSource, const float* kpDriving,
+                      int n);
+
+  int batch() const;
+  // "cpu" for the CPU provider, else the ep text the session was made with.
+  const char* ep() const;
+  // "neon", "coreml" (native director) or "ort".
+  const char* backend() const;
+  const char* directorNote() const;
+  int crop() const;
+
+  // Time spent inside the director's Session::Run, summed, and the number of runs counted.
+  double runMsTotal() const;
+  int64_t runCount() const;
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace le
