@@ -1,0 +1,43 @@
+// Director members of forged bundles: the forged director graph in the forms and variants the
+// renderer loads, derived from the batch-1 standard graph by graph surgery on its bytes.
+//
+//   "model_b1.onnx"        standard form, batch 1
+//   "model_b4.onnx"        the same director run on 4 frames per call, written under its
+//                          alternative name "render_model.batch4.onnx"
+//   "model_b1_fs.onnx"     FeatSynth form: "fs_red", "pooled", "kd", "ks" in, "rgb" out; the warp
+//                          prior is decoded from "fs_red" inside the graph
+//   "model_b1_heavy.onnx"  standard form with a convolution trunk at 64 channels on the pooled
+//                          features, so a frame costs about what a real director's does
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/forge/forge.h"
+
+namespace le::forge {
+
+// The batch-B form of a batch-1 director: each input is sliced per frame, the graph runs once
+// per frame on its slice (initializers shared), and the frames' outputs are concatenated.
+std::vector<uint8_t> batchDirector(const std::vector<uint8_t>& b1, int batch);
+
+// Adds `layers` 3x3 convolutions at 64 channels (on the pooled features upsampled to 64x64)
+// whose result joins "rgb" with a small weight.
+std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int layers);
+
+// The FeatSynth form: "pooled64" -> "pooled", "kp_driving" -> "kd", "kp_source" -> "ks", and
+// "P_rgb" computed from the input "fs_red" [1, 64, 64, 64].
+std::vector<uint8_t> featSynthDirector(const std::vector<uint8_t>& b1, int crop);
+
+struct DirectorMemberOptions {
+  int batch = 4;         // frames per call of the batched member
+  int heavyLayers = 6;   // convolutions of the heavy member's trunk
+  bool featSynth = true;
+  bool heavy = true;
+};
+
+// The director members of a bundle forged with p (crop p.crop), ready for Params::extraMembers.
+std::vector<Member> directorMembers(const Params& p, const DirectorMemberOptions& o = {});
+
+}  // namespace le::forge
