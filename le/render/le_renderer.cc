@@ -14,6 +14,7 @@
 #include "le/le_bundle.h"
 #include "le/le_pool.h"
 #include "le/le_simd.h"
+#include "le/render/graph_rewrites.h"
 #include "le/render/gridsample_fast.h"
 #include "le/render/le_ort.h"
 

@@ -1,0 +1,657 @@
+// The director renderer and the rendering entry points, on forged bundles with real sessions:
+// provider choice, the input contract, batch padding, the switches, and the rendered crop
+// checked against the forged director's warp computed by plain loops.
+#include "le/render/le_renderer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "le/le.h"
+#include "le/le_bundle.h"
+#include "le/le_pool.h"
+#include "le/render/graph_rewrites.h"
+#include "le/render/le_ort.h"
+#include "tools/forge/director_graph.h"
+#include "tools/forge/director_members.h"
+#include "tools/forge/forge.h"
+#include "tools/forge/onnx_builder.h"
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+namespace {
+
+using le::forge::Attr;
+using le::forge::OnnxBuilder;
+using le::forge::Shape;
+
+std::string scratch(const std::string& name) {
+  const char* t = std::getenv("LE_TEST_TMP");
+  const fs::path base = t && *t ? fs::path(t) : fs::temp_directory_path() / "le_renderer_test";
+  fs::create_directories(base);
+  const fs::path p = base / name;
+  fs::remove_all(p);
+  return p.string();
+}
+
+// Sets (or unsets, with null) an environment variable for one scope.
+class EnvVar {
+ public:
+  EnvVar(const char* name, const char* value) : name_(name) {
+    const char* old = std::getenv(name);
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  }
+  ~EnvVar() {
+    if (had_)
+      setenv(name_.c_str(), old_.c_str(), 1);
+    else
+      unsetenv(name_.c_str());
+  }
+
+ private:
+  std::string name_, old_;
+  bool had_ = false;
+};
+
+float halfBits(uint16_t h) {
+  const uint32_t sign = (h & 0x8000u) << 16;
+  const int exp = (h >> 10) & 0x1f;
+  const uint32_t man = h & 0x3ffu;
+  float v;
+  if (exp == 0)
+    v = std::ldexp(static_cast<float>(man), -24);
+  else if (exp == 31)
+    v = man ? NAN : INFINITY;
+  else
+    v = std::ldexp(static_cast<float>(man | 0x400u), exp - 25);
+  return sign ? -v : v;
+}
+
+std::vector<float> widenFile(const std::string& path, size_t row, size_t elems) {
+  std::ifstream f(path, std::ios::binary);
+  f.seekg(static_cast<std::streamoff>(row * elems * 2));
+  std::vector<uint16_t> h(elems);
+  f.read(reinterpret_cast<char*>(h.data()), static_cast<std::streamsize>(elems * 2));
+  std::vector<float> v(elems);
+  for (size_t i = 0; i < elems; ++i) v[i] = halfBits(h[i]);
+  return v;
+}
+
+le::forge::Params smallBundle() {
+  le::forge::Params p;
+  p.nt = 4;
+  p.width = 160;
+  p.height = 120;
+  p.crop = 64;
+  p.frames = 6;
+  return p;
+}
+
+// Writes a forged bundle with its director members; extra models go in as "model_<key>.onnx".
+std::string forgeWithDirectors(const std::string& name, le::forge::Params p) {
+  const std::string dir = scratch(name);
+  le::forge::DirectorMemberOptions o;
+  o.heavy = false;
+  for (auto& m : le::forge::directorMembers(p, o)) p.extraMembers.push_back(std::move(m));
+  le::forge::forgeBundle(dir, p);
+  return dir;
+}
+
+// A director-contract model whose output is plain arithmetic on its inputs:
+//   rgb = P_rgb + mean(pooled64) + sum(kp_driving) - sum(kp_source)   (per frame)
+// FeatSynth form: rgb = mean(fs_red) + mean(pooled) + sum(kd) - sum(ks), broadcast to the crop.
+std::vector<uint8_t> arithmeticDirector(int crop, const Shape& batchShape, const Shape& kdShape,
+                                        bool featSynth = false) {
+  OnnxBuilder b("arith");
+  const std::string pooled = featSynth ? "pooled" : "pooled64";
+  const std::string kd = featSynth ? "kd" : "kp_driving", ks = featSynth ? "ks" : "kp_source";
+  const le::forge::Dim B = batchShape[0];
+  if (featSynth) b.input("fs_red", {B, 64, 64, 64});
+  b.input(pooled, batchShape);
+  if (!featSynth) b.input("P_rgb", {B, 3, crop, crop});
+  b.input(kd, kdShape);
+  b.input(ks, {B, 21, 3});
+  auto mean = [&](const std::string& x) {
+    return b.op("ReduceMean", {x}, {Attr::ints("axes", {1, 2, 3}), Attr::i("keepdims", 1)});
+  };
+  auto sum4 = [&](const std::string& x) {
+    return b.op("Unsqueeze", {b.op("ReduceSum", {x, b.initI64(b.fresh("ax"), {2}, {1, 2})},
+                                   {Attr::i("keepdims", 1)}),
+                              b.initI64(b.fresh("ax"), {1}, {3})});
+  };
+  std::string s = b.op("Sub", {b.op("Add", {mean(pooled), sum4(kd)}), sum4(ks)});
+  std::string base;
+  if (featSynth) {
+    s = b.op("Add", {s, mean("fs_red")});
+    base = b.init("zeros", {1, 3, crop, crop}, std::vector<float>(3 * crop * crop, 0.f));
+  } else {
+    base = "P_rgb";
+  }
+  b.node("Add", {base, s}, {"rgb"});
+  b.output("rgb", {B, 3, crop, crop});
+  return b.build();
+}
+
+struct Loaded {
+  le::Manifest manifest;
+  std::unique_ptr<le::Identity> identity;
+  explicit Loaded(const std::string& dir)
+      : manifest(le::loadManifest(dir)), identity(std::make_unique<le::Identity>(manifest)) {}
+};
+
+std::string refusal(const std::function<void()>& fn) {
+  try {
+    fn();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "(no refusal)";
+}
+
+class RendererTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    le::forge::Params p = smallBundle();
+    p.fsRed = true;
+    dir_ = new std::string(forgeWithDirectors("renderer_bundle", p));
+  }
+  static void TearDownTestSuite() {
+    fs::remove_all(*dir_);
+    delete dir_;
+  }
+  static std::string model(const std::string& key, const std::vector<uint8_t>& bytes) {
+    le::forge::writeModelBytes(*dir_ + "/model_" + key + ".onnx", bytes);
+    return key;
+  }
+  static std::string* dir_;
+};
+std::string* RendererTest::dir_ = nullptr;
+
+TEST_F(RendererTest, InputContractRefusals) {
+  Loaded l(*dir_);
+  const std::string path = l.manifest.modelPath("kp22");
+  auto build = [&](const std::string& key) {
+    return refusal([&] { le::Renderer r(l.manifest, *l.identity, key, 1, ""); });
+  };
+
+  model("dynbatch", arithmeticDirector(64, {"N", 64, 32, 32}, {"N", 21, 3}));
+  EXPECT_EQ(build("dynbatch"), "pooled64 input not found / bad shape");
+  model("fsdyn", arithmeticDirector(64, {-1, 64, 32, 32}, {1, 21, 3}, true));
+  EXPECT_EQ(build("fsdyn"), "pooled input not found / bad shape");
+
+  const std::string head = " — the graph declares kp_driving with ";
+  const std::string tail =
+      "REFUSING AT LOAD rather than dying inside ORT at the first Run. This build must not have "
+      "been published to a host that links this renderer: training/recipe/host_kp_contract.py is "
+      "the publish gate that exists to prevent it.";
+  model("kp22", arithmeticDirector(64, {1, 64, 32, 32}, {1, 22, 3}));
+  EXPECT_EQ(build("kp22"),
+            "Renderer: HOST KEYPOINT CONTRACT MISMATCH on " + path + head +
+                "22 keypoint rows, and this renderer feeds 21 (le::kHostKpRows, le/le.h). That is "
+                "the recipe_v4 / kd_v4 shape: row 21 is the WIDTH ROW (wn, seal, 0), fed from the "
+                "a2x encoder's second output. This engine has no width feed (see le_a2x_width / "
+                "le_a2x_pull_wn in le/le_a2x.h, which nothing on this path calls yet), so it "
+                "cannot drive this director. " +
+                tail);
+  model("kp20", arithmeticDirector(64, {1, 64, 32, 32}, {1, 20, 3}));
+  EXPECT_EQ(build("kp20"), "Renderer: HOST KEYPOINT CONTRACT MISMATCH on " +
+                               l.manifest.modelPath("kp20") + head +
+                               "20 keypoint rows, and this renderer feeds 21 (le::kHostKpRows, "
+                               "le/le.h). " +
+                               tail);
+  model("kpdyn", arithmeticDirector(64, {1, 64, 32, 32}, {1, -1, 3}));
+  EXPECT_EQ(build("kpdyn"), "(no refusal)");
+
+  EXPECT_THAT(build("missing"), StartsWith("Renderer: cannot open " + *dir_));
+}
+
+TEST_F(RendererTest, MissingTablesAreRefused) {
+  model("fs", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}, true));
+  model("std", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
+
+  le::forge::Params p = smallBundle();
+  const std::string plain = forgeWithDirectors("renderer_plain", p);
+  le::forge::writeModelBytes(plain + "/model_fs.onnx", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}, true));
+  Loaded a(plain);
+  EXPECT_EQ(refusal([&] { le::Renderer r(a.manifest, *a.identity, "fs", 1, ""); }),
+            "FeatSynth graph but bundle lacks fs_red.f16");
+
+  p.prior = le::forge::Prior::FsRedOnly;
+  const std::string fsOnly = forgeWithDirectors("renderer_fsonly", p);
+  le::forge::writeModelBytes(fsOnly + "/model_std.onnx", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
+  Loaded b(fsOnly);
+  EXPECT_THAT(refusal([&] { le::Renderer r(b.manifest, *b.identity, "std", 1, ""); }),
+              StartsWith("m4b graph (P_rgb input) but this bundle carries no warp prior: neither "
+                         "P.f16, nor fs_red.f16, nor a P_hevc.mov to play in place is present"));
+  fs::remove_all(plain);
+  fs::remove_all(fsOnly);
+}
+
+// Every slot is filled from its own source frame, padding repeats the last real frame, and the
+// FeatSynth form reads fs_red instead of the prior.
+TEST_F(RendererTest, RenderFillsAndPadsEverySlot) {
+  model("b3arith", arithmeticDirector(64, {3, 64, 32, 32}, {3, 21, 3}));
+  model("fsarith", arithmeticDirector(64, {2, 64, 32, 32}, {2, 21, 3}, true));
+  Loaded l(*dir_);
+  const size_t plane = 3 * 64 * 64;
+  std::vector<float> ks(3 * 63), kd(3 * 63);
+  for (size_t i = 0; i < ks.size(); ++i) ks[i] = 0.01f * float(i % 17), kd[i] = 0.02f * float(i % 11);
+  auto kpSum = [](const float* v) {
+    double s = 0;
+    for (int i = 0; i < 63; ++i) s += v[i];
+    return s;
+  };
+  auto mean = [](const std::vector<float>& v) {
+    double s = 0;
+    for (float x : v) s += x;
+    return s / double(v.size());
+  };
+  const std::string pooledPath = le::resolveMember(*dir_, "pooled64.f16");
+  const std::string priorPath = le::resolveMember(*dir_, "P.f16");
+  const std::string fsPath = le::resolveMember(*dir_, "fs_red.f16");
+
+  le::Renderer r(l.manifest, *l.identity, "b3arith", 1, "");
+  EXPECT_EQ(r.batch(), 3);
+  EXPECT_STREQ(r.ep(), "cpu");
+  EXPECT_STREQ(r.backend(), "ort");
+  EXPECT_STREQ(r.directorNote(), "");
+  const int32_t si[3] = {2, 0, 3};
+  const float* out = r.render(si, ks.data(), kd.data(), 2);
+  for (int k = 0; k < 3; ++k) {
+    const int from = std::min(k, 1);  // slot 2 pads with frame 1
+    const std::vector<float> P = widenFile(priorPath, size_t(si[from]), plane);
+    const double add = mean(widenFile(pooledPath, size_t(si[from]), 65536)) +
+                       kpSum(&kd[63 * from]) - kpSum(&ks[63 * from]);
+    for (size_t i = 0; i < plane; i += 97)
+      ASSERT_NEAR(out[k * plane + i], P[i] + add, 2e-5) << "slot " << k << " at " << i;
+  }
+  EXPECT_EQ(r.runCount(), 1);
+  EXPECT_GT(r.runMsTotal(), 0.0);
+  EXPECT_EQ(refusal([&] { r.render(si, ks.data(), kd.data(), 0); }), "render: bad n");
+  EXPECT_EQ(refusal([&] { r.render(si, ks.data(), kd.data(), 4); }), "render: bad n");
+  const int32_t bad[1] = {4};
+  EXPECT_EQ(refusal([&] { r.render(bad, ks.data(), kd.data(), 1); }), "render: source index 4 outside [0,4)");
+
+  le::Renderer f(l.manifest, *l.identity, "fsarith", 1, "");
+  EXPECT_EQ(f.batch(), 2);
+  out = f.render(si, ks.data(), kd.data(), 1);
+  for (int k = 0; k < 2; ++k) {
+    const double want = mean(widenFile(fsPath, 2, 262144)) + mean(widenFile(pooledPath, 2, 65536)) +
+                        kpSum(&kd[0]) - kpSum(&ks[0]);
+    EXPECT_NEAR(out[k * plane + 5], want, 2e-5);
+  }
+}
+
+TEST_F(RendererTest, ProvidersAndTheirLines) {
+  Loaded l(*dir_);
+  model("prov", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
+  auto build = [&](const std::string& ep) {
+    return refusal([&] { le::Renderer r(l.manifest, *l.identity, "prov", 1, ep); });
+  };
+  for (const char* ep : {"xnnpack", "xnnpack:threads=2"})
+    EXPECT_THAT(build(ep), StartsWith(std::string("Renderer: ep '") + ep +
+                                      "' is REFUSED. This renderer rewrites its graph to Vantorix "
+                                      "custom-domain nodes"));
+  EXPECT_EQ(build("cuda"), "Renderer: unknown ep 'cuda'");
+
+  // This runtime has no CoreML provider: the request falls back to the CPU provider.
+  ::testing::internal::CaptureStderr();
+  {
+    le::Renderer r(l.manifest, *l.identity, "prov", 1, "coreml:gpu");
+    EXPECT_STREQ(r.ep(), "cpu");
+  }
+  std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(err, HasSubstr("[le] CoreML EP session refused: "));
+  EXPECT_THAT(err, HasSubstr(" — falling back to the ORT CPU EP\n"));
+  EXPECT_THAT(err, HasSubstr("[le] director ep=cpu (ORT CPU EP)\n"));
+
+  ::testing::internal::CaptureStderr();
+  { le::Renderer r(l.manifest, *l.identity, "prov", 1, "neon"); }
+  err = ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(err, HasSubstr("[le] fp16 NEON backend requested but unavailable on this build/CPU; using ORT\n"));
+  EXPECT_THAT(err, HasSubstr("[le] !!! compose alpha: ELLIPSE (prov) — this bundle carries no "
+                             "lip_template.v1.json"));
+
+  const char* v = OrtGetApiBase()->GetVersionString();
+  EXPECT_EQ(le::coremlCacheDir("/b"), std::string("/b/.coreml_cache/ort") + v);
+}
+
+TEST_F(RendererTest, ProfileLinesAtDestruction) {
+  Loaded l(*dir_);
+  model("prof", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
+  const std::string prefix = scratch("renderer_profile");
+  fs::create_directories(prefix);
+  EnvVar env("LE_ORT_PROFILE", (prefix + "/run").c_str());
+  std::vector<float> kp(63, 0.f);
+  const int32_t si = 1;
+  ::testing::internal::CaptureStderr();
+  {
+    le::Renderer r(l.manifest, *l.identity, "prof", 1, "");
+    r.render(&si, kp.data(), kp.data(), 1);
+    r.render(&si, kp.data(), kp.data(), 1);
+  }
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(err, HasSubstr("[le_ort_profile] 2 frames: "));
+  EXPECT_THAT(err, HasSubstr(" ms/frame in Session::Run\n"));
+  const size_t at = err.find("[le_ort_profile] " + prefix + "/run");
+  ASSERT_NE(at, std::string::npos) << err;
+  const std::string file = err.substr(at + 17, err.find('\n', at) - at - 17);
+  EXPECT_TRUE(fs::exists(file)) << file;
+  fs::remove_all(prefix);
+}
+
+// A graph with GridSampleFast baked in is refused when the custom op is switched off; a standard
+// graph then loads and runs ONNX Runtime's own GridSample.
+TEST_F(RendererTest, GridSampleSwitches) {
+  Loaded l(*dir_);
+  std::vector<uint8_t> baked = le::forge::readModelBytes(l.manifest.modelPath("b1"));
+  ASSERT_GT(le::rewriteGridSampleToFast(baked), 0u);
+  model("baked", baked);
+  {
+    EnvVar off("LE_GS_FAST", "0");
+    EXPECT_EQ(refusal([&] { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }),
+              "Renderer: LE_GS_FAST=0 (or VANTORIX_TAMSINE2_GRIDSAMPLE_FAST=0, which sets it) was "
+              "asked for, but " +
+                  l.manifest.modelPath("baked") +
+                  " has com.vantorix::GridSampleFast BAKED INTO THE GRAPH. That flag disables the "
+                  "custom-op registration, so there would be no kernel to bind and this session "
+                  "would die inside ORT with 'GridSampleFast(-1) is not a registered "
+                  "function/op'. There is no standard-GridSample arm on this bundle to measure: "
+                  "the artifact itself is non-standard. Run the A/B on a STANDARD-ONNX bundle (the "
+                  "shipping format since INFERENCE_STANDARDIZATION.md #1), or unset the flag to "
+                  "load this one.");
+    ::testing::internal::CaptureStderr();
+    { le::Renderer r(l.manifest, *l.identity, "b1", 1, ""); }
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), Not(HasSubstr("GridSampleFast load-time rewrite")));
+  }
+  {
+    EnvVar norewrite("LE_GS_REWRITE", "0");
+    ::testing::internal::CaptureStderr();
+    { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }
+    const std::string err = ::testing::internal::GetCapturedStderr();
+    EXPECT_THAT(err, HasSubstr("[le] LE_GS_REWRITE=0: load-time std GridSample -> "
+                               "com.vantorix::GridSampleFast rewrite DISABLED (baked); the custom "
+                               "op is still registered"));
+  }
+  ::testing::internal::CaptureStderr();
+  { le::Renderer r(l.manifest, *l.identity, "b1", 1, ""); }
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+              HasSubstr("[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: 1 node(s) (b1)\n"));
+}
+
+// ---- the flat interface ----------------------------------------------------------------------
+
+struct Ctx {
+  le_ctx* c;
+  Ctx(const std::string& dir, const char* key, int threads, const char* ep)
+      : c(le_create(dir.c_str(), key, threads, ep)) {}
+  ~Ctx() { le_destroy(c); }
+};
+
+TEST_F(RendererTest, EntryPointRefusals) {
+  Ctx ctx(*dir_, "b1", 1, "");
+  ASSERT_NE(ctx.c, nullptr) << le_last_error();
+  const int nt = le_nt(ctx.c);
+  std::vector<float> kp(63, 0.f);
+  EXPECT_EQ(le_paste_last(ctx.c, 0), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_paste_last: bad args / no prior render");
+  EXPECT_EQ(le_render_kp_crop(ctx.c, nt, kp.data(), kp.data()), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_render_kp_crop: bad args");
+  EXPECT_EQ(le_render_kp_crop(ctx.c, 0, nullptr, kp.data()), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_render_kp_crop: bad args");
+  EXPECT_EQ(le_render_kp_crop(nullptr, 0, kp.data(), kp.data()), nullptr);
+  EXPECT_EQ(le_render_drive_crop(ctx.c, le_drive_frames(ctx.c)), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_render_drive_crop: bad frame index");
+  EXPECT_EQ(le_render_drive_crop(ctx.c, -1), nullptr);
+  EXPECT_EQ(le_render_kp_rgba(nullptr, 0, kp.data(), kp.data(), nullptr, 0), 0);
+  EXPECT_EQ(le_render_drive_rgba(nullptr, 0, nullptr, 0), 0);
+
+  // A renderer that cannot be built is tried again by the next render.
+  Ctx bad(*dir_, "nosuchkey", 1, "xnnpack");
+  ASSERT_NE(bad.c, nullptr) << le_last_error();
+  EXPECT_EQ(le_render_kp_crop(bad.c, 0, kp.data(), kp.data()), nullptr);
+  EXPECT_THAT(le_last_error(), StartsWith("le_render_kp_crop: Renderer: ep 'xnnpack' is REFUSED."));
+  Ctx unknown(*dir_, "b1", 1, "cuda");
+  EXPECT_EQ(le_render_drive_crop(unknown.c, 0), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_render_kp_crop: Renderer: unknown ep 'cuda'");
+  EXPECT_EQ(le_render_drive_crop(unknown.c, 0), nullptr);
+  EXPECT_STREQ(le_last_error(), "le_render_kp_crop: Renderer: unknown ep 'cuda'");
+}
+
+TEST_F(RendererTest, IntraOpThreadsLine) {
+  std::vector<float> kp(63, 0.f);
+  const int pool = le::pool::threads();
+  {
+    Ctx ctx(*dir_, "b1", 0, nullptr);
+    ::testing::internal::CaptureStderr();
+    ASSERT_NE(le_render_kp_crop(ctx.c, 0, kp.data(), kp.data()), nullptr) << le_last_error();
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+                HasSubstr("[le] director intra-op " + std::to_string(std::min(pool, 2)) + " of pool " +
+                          std::to_string(pool) +
+                          ": the caller did not choose, the core sized it for the le_utt pipeline\n"));
+  }
+  for (auto [threads, ep] : {std::pair<int, const char*>{4, nullptr}, {0, "coreml"}}) {
+    Ctx ctx(*dir_, "b1", threads, ep);
+    ::testing::internal::CaptureStderr();
+    ASSERT_NE(le_render_kp_crop(ctx.c, 0, kp.data(), kp.data()), nullptr) << le_last_error();
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), Not(HasSubstr("director intra-op")));
+  }
+}
+
+TEST_F(RendererTest, RgbaAndPasteLast) {
+  Ctx ctx(*dir_, "b1", 1, "");
+  const int W = le_width(ctx.c), H = le_height(ctx.c);
+  const size_t rgba = size_t(W) * H * 4;
+  std::vector<uint8_t> out(rgba, 7);
+  const le::forge::Params p = smallBundle();
+  const std::vector<float> xs = le::forge::keypoints(p, 1);
+
+  EXPECT_EQ(le_render_kp_rgba(ctx.c, 1, xs.data(), xs.data(), out.data(), rgba - 1), 0);
+  EXPECT_STREQ(le_last_error(), "le_render_*_rgba: out buffer too small");
+  const uint8_t* frame = le_paste_last(ctx.c, 1);
+  ASSERT_NE(frame, nullptr) << le_last_error();
+  std::vector<uint8_t> rgb(frame, frame + size_t(W) * H * 3);
+
+  ASSERT_EQ(le_render_kp_rgba(ctx.c, 1, xs.data(), xs.data(), out.data(), rgba), 1) << le_last_error();
+  for (size_t i = 0; i < size_t(W) * H; ++i) {
+    ASSERT_EQ(out[4 * i + 3], 255);
+    ASSERT_EQ(0, std::memcmp(&out[4 * i], &rgb[3 * i], 3)) << "pixel " << i;
+  }
+
+  // A drive frame is pasted into the full frame of its own source index.
+  const int i = 3;
+  const std::vector<int32_t> si = le::forge::driveIndices(p);
+  ASSERT_NE(si[i], i);
+  ASSERT_EQ(le_render_drive_rgba(ctx.c, i, out.data(), rgba), 1) << le_last_error();
+  const float* crop = le_render_drive_crop(ctx.c, i);
+  ASSERT_NE(crop, nullptr);
+  std::vector<uint8_t> want(size_t(W) * H * 3);
+  ASSERT_EQ(le_paste_crop(ctx.c, si[i], crop, want.data(), want.size()), 1) << le_last_error();
+  for (size_t k = 0; k < size_t(W) * H; ++k)
+    ASSERT_EQ(0, std::memcmp(&out[4 * k], &want[3 * k], 3)) << "pixel " << k;
+}
+
+// ---- the forged director's warp, by plain loops ----------------------------------------------
+
+struct Warp {
+  int S;
+  std::vector<float> tip;  // 12 planes: P, Pxx, Pyy, Pxxyy
+  Warp(const std::vector<float>& P, int s) : S(s), tip(size_t(12) * s * s) {
+    auto at = [&](int c, int y, int x) {
+      y = std::clamp(y, 0, S - 1), x = std::clamp(x, 0, S - 1);
+      return P[(size_t(c) * S + y) * S + x];
+    };
+    for (int c = 0; c < 3; ++c)
+      for (int y = 0; y < S; ++y)
+        for (int x = 0; x < S; ++x) {
+          const size_t i = size_t(y) * S + x, plane = size_t(S) * S;
+          auto dxx = [&](int yy) { return at(c, yy, x - 1) - 2 * at(c, yy, x) + at(c, yy, x + 1); };
+          tip[c * plane + i] = at(c, y, x);
+          tip[(3 + c) * plane + i] = dxx(y);
+          tip[(6 + c) * plane + i] = at(c, y - 1, x) - 2 * at(c, y, x) + at(c, y + 1, x);
+          tip[(9 + c) * plane + i] = dxx(y - 1) - 2 * dxx(y) + dxx(y + 1);
+        }
+  }
+  static float centre(int i, int n) { return (2.f * float(i) + 1.f) / float(n) - 1.f; }
+  // Bilinear sample of plane ch at pixel position (px, py), border padding.
+  double sample(int ch, double px, double py) const {
+    px = std::clamp(px, 0.0, double(S - 1)), py = std::clamp(py, 0.0, double(S - 1));
+    const int x0 = int(std::floor(px)), y0 = int(std::floor(py));
+    const int x1 = std::min(x0 + 1, S - 1), y1 = std::min(y0 + 1, S - 1);
+    const double fx = px - x0, fy = py - y0;
+    const float* p = &tip[size_t(ch) * S * S];
+    return (1 - fy) * ((1 - fx) * p[y0 * S + x0] + fx * p[y0 * S + x1]) +
+           fy * ((1 - fx) * p[y1 * S + x0] + fx * p[y1 * S + x1]);
+  }
+  // The warped, second-order corrected image for keypoints ks -> kd.
+  std::vector<double> run(const std::vector<float>& ks, const std::vector<float>& kd, double sigma) const {
+    std::vector<double> out(size_t(3) * S * S);
+    for (int y = 0; y < S; ++y)
+      for (int x = 0; x < S; ++x) {
+        const double bx = centre(x, S), by = centre(y, S);
+        double wsum = 0, dx = 0, dy = 0;
+        for (int k = 0; k < 21; ++k) {
+          const double ox = bx - kd[3 * k], oy = by - kd[3 * k + 1];
+          const double w = std::exp(-(ox * ox + oy * oy) / (2 * sigma * sigma));
+          wsum += w;
+          dx += w * (ks[3 * k] - kd[3 * k]);
+          dy += w * (ks[3 * k + 1] - kd[3 * k + 1]);
+        }
+        const double gx = bx + dx / std::max(wsum, 1.0), gy = by + dy / std::max(wsum, 1.0);
+        const double px = ((gx + 1) * S - 1) * 0.5, py = ((gy + 1) * S - 1) * 0.5;
+        const double tx = px - std::floor(px), ty = py - std::floor(py);
+        const double ax = (1 - tx) * tx * 0.5, ay = (1 - ty) * ty * 0.5;
+        for (int c = 0; c < 3; ++c)
+          out[(size_t(c) * S + y) * S + x] = sample(c, px, py) - ax * sample(3 + c, px, py) -
+                                             ay * sample(6 + c, px, py) +
+                                             ax * ay * sample(9 + c, px, py);
+      }
+    return out;
+  }
+};
+
+// Outside the compose ellipse the crop is the clipped warp; inside it the warp is blended with
+// a head term that does not depend on the keypoints, so two renders must agree on that term.
+TEST_F(RendererTest, CropMatchesPlainLoopWarp) {
+  const le::forge::Params p = smallBundle();
+  const int S = p.crop, si = 2;
+  const std::vector<float> P = widenFile(le::resolveMember(*dir_, "P.f16"), si, size_t(3) * S * S);
+  const Warp warp(P, S);
+  const std::vector<float> ks = le::forge::keypoints(p, si);
+  std::vector<float> kdA = ks, kdB = ks;
+  for (int k = 0; k < 21; ++k) {
+    kdA[3 * k] += 0.04f * std::sin(float(k)), kdA[3 * k + 1] += 0.05f * std::cos(float(3 * k));
+    kdB[3 * k + 1] += 0.03f * float(k % 3) - 0.02f;
+  }
+  const le::forge::DirectorGraphOptions gopt;
+
+  Ctx ctx(*dir_, "b1", 2, "");
+  std::vector<std::vector<float>> crops;
+  for (const auto* kd : {&kdA, &kdB}) {
+    const float* c = le_render_kp_crop(ctx.c, si, ks.data(), kd->data());
+    ASSERT_NE(c, nullptr) << le_last_error();
+    crops.emplace_back(c, c + size_t(3) * S * S);
+  }
+  const std::vector<double> wA = warp.run(ks, kdA, gopt.sigma), wB = warp.run(ks, kdB, gopt.sigma);
+  double worstOut = 0, worstIn = 0;
+  int outside = 0, inside = 0;
+  for (int y = 0; y < S; ++y)
+    for (int x = 0; x < S; ++x) {
+      const double u = Warp::centre(x, S) / 0.45, v = (Warp::centre(y, S) - 0.42) / 0.3;
+      const double alpha = std::clamp(3 * (1 - u * u - v * v), 0.0, 1.0);
+      for (int c = 0; c < 3; ++c) {
+        const size_t i = (size_t(c) * S + y) * S + x;
+        const double a = wA[i], b = wB[i];
+        if (alpha == 0) {
+          worstOut = std::max(worstOut, std::fabs(crops[0][i] - std::clamp(a, 0.0, 1.0)));
+          worstOut = std::max(worstOut, std::fabs(crops[1][i] - std::clamp(b, 0.0, 1.0)));
+          ++outside;
+        } else if (alpha > 0.2) {
+          const double headA = (crops[0][i] - alpha * a - (1 - alpha) * std::clamp(a, 0.0, 1.0)) / alpha;
+          const double headB = (crops[1][i] - alpha * b - (1 - alpha) * std::clamp(b, 0.0, 1.0)) / alpha;
+          worstIn = std::max(worstIn, std::fabs(headA - headB));
+          ++inside;
+        }
+      }
+    }
+  EXPECT_GT(outside, 3 * S * S / 2);
+  EXPECT_GT(inside, 30);
+  EXPECT_LT(worstOut, 1e-4);
+  EXPECT_LT(worstIn, 5e-4);
+  // The keypoints moved something: the two renders differ.
+  double moved = 0;
+  for (size_t i = 0; i < crops[0].size(); ++i) moved = std::max(moved, double(std::fabs(crops[0][i] - crops[1][i])));
+  EXPECT_GT(moved, 0.05);
+}
+
+TEST_F(RendererTest, GridSampleFastMatchesOrtGridSample) {
+  const le::forge::Params p = smallBundle();
+  std::vector<float> ks = le::forge::keypoints(p, 1), kd = ks;
+  for (int k = 0; k < 21; ++k) kd[3 * k + 1] += 0.06f * std::sin(float(k));
+  std::vector<float> fast, standard;
+  {
+    Ctx ctx(*dir_, "b1", 2, "");
+    const float* c = le_render_kp_crop(ctx.c, 1, ks.data(), kd.data());
+    ASSERT_NE(c, nullptr) << le_last_error();
+    fast.assign(c, c + size_t(3) * p.crop * p.crop);
+  }
+  {
+    EnvVar off("LE_GS_REWRITE", "0");
+    Ctx ctx(*dir_, "b1", 2, "");
+    const float* c = le_render_kp_crop(ctx.c, 1, ks.data(), kd.data());
+    ASSERT_NE(c, nullptr) << le_last_error();
+    standard.assign(c, c + size_t(3) * p.crop * p.crop);
+  }
+  double worst = 0;
+  for (size_t i = 0; i < fast.size(); ++i) worst = std::max(worst, double(std::fabs(fast[i] - standard[i])));
+  EXPECT_LT(worst, 1e-4);
+}
+
+// The batched member renders each frame as the single-frame member does.
+TEST_F(RendererTest, BatchedMemberAgreesWithSingleFrames) {
+  Loaded l(*dir_);
+  const le::forge::Params p = smallBundle();
+  le::Renderer one(l.manifest, *l.identity, "b1", 2, "");
+  le::Renderer four(l.manifest, *l.identity, "b4", 2, "");
+  ASSERT_EQ(one.batch(), 1);
+  ASSERT_EQ(four.batch(), 4);
+  const size_t plane = size_t(3) * p.crop * p.crop;
+  std::vector<float> ks, kd;
+  const int32_t si[3] = {3, 1, 0};
+  for (int k = 0; k < 3; ++k) {
+    std::vector<float> x = le::forge::keypoints(p, si[k]), y = x;
+    for (int j = 0; j < 21; ++j) y[3 * j + 1] += 0.02f * float(k + 1);
+    ks.insert(ks.end(), x.begin(), x.end());
+    kd.insert(kd.end(), y.begin(), y.end());
+  }
+  const float* batched = four.render(si, ks.data(), kd.data(), 3);
+  std::vector<float> all(batched, batched + 4 * plane);
+  double worst = 0;
+  for (int k = 0; k < 3; ++k) {
+    const float* single = one.render(&si[k], &ks[63 * k], &kd[63 * k], 1);
+    for (size_t i = 0; i < plane; ++i) worst = std::max(worst, double(std::fabs(single[i] - all[k * plane + i])));
+  }
+  EXPECT_LT(worst, 1e-4);
+  EXPECT_EQ(0, std::memcmp(&all[3 * plane], &all[2 * plane], plane * sizeof(float)));
+}
+
+}  // namespace
