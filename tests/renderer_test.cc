@@ -478,9 +478,10 @@ TEST_F(RendererTest, RgbaAndPasteLast) {
   }
 
   // A drive frame is pasted into the full frame of its own source index.
-  const int i = 3;
   const std::vector<int32_t> si = le::forge::driveIndices(p);
-  ASSERT_NE(si[i], i);
+  int i = 0;
+  while (i < p.frames && si[i] == i) ++i;
+  ASSERT_LT(i, p.frames);
   ASSERT_EQ(le_render_drive_rgba(ctx.c, i, out.data(), rgba), 1) << le_last_error();
   const float* crop = le_render_drive_crop(ctx.c, i);
   ASSERT_NE(crop, nullptr);

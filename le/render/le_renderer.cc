@@ -316,7 +316,7 @@ void Renderer::Impl::bindTensors() {
       throw std::runtime_error("FeatSynth graph but bundle lacks fs_red.f16");
     fsRed.assign(b * fsRedElems, 0.f);
   } else {
-    if (!identity->hasP() && !identity->hasPriorVideo())
+    if (!identity->hasP() && identity->priorPath().empty())
       throw std::runtime_error(
           "m4b graph (P_rgb input) but this bundle carries no warp prior: neither P.f16, nor "
           "fs_red.f16, nor a P_hevc.mov to play in place is present, so le::Identity mapped "
@@ -434,7 +434,7 @@ const float* Renderer::render(const int32_t* sourceIdx, const float* kpSource,
                               const float* kpDriving, int n) {
   Impl& m = *impl_;
   if (n < 1 || n > m.batch) throw std::runtime_error("render: bad n");
-  const int nt = m.identity->NT();
+  const int nt = m.identity->NT;
   for (int k = 0; k < n; ++k) {
     if (sourceIdx[k] < 0 || sourceIdx[k] >= nt)
       throw std::runtime_error("render: source index " + std::to_string(sourceIdx[k]) +
