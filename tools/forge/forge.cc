@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "le/le_simd.h"
+#include "tools/forge/director_members.h"
 #include "tools/forge/forge_movie.h"
 
 
@@ -376,6 +377,8 @@ Result forgeBundle(const std::string& dir, const Params& p) {
 
   writeDriveMedia(p, w);
   for (const Member& m : p.extraMembers) w.put(m.name, m.bytes);
+  if (p.directors)
+    for (const Member& m : directorMembers(p)) w.put(m.name, m.bytes);
   return r;
 }
 

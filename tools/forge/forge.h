@@ -84,6 +84,8 @@ struct Params {
   // extra top-level manifest entries, appended as "key": value (value is raw JSON text)
   std::vector<std::pair<std::string, std::string>> manifestExtra;
   std::vector<Member> extraMembers;
+  // also write the director models (director_members.h): b1, b4, FeatSynth and heavy
+  bool directors = false;
   // pictures and encoders
   uint32_t seed = 1;
   int jpegQuality = 92;

@@ -62,5 +62,6 @@ int cmdForge(const std::vector<std::string>& argv);
 int cmdPack(const std::vector<std::string>& argv);
 int cmdInfo(const std::vector<std::string>& argv);
 int cmdPaste(const std::vector<std::string>& argv);
+int cmdFrame(const std::vector<std::string>& argv);
 
 }  // namespace le::cli

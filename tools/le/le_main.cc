@@ -24,6 +24,7 @@ const Command kCommands[] = {
     {"info", le::cli::cmdInfo, "what the engine sees in a bundle"},
     {"pack", le::cli::cmdPack, "pack a bundle directory into a container"},
     {"paste", le::cli::cmdPaste, "paste the prior crops into the drive frames, write an MP4"},
+    {"frame", le::cli::cmdFrame, "render one frame with the director and write it as PNG"},
 };
 
 void usage(FILE* out) {
