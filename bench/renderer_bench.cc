@@ -71,7 +71,7 @@ void BM_Render(benchmark::State& state, const char* key) {
   le::Renderer r(l.manifest, l.identity, key, 2, "");
   const int b = r.batch();
   std::vector<float> ks, kd, kss, kds;
-  std::vector<int32_t> si(size_t(b));
+  std::vector<int32_t> si(static_cast<size_t>(b));
   for (int k = 0; k < b; ++k) {
     si[size_t(k)] = k % l.manifest.NT;
     keypointsOf(si[size_t(k)], ks, kd);
