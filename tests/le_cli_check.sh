@@ -35,7 +35,7 @@ expect 2 "unknown command" -- "$le" frobnicate
 one_line_error "le: " "unknown command 'frobnicate'"
 expect 0 "top-level help" -- "$le" --help
 stdout_has "forge"
-for cmd in forge info pack paste; do
+for cmd in forge info pack paste frame; do
   if grep -q "^  $cmd " "$tmp/out"; then
     expect 0 "$cmd --help" -- "$le" "$cmd" --help
     stdout_has "usage: le $cmd"
@@ -69,6 +69,16 @@ stdout_has "(unwrapped container)"
 expect 1 "pack a missing directory" -- "$le" pack "$tmp/nothing" "$tmp/x.imx"
 one_line_error "le pack: " "is not a directory"
 expect 2 "pack with one argument" -- "$le" pack "$tmp/b"
+
+expect 0 "frame of a drive frame" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --drive 1
+[ -s "$tmp/f.png" ] || { echo "FAIL: frame wrote no PNG"; fails=$((fails + 1)); }
+expect 0 "frame with the mouth opened" -- "$le" frame "$tmp/b" -o "$tmp/g.png" --si 0 --open 0.6
+expect 2 "frame without an output" -- "$le" frame "$tmp/b"
+one_line_error "le frame: " "wants -o OUT.png"
+expect 2 "frame with --drive and --si" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --drive 0 --si 0
+one_line_error "le frame: " "exclude each other"
+expect 1 "frame with a missing director" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --model nosuch
+grep -qF "le frame: le_render_kp_crop: Renderer: cannot open " "$tmp/err" || { echo "FAIL: missing director not named"; fails=$((fails + 1)); }
 
 expect 0 "forge a broken bundle" -- "$le" forge "$tmp/bad" "${small[@]}" --break manifest-duplicate-w
 expect 1 "info refuses an ambiguous manifest" -- "$le" info "$tmp/bad"
