@@ -100,6 +100,24 @@ LE_API int le_prior_row(le_prior* prior, int row, uint16_t* out, size_t cap);
 /* Stops the handle's decoder and releases it (null is ignored). */
 LE_API void le_prior_close(le_prior* prior);
 
+/* Renders the face crop of source frame si (0 <= si < NT) from the source keypoints xs and
+ * the driven keypoints xd (63 floats each, read during the call). The director is loaded on the
+ * first render. Returns three planes (R, G, B) of crop*crop floats, owned by the context and
+ * valid until its next render; null on failure, with le_last_error() set. */
+LE_API const float* le_render_kp_crop(le_ctx* ctx, int si, const float* xs, const float* xd);
+/* As le_render_kp_crop with drive frame i (0 <= i < drive frames): its source index and its
+ * rows of the drive track's keypoints. Same ownership. */
+LE_API const float* le_render_drive_crop(le_ctx* ctx, int i);
+/* Pastes the last rendered crop into full frame si. Returns W*H*3 RGB bytes owned by the
+ * context, valid until its next le_paste_last; null on failure (also before any render). */
+LE_API const uint8_t* le_paste_last(le_ctx* ctx, int si);
+/* le_render_kp_crop, then le_paste_last(si) written to out as RGBA with alpha 255: out is
+ * caller-owned, out_bytes >= W*H*4. Returns 1, or 0 (a null ctx stores no message). */
+LE_API int le_render_kp_rgba(le_ctx* ctx, int si, const float* xs, const float* xd, uint8_t* out,
+                             size_t out_bytes);
+/* le_render_drive_crop(i), pasted into the full frame of frame i's source index, as RGBA. */
+LE_API int le_render_drive_rgba(le_ctx* ctx, int i, uint8_t* out, size_t out_bytes);
+
 #ifdef __cplusplus
 }  /* extern "C" */
 #endif

@@ -3,6 +3,7 @@
 
 #include "le/le_capi.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -11,6 +12,7 @@
 #include "le/le_error.h"
 #include "le/le_imx.h"
 #include "le/le_pool.h"
+#include "le/render/le_renderer.h"
 
 namespace le::err {
 
@@ -176,5 +178,98 @@ LE_API int le_prior_row(le_prior* prior, int row, uint16_t* out, size_t cap) {
 }
 
 LE_API void le_prior_close(le_prior* prior) { delete prior; }
+
+}  // extern "C"
+
+// ---- rendering entry points --------------------------------------------------------------------
+
+namespace le {
+
+Renderer& ensureRenderer(le_ctx& c) {
+  if (c.renderer) return *c.renderer;
+  int intra = c.n_threads;
+  if (!c.threads_explicit && c.ep.empty()) {
+    intra = std::min(c.n_threads, 2);
+    std::fprintf(stderr,
+                 "[le] director intra-op %d of pool %d: the caller did not choose, the core sized "
+                 "it for the le_utt pipeline\n",
+                 intra, c.n_threads);
+  }
+  auto made = std::make_unique<Renderer>(c.manifest, c.identity, c.model_key, intra, c.ep);
+  c.renderer = {made.release(), [](Renderer* r) { delete r; }};
+  return *c.renderer;
+}
+
+}  // namespace le
+
+namespace {
+
+// The RGBA step shared by the two RGBA entry points: paste the last crop, widen to RGBA.
+int pasteLastRgba(le_ctx* ctx, int si, uint8_t* out, size_t out_bytes) {
+  const size_t pixels = static_cast<size_t>(ctx->manifest.W) * static_cast<size_t>(ctx->manifest.H);
+  LE_CHECK_ARG(out && out_bytes >= pixels * 4, le::err::Family::Ctx,
+               "le_render_*_rgba: out buffer too small", 0);
+  const uint8_t* rgb = le_paste_last(ctx, si);
+  if (!rgb) return 0;
+  for (size_t p = 0; p < pixels; ++p) {
+    out[4 * p + 0] = rgb[3 * p + 0];
+    out[4 * p + 1] = rgb[3 * p + 1];
+    out[4 * p + 2] = rgb[3 * p + 2];
+    out[4 * p + 3] = 255;
+  }
+  return 1;
+}
+
+}  // namespace
+
+extern "C" {
+
+LE_API const float* le_render_kp_crop(le_ctx* ctx, int si, const float* xs, const float* xd) {
+  using le::err::Family;
+  le::err::clear(Family::Ctx);
+  LE_CHECK_ARG(ctx && xs && xd && si >= 0 && si < ctx->manifest.NT, Family::Ctx,
+               "le_render_kp_crop: bad args", nullptr);
+  return le::err::guard(Family::Ctx, "le_render_kp_crop", static_cast<const float*>(nullptr), [&] {
+    const int32_t idx = si;
+    const float* crop = le::ensureRenderer(*ctx).render(&idx, xs, xd, 1);
+    ctx->last_crop = crop;
+    return crop;
+  });
+}
+
+LE_API const float* le_render_drive_crop(le_ctx* ctx, int i) {
+  using le::err::Family;
+  le::err::clear(Family::Ctx);
+  LE_CHECK_ARG(ctx && i >= 0 && i < ctx->drive.frames, Family::Ctx,
+               "le_render_drive_crop: bad frame index", nullptr);
+  const size_t row = static_cast<size_t>(i) * 3 * le::kHostKpRows;
+  return le_render_kp_crop(ctx, ctx->drive.si[static_cast<size_t>(i)], ctx->drive.xs.data() + row,
+                           ctx->drive.xd.data() + row);
+}
+
+LE_API const uint8_t* le_paste_last(le_ctx* ctx, int si) {
+  using le::err::Family;
+  le::err::clear(Family::Ctx);
+  LE_CHECK_ARG(ctx && ctx->last_crop && si >= 0 && si < ctx->manifest.NT, Family::Ctx,
+               "le_paste_last: bad args / no prior render", nullptr);
+  return le::err::guard(Family::Ctx, "le_paste_last", static_cast<const uint8_t*>(nullptr), [&] {
+    uint8_t* out = ctx->frame.data();
+    ctx->cursor->pullAt(si, out);
+    ctx->paste->composite(ctx->last_crop, 255.0f, ctx->identity.M(si), out, ctx->manifest.W,
+                          ctx->manifest.H);
+    return static_cast<const uint8_t*>(out);
+  });
+}
+
+LE_API int le_render_kp_rgba(le_ctx* ctx, int si, const float* xs, const float* xd, uint8_t* out,
+                             size_t out_bytes) {
+  if (!ctx || !le_render_kp_crop(ctx, si, xs, xd)) return 0;
+  return pasteLastRgba(ctx, si, out, out_bytes);
+}
+
+LE_API int le_render_drive_rgba(le_ctx* ctx, int i, uint8_t* out, size_t out_bytes) {
+  if (!ctx || !le_render_drive_crop(ctx, i)) return 0;
+  return pasteLastRgba(ctx, ctx->drive.si[static_cast<size_t>(i)], out, out_bytes);
+}
 
 }  // extern "C"

@@ -52,6 +52,10 @@ struct le_prior {
 };
 
 namespace le {
+// The context's renderer, built on first use with the context's threads and ep (no lock: calls on
+// one context never overlap). Throws what the renderer's construction throws and leaves it null.
+Renderer& ensureRenderer(le_ctx& c);
+
 // The paste mask of a bundle: exactly crop*crop bytes from the start of "mask_512.u8" (or its
 // newer name). Throws "mask read failed" when the member is missing or shorter.
 std::vector<uint8_t> readPasteMask(const Manifest& m);
