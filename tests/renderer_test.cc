@@ -23,6 +23,7 @@
 #include "le/le_pool.h"
 #include "le/render/graph_rewrites.h"
 #include "le/render/le_ort.h"
+#include "tests/support/media.h"
 #include "tools/forge/director_graph.h"
 #include "tools/forge/director_members.h"
 #include "tools/forge/forge.h"
@@ -41,6 +42,7 @@ using ::testing::StartsWith;
 namespace {
 
 using le::forge::Attr;
+using le::testmedia::ScopedEnv;
 using le::forge::OnnxBuilder;
 using le::forge::Shape;
 
@@ -52,30 +54,6 @@ std::string scratch(const std::string& name) {
   fs::remove_all(p);
   return p.string();
 }
-
-// Sets (or unsets, with null) an environment variable for one scope.
-class EnvVar {
- public:
-  EnvVar(const char* name, const char* value) : name_(name) {
-    const char* old = std::getenv(name);
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  }
-  ~EnvVar() {
-    if (had_)
-      setenv(name_.c_str(), old_.c_str(), 1);
-    else
-      unsetenv(name_.c_str());
-  }
-
- private:
-  std::string name_, old_;
-  bool had_ = false;
-};
 
 float halfBits(uint16_t h) {
   const uint32_t sign = (h & 0x8000u) << 16;
@@ -345,7 +323,7 @@ TEST_F(RendererTest, ProfileLinesAtDestruction) {
   model("prof", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
   const std::string prefix = scratch("renderer_profile");
   fs::create_directories(prefix);
-  EnvVar env("LE_ORT_PROFILE", (prefix + "/run").c_str());
+  ScopedEnv env("LE_ORT_PROFILE", (prefix + "/run").c_str());
   std::vector<float> kp(63, 0.f);
   const int32_t si = 1;
   ::testing::internal::CaptureStderr();
@@ -372,7 +350,7 @@ TEST_F(RendererTest, GridSampleSwitches) {
   ASSERT_GT(le::rewriteGridSampleToFast(baked), 0u);
   model("baked", baked);
   {
-    EnvVar off("LE_GS_FAST", "0");
+    ScopedEnv off("LE_GS_FAST", "0");
     EXPECT_EQ(refusal([&] { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }),
               "Renderer: LE_GS_FAST=0 (or VANTORIX_TAMSINE2_GRIDSAMPLE_FAST=0, which sets it) was "
               "asked for, but " +
@@ -389,7 +367,7 @@ TEST_F(RendererTest, GridSampleSwitches) {
     EXPECT_THAT(::testing::internal::GetCapturedStderr(), Not(HasSubstr("GridSampleFast load-time rewrite")));
   }
   {
-    EnvVar norewrite("LE_GS_REWRITE", "0");
+    ScopedEnv norewrite("LE_GS_REWRITE", "0");
     ::testing::internal::CaptureStderr();
     { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }
     const std::string err = ::testing::internal::GetCapturedStderr();
@@ -621,7 +599,7 @@ TEST_F(RendererTest, GridSampleFastMatchesOrtGridSample) {
     fast.assign(c, c + size_t(3) * p.crop * p.crop);
   }
   {
-    EnvVar off("LE_GS_REWRITE", "0");
+    ScopedEnv off("LE_GS_REWRITE", "0");
     Ctx ctx(*dir_, "b1", 2, "");
     const float* c = le_render_kp_crop(ctx.c, 1, ks.data(), kd.data());
     ASSERT_NE(c, nullptr) << le_last_error();

@@ -159,16 +159,31 @@ std::vector<uint8_t> forgeDirectorGraph(const DirectorGraphOptions& opt) {
       base[(size_t(y) * S + x) * 2 + 1] = centre(y, S);
     }
   const std::string basePts = b.init("/warp/base", {1, P, 1, 2}, base);
+  // With opt.motion the smooth displacement field is computed on a coarse grid of motion x motion
+  // pixel centres and resized to the crop, as real directors do with their dense motion, rather
+  // than weighing every keypoint at every crop pixel.
+  const int M = opt.motion > 0 && opt.motion < S ? opt.motion : S;
+  const int64_t PM = int64_t(M) * M;
+  std::string fieldPts = basePts;
+  if (M != S) {
+    std::vector<float> coarse(size_t(PM) * 2);
+    for (int y = 0; y < M; ++y)
+      for (int x = 0; x < M; ++x) {
+        coarse[(size_t(y) * M + x) * 2] = centre(x, M);
+        coarse[(size_t(y) * M + x) * 2 + 1] = centre(y, M);
+      }
+    fieldPts = b.init("/warp/motion_base", {1, PM, 1, 2}, coarse);
+  }
   const std::string kdRow = b.op("Reshape", {kd, i64("/warp/kd_shape", {B, 1, K, 2})});
-  const std::string off = b.op("Sub", {basePts, kdRow});  // [B, P, K, 2]
+  const std::string off = b.op("Sub", {fieldPts, kdRow});  // [B, PM, K, 2]
   const std::string d2 = b.op("ReduceSum", {b.op("Mul", {off, off}), i64("/warp/axis3", {3})},
                               {Attr::i("keepdims", 0)});
   const float k = -1.f / (2.f * opt.sigma * opt.sigma);
-  const std::string w = b.op("Exp", {b.op("Mul", {d2, scalar("/warp/neg_inv_2s2", k)})});  // [B, P, K]
+  const std::string w = b.op("Exp", {b.op("Mul", {d2, scalar("/warp/neg_inv_2s2", k)})});  // [B, PM, K]
   std::string blend, wsum;
   if (B == 1) {
     // The student's blend: one 2-D product, which a Gemm computes alike.
-    const std::string w2 = b.op("Reshape", {w, i64("/warp/w_shape", {P, K})});
+    const std::string w2 = b.op("Reshape", {w, i64("/warp/w_shape", {PM, K})});
     const std::string delta2 = b.op("Reshape", {delta, i64("/warp/delta_shape", {K, 2})});
     blend = b.node("MatMul", {w2, delta2}, {"/s2/blend_out"}, {}, "/s2/blend");
     wsum = b.op("ReduceSum", {w2, i64("/warp/axis1", {1})}, {Attr::i("keepdims", 1)});
@@ -178,8 +193,14 @@ std::vector<uint8_t> forgeDirectorGraph(const DirectorGraphOptions& opt) {
   }
   // Normalised only where keypoints crowd: a lone keypoint moves its neighbourhood fully.
   const std::string disp = b.op("Div", {blend, b.op("Max", {wsum, scalar("/warp/one", 1.f)})});
-  const std::string grid = b.op("Add", {b.op("Reshape", {basePts, i64("/warp/grid_shape", {1, S, S, 2})}),
-                                        b.op("Reshape", {disp, i64("/warp/disp_shape", {B, S, S, 2})})},
+  std::string field = b.op("Reshape", {disp, i64("/warp/disp_shape", {B, M, M, 2})});
+  if (M != S) {
+    const std::string planes = b.op("Transpose", {field}, {Attr::ints("perm", {0, 3, 1, 2})});
+    const std::string up = b.op("Resize", {planes, "", "", i64("/warp/motion_sizes", {B, 2, S, S})},
+                                {Attr::s("mode", "linear"), Attr::s("coordinate_transformation_mode", "half_pixel")});
+    field = b.op("Transpose", {up}, {Attr::ints("perm", {0, 2, 3, 1})});
+  }
+  const std::string grid = b.op("Add", {b.op("Reshape", {basePts, i64("/warp/grid_shape", {1, S, S, 2})}), field},
                                 {}, "", "/warp/grid");
 
   // ---- warp: the source cone, one GridSample at its tip, the second-order recombination ---------

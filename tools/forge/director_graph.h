@@ -38,6 +38,9 @@ struct DirectorGraphOptions {
   int batch = 1;   // frames per run
   DirectorVariant variant = DirectorVariant::Standard;
   float sigma = 0.09f;  // reach of a keypoint's displacement, in normalised units
+  // Edge of a coarse grid for the displacement field, resized (bilinear) to larger crops; 0
+  // computes it at every crop pixel.
+  int motion = 0;
 };
 
 std::vector<uint8_t> forgeDirectorGraph(const DirectorGraphOptions& opt = {});

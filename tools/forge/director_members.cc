@@ -112,10 +112,6 @@ void putDecl(std::vector<uint8_t>& g, uint32_t field, const Decl& d) {
   gsPutTensorValueInfo(g, field, d.name, d.dims.data(), static_cast<int>(d.dims.size()));
 }
 
-void putI64(std::vector<uint8_t>& g, const std::string& name, const std::vector<int64_t>& v) {
-  hcInit(g, name, f::kDataInt64, {static_cast<int64_t>(v.size())}, v.data(), v.size() * sizeof(int64_t));
-}
-
 // The model with its graph replaced; every other model field keeps its bytes.
 std::vector<uint8_t> withGraph(GsSlice model, const std::vector<uint8_t>& graph) {
   std::vector<uint8_t> out;
@@ -154,50 +150,11 @@ struct Lcg {
 
 const Rename kSame = [](const std::string& v) { return v; };
 
-}  // namespace
+// The displacement field's grid in bundle directors: the cost of a frame stays that of a real
+// director's dense motion at any crop.
+constexpr int kMotionGrid = 64;
 
-std::vector<uint8_t> batchDirector(const std::vector<uint8_t>& b1, int batch) {
-  if (batch < 1) throw std::runtime_error("batchDirector: batch must be positive");
-  const Parts p = split(b1);
-  std::vector<uint8_t> g;
-  const std::string axis0 = "/batch/axis0";
-  putI64(g, axis0, {0});
-  auto frame = [](const std::string& v, int b) { return v + "/b" + std::to_string(b); };
-  for (int b = 0; b < batch; ++b) {
-    const std::string s = "/batch/s" + std::to_string(b), e = "/batch/e" + std::to_string(b);
-    putI64(g, s, {b});
-    putI64(g, e, {b + 1});
-    for (const Decl& in : p.inputs)
-      hcNode(g, "Slice", {in.name, s, e, axis0}, frame(in.name, b), frame("/batch/slice_" + in.name, b), {});
-  }
-  for (int b = 0; b < batch; ++b) {
-    const Rename value = [&](const std::string& v) {
-      return v.empty() || p.initNames.count(v) ? v : frame(v, b);
-    };
-    // Node names must stay unique, so only frame 0 keeps them (the student blend's name is what
-    // its load-time normalisation matches).
-    const Rename name = [&](const std::string& v) { return b == 0 ? v : frame(v, b); };
-    for (GsSlice n : p.nodes) putNode(g, n, value, name);
-  }
-  for (const Decl& out : p.outputs) {
-    std::vector<uint8_t> attrs;
-    hcAttrI(attrs, "axis", 0);
-    std::vector<std::string> parts;
-    for (int b = 0; b < batch; ++b) parts.push_back(frame(out.name, b));
-    hcNode(g, "Concat", parts, out.name, "/batch/concat_" + out.name, attrs);
-  }
-  for (GsSlice o : p.others) gsPutRaw(g, o);
-  for (GsSlice i : p.inits) gsPutBytes(g, f::kGraphInitializer, i.p, i.n);
-  for (Decl d : p.inputs) {
-    if (!d.dims.empty()) d.dims[0] = batch;
-    putDecl(g, f::kGraphInput, d);
-  }
-  for (Decl d : p.outputs) {
-    if (!d.dims.empty()) d.dims[0] = batch;
-    putDecl(g, f::kGraphOutput, d);
-  }
-  return withGraph(b1, g);
-}
+}  // namespace
 
 std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int layers) {
   const std::string base = "/heavy_base";
@@ -286,13 +243,14 @@ std::vector<uint8_t> featSynthDirector(const std::vector<uint8_t>& b1, int crop)
 std::vector<Member> directorMembers(const Params& p, const DirectorMemberOptions& o) {
   DirectorGraphOptions gopt;
   gopt.crop = p.crop;
+  gopt.motion = kMotionGrid;
   const std::vector<uint8_t> b1 = forgeDirectorGraph(gopt);
+  gopt.batch = o.batch;
   const bool alt = p.alternativeNames;
-  const std::string b = std::to_string(o.batch);
   std::vector<Member> m;
   m.push_back({alt ? "render_model.batch1.onnx" : "model_b1.onnx", b1});
   // The batched member always carries its newer name, so resolution is exercised either way.
-  m.push_back({"render_model.batch" + b + ".onnx", batchDirector(b1, o.batch)});
+  m.push_back({"render_model.batch" + std::to_string(o.batch) + ".onnx", forgeDirectorGraph(gopt)});
   if (o.featSynth)
     m.push_back({alt ? "render_model.batch1.fs.onnx" : "model_b1_fs.onnx", featSynthDirector(b1, p.crop)});
   if (o.heavy)

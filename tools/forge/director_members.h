@@ -1,8 +1,9 @@
 // Director members of forged bundles: the forged director graph in the forms and variants the
-// renderer loads, derived from the batch-1 standard graph by graph surgery on its bytes.
+// renderer loads; the FeatSynth and heavy forms are derived from the batch-1 standard graph by
+// surgery on its bytes.
 //
 //   "model_b1.onnx"        standard form, batch 1
-//   "model_b4.onnx"        the same director run on 4 frames per call, written under its
+//   "model_b4.onnx"        the same director on 4 frames per call, written under its
 //                          alternative name "render_model.batch4.onnx"
 //   "model_b1_fs.onnx"     FeatSynth form: "fs_red", "pooled", "kd", "ks" in, "rgb" out; the warp
 //                          prior is decoded from "fs_red" inside the graph
@@ -17,10 +18,6 @@
 #include "tools/forge/forge.h"
 
 namespace le::forge {
-
-// The batch-B form of a batch-1 director: each input is sliced per frame, the graph runs once
-// per frame on its slice (initializers shared), and the frames' outputs are concatenated.
-std::vector<uint8_t> batchDirector(const std::vector<uint8_t>& b1, int batch);
 
 // Adds `layers` 3x3 convolutions at 64 channels (on the pooled features upsampled to 64x64)
 // whose result joins "rgb" with a small weight.
