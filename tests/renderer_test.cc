@@ -587,27 +587,36 @@ TEST_F(RendererTest, CropMatchesPlainLoopWarp) {
   EXPECT_GT(moved, 0.05);
 }
 
-TEST_F(RendererTest, GridSampleFastMatchesOrtGridSample) {
+// GridSampleFast, ONNX Runtime's own GridSample (LE_GS_REWRITE=0) and the whole warp block as
+// one WarpDirector node (LE_WARP_NODE=1) render the same crop.
+TEST_F(RendererTest, WarpKernelsAgree) {
   const le::forge::Params p = smallBundle();
   std::vector<float> ks = le::forge::keypoints(p, 1), kd = ks;
   for (int k = 0; k < 21; ++k) kd[3 * k + 1] += 0.06f * std::sin(float(k));
-  std::vector<float> fast, standard;
-  {
+  auto render = [&](const char* var, const char* value, std::string* err) {
+    ScopedEnv env(var, value);
     Ctx ctx(*dir_, "b1", 2, "");
+    ::testing::internal::CaptureStderr();
     const float* c = le_render_kp_crop(ctx.c, 1, ks.data(), kd.data());
-    ASSERT_NE(c, nullptr) << le_last_error();
-    fast.assign(c, c + size_t(3) * p.crop * p.crop);
-  }
-  {
-    ScopedEnv off("LE_GS_REWRITE", "0");
-    Ctx ctx(*dir_, "b1", 2, "");
-    const float* c = le_render_kp_crop(ctx.c, 1, ks.data(), kd.data());
-    ASSERT_NE(c, nullptr) << le_last_error();
-    standard.assign(c, c + size_t(3) * p.crop * p.crop);
-  }
-  double worst = 0;
-  for (size_t i = 0; i < fast.size(); ++i) worst = std::max(worst, double(std::fabs(fast[i] - standard[i])));
-  EXPECT_LT(worst, 1e-4);
+    *err = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(c, nullptr) << le_last_error();
+    return c ? std::vector<float>(c, c + size_t(3) * p.crop * p.crop) : std::vector<float>();
+  };
+  auto worst = [](const std::vector<float>& a, const std::vector<float>& b) {
+    double w = a.size() == b.size() ? 0 : 1e9;
+    for (size_t i = 0; i < a.size() && i < b.size(); ++i) w = std::max(w, double(std::fabs(a[i] - b[i])));
+    return w;
+  };
+  std::string err;
+  const std::vector<float> fast = render("LE_GS_REWRITE", nullptr, &err);
+  EXPECT_THAT(err, HasSubstr("GridSampleFast load-time rewrite: 1 node(s)"));
+  const std::vector<float> standard = render("LE_GS_REWRITE", "0", &err);
+  EXPECT_THAT(err, Not(HasSubstr("GridSampleFast load-time rewrite")));
+  EXPECT_LT(worst(fast, standard), 1e-4);
+  const std::vector<float> warpNode = render("LE_WARP_NODE", "1", &err);
+  EXPECT_THAT(err, HasSubstr("[le] director warp -> com.vantorix::WarpDirector ("));
+  EXPECT_THAT(err, Not(HasSubstr("GridSampleFast load-time rewrite")));
+  EXPECT_LT(worst(fast, warpNode), 1e-4);
 }
 
 // The batched member renders each frame as the single-frame member does.
