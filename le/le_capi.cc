@@ -1,6 +1,4 @@
 // The flat interface of the engine context family.
-#include "le/le.h"
-
 #include "le/le_capi.h"
 
 #include <algorithm>
@@ -35,7 +33,7 @@ namespace le {
 std::vector<uint8_t> readPasteMask(const Manifest& m) {
   const std::string path = resolveMember(m.dir, "mask_512.u8");
   std::vector<uint8_t> mask(size_t(m.crop) * size_t(m.crop), 0);
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> f(std::fopen(path.c_str(), "rb"), &std::fclose);
+  FilePtr f(std::fopen(path.c_str(), "rb"));
   if (!f || std::fread(mask.data(), 1, mask.size(), f.get()) != mask.size())
     throw std::runtime_error("mask read failed");
   return mask;
