@@ -15,6 +15,7 @@
 namespace {
 
 using le::testing::ScratchDir;
+using le::testing::thrown;
 using le::testing::writeFile;
 
 constexpr int kNT = 3, kCrop = 8, kW = 64, kH = 48, kFrames = 5;
@@ -67,16 +68,6 @@ struct Bundle {
   }
   le::Manifest load() const { return le::loadManifest(dir.path()); }
 };
-
-template <class F>
-std::string thrown(F&& f) {
-  try {
-    f();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "no throw";
-}
 
 }  // namespace
 
@@ -167,7 +158,7 @@ TEST(Identity, WarpPriorCheck) {
     EXPECT_EQ(thrown([&] { le::Identity id(b.load()); }), want);
     // With the welded name present as well, the bundle is fine.
     writeFile(b.dir / "source_frames.f16", std::string(size_t(kNT) * 6 * kCrop * kCrop, '\0'));
-    EXPECT_EQ(thrown([&] { le::Identity id(b.load()); }), "no throw");
+    EXPECT_EQ(thrown([&] { le::Identity id(b.load()); }), "");
   }
   {  // No prior at all, and no video named.
     Bundle b(false);

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "bundle_fixture.h"
 #include "le/le_bundle.h"
 #include "le/le_pool.h"
 
@@ -266,19 +267,12 @@ TEST(PasteTables, ReferenceRows) {
 
 TEST(PasteConstruction, RefusalsAndSwitches) {
   ScopedEnv f("LE_PASTE_FAST", nullptr), k("LE_PASTE_KSIZE", nullptr);
-  auto msg = [](auto&& fn) {
-    try {
-      fn();
-    } catch (const std::runtime_error& e) {
-      return std::string(e.what());
-    }
-    return std::string("no throw");
-  };
-  EXPECT_EQ(msg([] { le::Paste(std::vector<uint8_t>(15), 4, unsharp(1, 2, 13)); }),
+  using le::testing::thrown;
+  EXPECT_EQ(thrown([] { le::Paste(std::vector<uint8_t>(15), 4, unsharp(1, 2, 13)); }),
             "paste: mask size");
-  EXPECT_EQ(msg([] { le::Paste(std::vector<uint8_t>(16), 4, unsharp(1, 2, 12)); }),
+  EXPECT_EQ(thrown([] { le::Paste(std::vector<uint8_t>(16), 4, unsharp(1, 2, 12)); }),
             "paste: ksize must be odd");
-  EXPECT_EQ(msg([] { le::Paste(std::vector<uint8_t>(16), 4, unsharp(1, 2, -3)); }),
+  EXPECT_EQ(thrown([] { le::Paste(std::vector<uint8_t>(16), 4, unsharp(1, 2, -3)); }),
             "paste: ksize must be positive");
 
   auto mode = [](const char* v) {
