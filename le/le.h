@@ -69,8 +69,8 @@ LE_API int le_drive_frames(const le_ctx* ctx); /* frames of the idle drive track
 LE_API int le_paste_crop(le_ctx* ctx, int si, const float* crop, uint8_t* out, size_t out_bytes);
 
 /* Full frame si of the drive video (W*H*3 RGB), never pasted into. Owned by the context's
- * cursor; valid until the cursor has moved a dozen frames past it or the context is destroyed.
- * Null on failure, with le_last_error() set. */
+ * cursor: it survives the next 11 frame reads of this context in play order; a jump elsewhere
+ * or le_destroy may invalidate it sooner. Null on failure, with le_last_error() set. */
 LE_API const uint8_t* le_target_frame(le_ctx* ctx, int si);
 
 /* Resolves bundle (a bundle directory or an ".imx" container, unwrapped once beside it or
