@@ -9,10 +9,10 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "le/le_bundle.h"
 #include "le/le_simd.h"
 #include "tools/forge/director_members.h"
 #include "tools/forge/forge_movie.h"
-
 
 namespace fs = std::filesystem;
 
@@ -28,21 +28,12 @@ std::string num(float v) {
   return std::string(buf, r.ptr);
 }
 
-// Member names in the spelling the parameters ask for.
+// Member names in the spelling the parameters ask for: the engine's own alternatives.
 struct Names {
   bool alt;
   std::string of(const std::string& canonical) const {
-    if (!alt) return canonical;
-    static const char* const pairs[][2] = {
-        {"P.f16", "source_frames.f16"},     {"P_hevc.mov", "source_frames.hevc"},
-        {"M.f32", "paste_transform.f32"},   {"mask_512.u8", "paste_mask.u8"},
-        {"pooled64.f16", "pooled_features.f16"}, {"fs_red.f16", "feature_synth.f16"},
-        {"xs_target.bin", "target_keypoints.bin"}, {"drive/xs.f32", "idle_loop/source_keypoints.f32"},
-        {"drive/xd.f32", "idle_loop/driven_keypoints.f32"}, {"drive/si.i32", "idle_loop/source_index.i32"},
-    };
-    for (const auto& pr : pairs)
-      if (canonical == pr[0]) return pr[1];
-    return canonical;
+    const std::string a = alt ? le::alternativeMemberName(canonical) : std::string();
+    return a.empty() ? canonical : a;
   }
 };
 
@@ -234,8 +225,7 @@ void writePrior(const Params& p, Writer& w, const Names& names) {
     w.noted(name);
     if (p.progress) p.progress("prior movie", n, n);
   }
-  if (p.prior == Prior::FsRedOnly || p.fsRed)
-  {
+  if (p.prior == Prior::FsRedOnly || p.fsRed) {
     const std::string name = names.of("fs_red.f16");
     RowFile f(w.path(name), p.has(Break::ShortFsRed), false);
     writeFeatureTable(p, f, kFsRedRow, 2);
@@ -277,6 +267,11 @@ void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
   if (!f) throw std::runtime_error("forge: short write " + path);
 }
 
+std::pair<int, int> stampCanvas(const Params& p) {
+  if (p.stamp != Stamp::Other) return {p.width, p.height};
+  return {p.stampWidth > 0 ? p.stampWidth : std::max(1, p.width / 2), p.stampHeight > 0 ? p.stampHeight : p.height};
+}
+
 std::string manifestText(const Params& p) {
   std::vector<std::pair<std::string, std::string>> kv;
   auto str = [](const std::string& s) { return "\"" + s + "\""; };
@@ -287,8 +282,7 @@ std::string manifestText(const Params& p) {
   kv.emplace_back("H", std::to_string(p.height));
   kv.emplace_back(p.cropSizeKey ? "crop_size" : "crop", std::to_string(p.crop));
   if (p.stamp != Stamp::None) {
-    const int sw = p.stamp == Stamp::Other ? (p.stampWidth > 0 ? p.stampWidth : std::max(1, p.width / 2)) : p.width;
-    const int sh = p.stamp == Stamp::Other ? (p.stampHeight > 0 ? p.stampHeight : p.height) : p.height;
+    const auto [sw, sh] = stampCanvas(p);
     kv.emplace_back(p.longStampKeys ? "paste_source_width" : "M_src_w", std::to_string(sw));
     kv.emplace_back(p.longStampKeys ? "paste_source_height" : "M_src_h", std::to_string(sh));
   }
@@ -306,10 +300,7 @@ std::string manifestText(const Params& p) {
 }
 
 Result forgeBundle(const std::string& dir, const Params& p) {
-  if (p.nt < 1 || p.width < 2 || p.height < 2 || p.crop < 2 || p.frames < 0)
-    throw std::runtime_error("forge: bad geometry (NT " + std::to_string(p.nt) + ", " + std::to_string(p.width) + "x" +
-                             std::to_string(p.height) + ", crop " + std::to_string(p.crop) + ", frames " +
-                             std::to_string(p.frames) + ")");
+  checkGeometry(p);
   if (p.ksize < 1) throw std::runtime_error("forge: ksize must be positive");
   prepareDir(dir, p.replace);
   Result r;
@@ -333,11 +324,8 @@ Result forgeBundle(const std::string& dir, const Params& p) {
 
   if (!p.has(Break::NoM)) {
     std::vector<float> M;
-    double sx = 1, sy = 1;
-    if (p.stamp == Stamp::Other) {
-      sx = static_cast<double>(p.stampWidth > 0 ? p.stampWidth : std::max(1, p.width / 2)) / p.width;
-      sy = static_cast<double>(p.stampHeight > 0 ? p.stampHeight : p.height) / p.height;
-    }
+    const auto [sw, sh] = stampCanvas(p);
+    const double sx = static_cast<double>(sw) / p.width, sy = static_cast<double>(sh) / p.height;
     for (int si = 0; si < p.nt; ++si) {
       const auto m = pasteTransform(p, si);
       M.push_back(static_cast<float>(m[0] * sx));

@@ -112,6 +112,12 @@ Result forgeBundle(const std::string& dir, const Params& p);
 // Names of the breaks in kebab case ("short-pooled", "no-last-still", ...), for the le tool.
 const std::vector<std::pair<const char*, Break>>& breakNames();
 
+// Throws "forge: bad geometry ..." unless NT >= 1, W, H, crop >= 2 and frames >= 0.
+void checkGeometry(const Params& p);
+
+// The canvas the paste transforms are authored on (W×H unless Stamp::Other).
+std::pair<int, int> stampCanvas(const Params& p);
+
 // The manifest text forgeBundle writes (breaks included).
 std::string manifestText(const Params& p);
 

@@ -285,19 +285,19 @@ inline uint8_t toByte(float v) {
   return static_cast<uint8_t>(s);
 }
 
-void checkGeometry(const Params& p) {
-  if (p.nt < 1 || p.width < 1 || p.height < 1 || p.crop < 2 || p.frames < 0)
-    throw std::runtime_error("forge: bad geometry (NT " + std::to_string(p.nt) + ", " + std::to_string(p.width) +
-                             "x" + std::to_string(p.height) + ", crop " + std::to_string(p.crop) + ", frames " +
-                             std::to_string(p.frames) + ")");
-}
-
 void checkIndex(const Params& p, int si) {
   checkGeometry(p);
   if (si < 0 || si >= p.nt) throw std::runtime_error("forge: source frame " + std::to_string(si) + " outside [0," + std::to_string(p.nt) + ")");
 }
 
 }  // namespace
+
+void checkGeometry(const Params& p) {
+  if (p.nt < 1 || p.width < 2 || p.height < 2 || p.crop < 2 || p.frames < 0)
+    throw std::runtime_error("forge: bad geometry (NT " + std::to_string(p.nt) + ", " + std::to_string(p.width) +
+                             "x" + std::to_string(p.height) + ", crop " + std::to_string(p.crop) + ", frames " +
+                             std::to_string(p.frames) + ")");
+}
 
 std::array<float, 6> pasteTransform(const Params& p, int si) {
   checkIndex(p, si);
