@@ -80,6 +80,24 @@ void BM_WarpPlain(benchmark::State& state) {
 }
 BENCHMARK(BM_WarpPlain)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The two phases apart, one thread.
+void BM_WarpPhase(benchmark::State& state) {
+  const int S = 512;
+  const bool gather = state.range(0) != 0;
+  Case c(S, S);
+  std::vector<float> planes(size_t(S) * S * le::kWarpPlaneFloats);
+  le::warpDirectorPlanesBand(c.x.data.data(), planes.data(), S, S, 0, S);
+  for (auto _ : state) {
+    if (gather)
+      le::warpDirectorGatherBand(planes.data(), c.grid.data.data(), c.y.data.data(), S, S, 0, S);
+    else
+      le::warpDirectorPlanesBand(c.x.data.data(), planes.data(), S, S, 0, S);
+    benchmark::ClobberMemory();
+  }
+  state.SetLabel(gather ? "gather, 1 thread" : "planes, 1 thread");
+}
+BENCHMARK(BM_WarpPhase)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
 // Bandwidth floor: copying the source and writing the output once.
 void BM_Memcpy(benchmark::State& state) {
   Case c(512, 512);

@@ -177,3 +177,30 @@ TEST(WarpDirector, RefusesOtherChannelCountsAndMismatchedGrids) {
         << e.what();
   }
 }
+
+TEST(WarpDirector, EitherRegistrationServesBothOperators) {
+  EXPECT_EQ(&le::vantorixDomain(), &le::vantorixDomain());
+  OnnxBuilder b("both", 16);
+  b.opset(le::kVantorixDomain, 1);
+  b.input("P_rgb", {1, 3, 4, 4}).input("grid", {1, 4, 4, 2});
+  const std::string w = b.node("WarpDirector", {"P_rgb", "grid"}, {"w"}, {}, "", le::kVantorixDomain);
+  b.node("GridSampleFast", {w, "grid"}, {"y"}, {}, "", le::kVantorixDomain);
+  b.output("y", {1, 3, 4, 4});
+  const std::vector<uint8_t> model = b.build();
+  std::vector<float> x(48, 0.75f), g(32, 0.1f);
+  for (int which = 0; which < 2; ++which) {
+    Ort::Env& env = le::test::ortEnv();
+    Ort::SessionOptions so;
+    if (which)
+      le::registerWarpDirector(so);
+    else
+      le::registerGridSampleFast(so);
+    Ort::Session s(env, model.data(), model.size(), so);
+    const std::vector<float> y =
+        le::test::ortRun(s, {{"P_rgb", {1, 3, 4, 4}, x.data(), x.size()}, {"grid", {1, 4, 4, 2}, g.data(), g.size()}}, "y");
+    for (float v : y) EXPECT_NEAR(v, 0.75f, 1e-6f);
+  }
+  // Without the domain the model does not load.
+  Ort::SessionOptions plain;
+  EXPECT_THROW(Ort::Session(le::test::ortEnv(), model.data(), model.size(), plain), Ort::Exception);
+}
