@@ -3,7 +3,6 @@
 // ours in the same run. The plain kernel's paths, and OpenCV's remap where available, beside.
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <random>
 
 #include "bench/ort_bench_util.h"
@@ -15,8 +14,6 @@
 #include <opencv2/imgproc.hpp>
 #endif
 
-using le::forge::Attr;
-using le::forge::OnnxBuilder;
 
 namespace {
 
@@ -24,17 +21,7 @@ constexpr int kThreads = 2;
 const int64_t kShapes[][3] = {{3, 512, 512}, {64, 64, 64}};
 
 std::vector<uint8_t> model(bool fast, int64_t C, int64_t H, int64_t W) {
-  OnnxBuilder b(fast ? "gsf" : "gs", 16);
-  b.input("X", {1, C, H, W}).input("grid", {1, H, W, 2});
-  if (fast) {
-    b.opset(le::kVantorixDomain, 1);
-    b.node("GridSampleFast", {"X", "grid"}, {"Y"}, {}, "gsf", le::kVantorixDomain);
-  } else {
-    b.node("GridSample", {"X", "grid"}, {"Y"},
-           {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border"), Attr::i("align_corners", 0)});
-  }
-  b.output("Y", {1, C, H, W});
-  return b.build();
+  return le::forge::gridSampleModel(fast, 1, C, H, W);
 }
 
 struct Case {
@@ -55,14 +42,8 @@ void BM_GridSampleFast_vs_OrtGridSample(benchmark::State& state) {
   Case c(s[0], s[1], s[2]);
   le::bench::BoundSession fast(model(true, s[0], s[1], s[2]), kThreads, {&c.x, &c.grid}, {&c.y});
   le::bench::BoundSession ort(model(false, s[0], s[1], s[2]), kThreads, {&c.x, &c.grid}, {&c.y});
-  const double ortSec = le::bench::secondsPerCall([&] { ort.run(); });
-  fast.run();
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) fast.run();
-  const double ours = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() /
-                      double(state.iterations());
+  const double ortSec = le::bench::timeAgainst(state, [&] { fast.run(); }, [&] { ort.run(); });
   state.counters["ort_gridsample_ms"] = ortSec * 1e3;
-  state.counters["speedup"] = ortSec / ours;
   state.SetLabel("[1," + std::to_string(s[0]) + "," + std::to_string(s[1]) + "," + std::to_string(s[2]) +
                  "] 2 intra-op threads");
 }
@@ -90,14 +71,9 @@ void BM_PlainKernel(benchmark::State& state) {
                                                       c.W, 0, c.H);
   };
   if (vec) {
-    const double scalarSec = le::bench::secondsPerCall([&] {
+    le::bench::timeAgainst(state, run, [&] {
       le::gsf::bandScalar(c.x.data.data(), c.grid.data.data(), c.y.data.data(), c.C, c.H, c.W, 0, c.H);
     });
-    const auto t0 = std::chrono::steady_clock::now();
-    for (auto _ : state) run();
-    const double ours = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() /
-                        double(state.iterations());
-    state.counters["speedup_vs_scalar"] = scalarSec / ours;
   } else {
     for (auto _ : state) run();
   }

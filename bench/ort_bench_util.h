@@ -2,21 +2,17 @@
 // to caller memory once, so a timed run is Session::Run and nothing else.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <chrono>
 #include <cmath>
 #include <string>
 #include <vector>
 
 #include "le/render/gridsample_fast.h"
-#include "le/render/le_ort.h"
+#include "tests/onnx_ort.h"
 
 namespace le::bench {
-
-inline Ort::Env& env() {
-  le::ortApi();
-  static Ort::Env e(ORT_LOGGING_LEVEL_ERROR, "le_bench");
-  return e;
-}
 
 struct Tensor {
   std::string name;
@@ -37,7 +33,7 @@ class BoundSession {
 
  private:
   static Ort::Session make(const std::vector<uint8_t>& model, int intraThreads) {
-    Ort::Env& e = env();
+    Ort::Env& e = le::test::ortEnv();
     Ort::SessionOptions so;
     so.SetIntraOpNumThreads(intraThreads);
     so.SetInterOpNumThreads(1);
@@ -72,6 +68,20 @@ double secondsPerCall(Fn&& fn, double minSeconds = 0.2) {
     el = std::chrono::duration<double>(clock::now() - t0).count();
   } while (el < minSeconds);
   return el / double(n);
+}
+
+// Runs ours in the benchmark loop after timing the alternative in the same process; returns
+// the alternative's seconds per call over ours (the "speedup" counter).
+template <typename Ours, typename Theirs>
+double timeAgainst(benchmark::State& state, Ours&& ours, Theirs&& theirs) {
+  const double theirSec = secondsPerCall(theirs);
+  ours();
+  const auto t0 = std::chrono::steady_clock::now();
+  for (auto _ : state) ours();
+  const double ourSec =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() / double(state.iterations());
+  state.counters["speedup"] = theirSec / ourSec;
+  return theirSec;
 }
 
 // A smooth warp grid [H, W, 2]: the identity plus a few pixels of swirl, slightly past the

@@ -3,7 +3,6 @@
 // both in real sessions on 2 intra-op threads; "speedup" is the block's time over ours.
 #include <benchmark/benchmark.h>
 
-#include <chrono>
 #include <random>
 
 #include "bench/ort_bench_util.h"
@@ -11,24 +10,12 @@
 #include "le/render/le_warp.h"
 #include "tools/forge/onnx_builder.h"
 
-using le::forge::OnnxBuilder;
 
 namespace {
 
 constexpr int kThreads = 2;
 
-std::vector<uint8_t> model(bool fused, int64_t H, int64_t W) {
-  OnnxBuilder b(fused ? "warp_fused" : "warp_standard", 16);
-  b.input("P_rgb", {1, 3, H, W}).input("grid", {1, H, W, 2});
-  if (fused) {
-    b.opset(le::kVantorixDomain, 1);
-    b.node("WarpDirector", {"P_rgb", "grid"}, {"warped"}, {}, "le_warp_director", le::kVantorixDomain);
-  } else {
-    b.op("Identity", {le::forge::addStandardWarpBlock(b, "P_rgb", "grid", H, W)}, {}, "", "warped");
-  }
-  b.output("warped", {1, 3, H, W});
-  return b.build();
-}
+std::vector<uint8_t> model(bool fused, int64_t H, int64_t W) { return le::forge::warpModel(fused, 1, 3, H, W); }
 
 struct Case {
   le::bench::Tensor x, grid, y;
@@ -48,14 +35,8 @@ void BM_WarpDirector_vs_StandardBlock(benchmark::State& state) {
   Case c(S, S);
   le::bench::BoundSession fused(model(true, S, S), kThreads, {&c.x, &c.grid}, {&c.y});
   le::bench::BoundSession standard(model(false, S, S), kThreads, {&c.x, &c.grid}, {&c.y});
-  const double stdSec = le::bench::secondsPerCall([&] { standard.run(); });
-  fused.run();
-  const auto t0 = std::chrono::steady_clock::now();
-  for (auto _ : state) fused.run();
-  const double ours = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() /
-                      double(state.iterations());
+  const double stdSec = le::bench::timeAgainst(state, [&] { fused.run(); }, [&] { standard.run(); });
   state.counters["standard_block_ms"] = stdSec * 1e3;
-  state.counters["speedup"] = stdSec / ours;
   state.SetLabel("[1,3," + std::to_string(S) + "," + std::to_string(S) + "] 2 intra-op threads");
 }
 BENCHMARK(BM_WarpDirector_vs_StandardBlock)->Arg(256)->Arg(512)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -44,35 +44,7 @@ std::vector<float> reference(const std::vector<float>& in, const std::vector<flo
   return out;
 }
 
-std::vector<float> randomVec(size_t n, float lo, float hi, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> d(lo, hi);
-  std::vector<float> v(n);
-  for (float& x : v) x = d(rng);
-  return v;
-}
 
-float maxDiff(const std::vector<float>& a, const std::vector<float>& b) {
-  EXPECT_EQ(a.size(), b.size());
-  float m = 0;
-  for (size_t i = 0; i < a.size() && i < b.size(); ++i) m = std::max(m, std::fabs(a[i] - b[i]));
-  return m;
-}
-
-// One-node model: y = op(X, grid) at [N, C, H, W].
-std::vector<uint8_t> oneNode(bool fast, int64_t N, int64_t C, int64_t H, int64_t W) {
-  OnnxBuilder b(fast ? "gsf" : "gs", 16);
-  b.input("X", {N, C, H, W}).input("grid", {N, H, W, 2});
-  if (fast) {
-    b.opset(le::kVantorixDomain, 1);
-    b.node("GridSampleFast", {"X", "grid"}, {"Y"}, {}, "gsf", le::kVantorixDomain);
-  } else {
-    b.node("GridSample", {"X", "grid"}, {"Y"},
-           {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border"), Attr::i("align_corners", 0)});
-  }
-  b.output("Y", {N, C, H, W});
-  return b.build();
-}
 
 struct GsAttrs {
   std::string mode, padding;  // empty when the attribute is absent
@@ -200,17 +172,17 @@ TEST(GridSampleFast, VectorAndScalarPathsMatchTheReference) {
   uint32_t seed = 1;
   for (const auto& s : shapes) {
     const int C = s[0], H = s[1], W = s[2];
-    const std::vector<float> in = randomVec(size_t(C) * H * W, -2.f, 2.f, seed++);
-    const std::vector<float> grid = randomVec(size_t(H) * W * 2, -1.3f, 1.3f, seed++);
+    const std::vector<float> in = le::test::randomFloats(size_t(C) * H * W, -2.f, 2.f, seed++);
+    const std::vector<float> grid = le::test::randomFloats(size_t(H) * W * 2, -1.3f, 1.3f, seed++);
     const std::vector<float> ref = reference(in, grid, C, H, W);
     std::vector<float> sc(in.size()), vec(in.size(), -99.f);
     le::gsf::bandScalar(in.data(), grid.data(), sc.data(), C, H, W, 0, H);
-    EXPECT_LE(maxDiff(sc, ref), 1e-5f) << C << "x" << H << "x" << W;
+    EXPECT_LE(le::test::maxAbsDiff(sc, ref), 1e-5f) << C << "x" << H << "x" << W;
     if (le::gsf::vectorPath()) {
       // Bands that split the image unevenly, and bands clipped at both ends.
       for (int r = -3; r < H; r += 5) le::gsf::bandVector(in.data(), grid.data(), vec.data(), C, H, W, r, r + 5);
-      EXPECT_LE(maxDiff(vec, ref), 1e-5f) << C << "x" << H << "x" << W;
-      EXPECT_LE(maxDiff(vec, sc), 1e-5f) << C << "x" << H << "x" << W;
+      EXPECT_LE(le::test::maxAbsDiff(vec, ref), 1e-5f) << C << "x" << H << "x" << W;
+      EXPECT_LE(le::test::maxAbsDiff(vec, sc), 1e-5f) << C << "x" << H << "x" << W;
     }
   }
 }
@@ -221,16 +193,16 @@ TEST(GridSampleFast, OrtSessionsAgreeWithOrtGridSample) {
   uint32_t seed = 100;
   for (const Case& c : cases) {
     const size_t nx = size_t(c.N * c.C * c.H * c.W), ng = size_t(c.N * c.H * c.W * 2);
-    const std::vector<float> x = randomVec(nx, 0.f, 1.f, seed++);
-    const std::vector<float> g = randomVec(ng, -1.15f, 1.15f, seed++);
+    const std::vector<float> x = le::test::randomFloats(nx, 0.f, 1.f, seed++);
+    const std::vector<float> g = le::test::randomFloats(ng, -1.15f, 1.15f, seed++);
     const std::vector<Feed> feeds = {{"X", {c.N, c.C, c.H, c.W}, x.data(), nx}, {"grid", {c.N, c.H, c.W, 2}, g.data(), ng}};
-    Ort::Session fast = le::test::ortSession(oneNode(true, c.N, c.C, c.H, c.W), c.threads);
-    Ort::Session std_ = le::test::ortSession(oneNode(false, c.N, c.C, c.H, c.W), c.threads);
+    Ort::Session fast = le::test::ortSession(le::forge::gridSampleModel(true, c.N, c.C, c.H, c.W), c.threads);
+    Ort::Session std_ = le::test::ortSession(le::forge::gridSampleModel(false, c.N, c.C, c.H, c.W), c.threads);
     std::vector<int64_t> shape;
     const std::vector<float> a = le::test::ortRun(fast, feeds, "Y", &shape);
     const std::vector<float> b = le::test::ortRun(std_, feeds, "Y");
     EXPECT_EQ(shape, (std::vector<int64_t>{c.N, c.C, c.H, c.W}));
-    const float d = maxDiff(a, b);
+    const float d = le::test::maxAbsDiff(a, b);
     std::printf("[gsf] [%lld, %lld, %lld, %lld] on %d threads: max |fast - ORT| = %.3g\n", (long long)c.N,
                 (long long)c.C, (long long)c.H, (long long)c.W, c.threads, double(d));
     EXPECT_LE(d, 1e-5f);
@@ -297,7 +269,7 @@ TEST(GridSampleFast, OnnxSuiteGridSampleCases) {
     EXPECT_EQ(switched, model) << name;
     Ort::Session standard = le::test::ortSession(model);
     // (ONNX Runtime's bicubic differs from the suite's reference by a few 1e-5.)
-    EXPECT_LE(maxDiff(le::test::ortRun(standard, feeds, nodes[0].outputs[0]), y.values), 1e-4f) << name;
+    EXPECT_LE(le::test::maxAbsDiff(le::test::ortRun(standard, feeds, nodes[0].outputs[0]), y.values), 1e-4f) << name;
     if (!likeFast) continue;
 
     // The same case built with every attribute spelled out is switched and must agree.
@@ -314,7 +286,7 @@ TEST(GridSampleFast, OnnxSuiteGridSampleCases) {
     const std::vector<Feed> xf = {{"X", x.dims, x.values.data(), x.values.size()},
                                   {"grid", g.dims, g.values.data(), g.values.size()}};
     if (g.dims[1] == H && g.dims[2] == W) {
-      const float d = maxDiff(le::test::ortRun(fast, xf, "Y"), y.values);
+      const float d = le::test::maxAbsDiff(le::test::ortRun(fast, xf, "Y"), y.values);
       std::printf("[gsf] suite %s: max |fast - expected| = %.3g\n", name.c_str(), double(d));
       EXPECT_LE(d, 1e-5f) << name;
       continue;
@@ -328,9 +300,9 @@ TEST(GridSampleFast, OnnxSuiteGridSampleCases) {
     for (size_t i = 0; i < grid.size(); ++i) grid[i] = g.values[i % g.values.size()] * 1.1f;
     const std::vector<Feed> same = {{"X", x.dims, x.values.data(), x.values.size()},
                                     {"grid", {N, H, W, 2}, grid.data(), grid.size()}};
-    Ort::Session f2 = le::test::ortSession(oneNode(true, N, C, H, W));
-    Ort::Session s2 = le::test::ortSession(oneNode(false, N, C, H, W));
-    const float d = maxDiff(le::test::ortRun(f2, same, "Y"), le::test::ortRun(s2, same, "Y"));
+    Ort::Session f2 = le::test::ortSession(le::forge::gridSampleModel(true, N, C, H, W));
+    Ort::Session s2 = le::test::ortSession(le::forge::gridSampleModel(false, N, C, H, W));
+    const float d = le::test::maxAbsDiff(le::test::ortRun(f2, same, "Y"), le::test::ortRun(s2, same, "Y"));
     std::printf("[gsf] suite %s at its input's size: max |fast - ORT| = %.3g\n", name.c_str(), double(d));
     EXPECT_LE(d, 1e-5f) << name;
   }

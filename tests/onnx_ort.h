@@ -1,6 +1,9 @@
 // Small helpers for tests and benchmarks that run forged models in real ONNX Runtime sessions.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -49,6 +52,22 @@ inline std::vector<float> ortRun(Ort::Session& s, const std::vector<Feed>& feeds
   if (shape) *shape = info.GetShape();
   const float* p = res[0].GetTensorData<float>();
   return std::vector<float>(p, p + info.GetElementCount());
+}
+
+inline std::vector<float> randomFloats(size_t n, float lo, float hi, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> d(lo, hi);
+  std::vector<float> v(n);
+  for (float& x : v) x = d(rng);
+  return v;
+}
+
+// Largest absolute difference; infinite when the sizes differ.
+inline float maxAbsDiff(const std::vector<float>& a, const std::vector<float>& b) {
+  if (a.size() != b.size()) return INFINITY;
+  float m = 0;
+  for (size_t i = 0; i < a.size(); ++i) m = std::max(m, std::fabs(a[i] - b[i]));
+  return m;
 }
 
 }  // namespace le::test

@@ -19,21 +19,6 @@ using le::test::Feed;
 
 namespace {
 
-std::vector<float> randomVec(size_t n, float lo, float hi, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> d(lo, hi);
-  std::vector<float> v(n);
-  for (float& x : v) x = d(rng);
-  return v;
-}
-
-float maxDiff(const std::vector<float>& a, const std::vector<float>& b) {
-  EXPECT_EQ(a.size(), b.size());
-  float m = 0;
-  for (size_t i = 0; i < a.size() && i < b.size(); ++i) m = std::max(m, std::fabs(a[i] - b[i]));
-  return m;
-}
-
 std::vector<float> twoPhase(const std::vector<float>& src, const std::vector<float>& grid, int W, int H, int band) {
   std::vector<float> planes(size_t(W) * H * le::kWarpPlaneFloats), out(src.size());
   for (int r = 0; r < H; r += band) le::warpDirectorPlanesBand(src.data(), planes.data(), W, H, r, r + band);
@@ -41,19 +26,6 @@ std::vector<float> twoPhase(const std::vector<float>& src, const std::vector<flo
   return out;
 }
 
-std::vector<uint8_t> warpModel(bool fused, int64_t N, int64_t C, int64_t H, int64_t W) {
-  OnnxBuilder b(fused ? "warp_fused" : "warp_standard", 16);
-  b.input("P_rgb", {N, C, H, W}).input("grid", {N, H, W, 2});
-  std::string out;
-  if (fused) {
-    b.opset(le::kVantorixDomain, 1);
-    out = b.node("WarpDirector", {"P_rgb", "grid"}, {"warped"}, {}, "le_warp_director", le::kVantorixDomain);
-  } else {
-    out = b.op("Identity", {le::forge::addStandardWarpBlock(b, "P_rgb", "grid", H, W)}, {}, "", "warped");
-  }
-  b.output(out, {N, 3, H, W});
-  return b.build();
-}
 
 }  // namespace
 
@@ -80,7 +52,7 @@ TEST(WarpDirector, PlanesOfASmallImage) {
 
 TEST(WarpDirector, KnownImagesAndTheOnePassVariant) {
   const int W = 19, H = 13;
-  const std::vector<float> grid = randomVec(size_t(W) * H * 2, -1.2f, 1.2f, 7);
+  const std::vector<float> grid = le::test::randomFloats(size_t(W) * H * 2, -1.2f, 1.2f, 7);
   std::vector<float> out(3 * W * H);
 
   // A constant image comes back constant everywhere (to the rounding of the bilinear weights),
@@ -101,10 +73,10 @@ TEST(WarpDirector, KnownImagesAndTheOnePassVariant) {
   std::vector<float> bilinear(3 * W * H);
   le::warpDirector(ramp.data(), inner.data(), out.data(), W, H);
   le::gsf::bandScalar(ramp.data(), inner.data(), bilinear.data(), 3, H, W, 0, H);
-  EXPECT_LE(maxDiff(out, bilinear), 2e-6f);
+  EXPECT_LE(le::test::maxAbsDiff(out, bilinear), 2e-6f);
 
   // The one-pass band equals the planes-then-gather phases bit for bit, for any banding.
-  const std::vector<float> src = randomVec(3 * W * H, 0.f, 1.f, 8);
+  const std::vector<float> src = le::test::randomFloats(3 * W * H, 0.f, 1.f, 8);
   std::vector<float> onePass(3 * W * H);
   for (int r = -2; r < H; r += 4) le::warpDirectorBand(src.data(), grid.data(), onePass.data(), W, H, r, r + 4);
   EXPECT_EQ(onePass, twoPhase(src, grid, W, H, 16));
@@ -122,16 +94,16 @@ TEST(WarpDirector, OrtOperatorMatchesTheStandardWarpBlock) {
   uint32_t seed = 20;
   for (const Case& c : cases) {
     const size_t nx = size_t(c.N * 3 * c.H * c.W), ng = size_t(c.N * c.H * c.W * 2);
-    const std::vector<float> x = randomVec(nx, 0.f, 1.f, seed++);
-    const std::vector<float> g = randomVec(ng, -1.1f, 1.1f, seed++);
+    const std::vector<float> x = le::test::randomFloats(nx, 0.f, 1.f, seed++);
+    const std::vector<float> g = le::test::randomFloats(ng, -1.1f, 1.1f, seed++);
     const std::vector<Feed> feeds = {{"P_rgb", {c.N, 3, c.H, c.W}, x.data(), nx}, {"grid", {c.N, c.H, c.W, 2}, g.data(), ng}};
-    Ort::Session fused = le::test::ortSession(warpModel(true, c.N, 3, c.H, c.W), c.threads);
-    Ort::Session standard = le::test::ortSession(warpModel(false, c.N, 3, c.H, c.W), c.threads);
+    Ort::Session fused = le::test::ortSession(le::forge::warpModel(true, c.N, 3, c.H, c.W), c.threads);
+    Ort::Session standard = le::test::ortSession(le::forge::warpModel(false, c.N, 3, c.H, c.W), c.threads);
     std::vector<int64_t> shape;
     const std::vector<float> a = le::test::ortRun(fused, feeds, "warped", &shape);
     const std::vector<float> b = le::test::ortRun(standard, feeds, "warped");
     EXPECT_EQ(shape, (std::vector<int64_t>{c.N, 3, c.H, c.W}));
-    const float d = maxDiff(a, b);
+    const float d = le::test::maxAbsDiff(a, b);
     std::printf("[warp] [%lld, 3, %lld, %lld] on %d threads: max |WarpDirector - standard block| = %.3g\n",
                 (long long)c.N, (long long)c.H, (long long)c.W, c.threads, double(d));
     EXPECT_LE(d, 2e-5f);
@@ -148,7 +120,7 @@ TEST(WarpDirector, OrtOperatorMatchesTheStandardWarpBlock) {
 
 TEST(WarpDirector, RefusesOtherChannelCountsAndMismatchedGrids) {
   for (int64_t C : {1, 4}) {
-    Ort::Session s = le::test::ortSession(warpModel(true, 1, C, 8, 8));
+    Ort::Session s = le::test::ortSession(le::forge::warpModel(true, 1, C, 8, 8));
     std::vector<float> x(size_t(C) * 64, 0.5f), g(128, 0.f);
     try {
       le::test::ortRun(s, {{"P_rgb", {1, C, 8, 8}, x.data(), x.size()}, {"grid", {1, 8, 8, 2}, g.data(), g.size()}},

@@ -215,47 +215,30 @@ void band_fn(void* p, size_t b) {
 }
 
 struct GSFKernel {
-  OrtStatusPtr ComputeV2(OrtKernelContext* context) {
-    try {
-      Ort::KernelContext ctx(context);
-      Ort::ConstValue x = ctx.GetInput(0);
-      Ort::ConstValue grid = ctx.GetInput(1);
-      const std::vector<int64_t> xs = x.GetTensorTypeAndShapeInfo().GetShape();
-      const std::vector<int64_t> gs = grid.GetTensorTypeAndShapeInfo().GetShape();
-      gsf::checkShapes("GridSampleFast", xs, gs);
-      Ort::UnownedValue y = ctx.GetOutput(0, xs);
-      const int64_t N = xs[0], C = xs[1], H = xs[2], W = xs[3];
-      if (N == 0 || C == 0 || H == 0 || W == 0) return nullptr;
-      const float* in = x.GetTensorData<float>();
-      const float* g = grid.GetTensorData<float>();
-      float* out = y.GetTensorMutableData<float>();
-      const size_t bands = size_t((H + kBandRows - 1) / kBandRows);
-      for (int64_t n = 0; n < N; ++n) {
-        BandArgs a{in + n * C * H * W, g + n * H * W * 2, out + n * C * H * W, int(C), int(H), int(W)};
-        ctx.ParallelFor(band_fn, bands, 0, &a);
-      }
-      return nullptr;
-    } catch (const Ort::Exception& e) {
-      return Ort::GetApi().CreateStatus(e.GetOrtErrorCode(), e.what());
-    } catch (const std::exception& e) {
-      return Ort::GetApi().CreateStatus(ORT_RUNTIME_EXCEPTION, e.what());
+  static constexpr const char* kName = "GridSampleFast";
+  OrtStatusPtr ComputeV2(OrtKernelContext* context) { return gsf::computeStatus(*this, context); }
+
+  void compute(Ort::KernelContext& ctx) {
+    Ort::ConstValue x = ctx.GetInput(0);
+    Ort::ConstValue grid = ctx.GetInput(1);
+    const std::vector<int64_t> xs = x.GetTensorTypeAndShapeInfo().GetShape();
+    const std::vector<int64_t> gs = grid.GetTensorTypeAndShapeInfo().GetShape();
+    gsf::checkShapes(kName, xs, gs);
+    Ort::UnownedValue y = ctx.GetOutput(0, xs);
+    const int64_t N = xs[0], C = xs[1], H = xs[2], W = xs[3];
+    if (N == 0 || C == 0 || H == 0 || W == 0) return;
+    const float* in = x.GetTensorData<float>();
+    const float* g = grid.GetTensorData<float>();
+    float* out = y.GetTensorMutableData<float>();
+    const size_t bands = size_t((H + kBandRows - 1) / kBandRows);
+    for (int64_t n = 0; n < N; ++n) {
+      BandArgs a{in + n * C * H * W, g + n * H * W * 2, out + n * C * H * W, int(C), int(H), int(W)};
+      ctx.ParallelFor(band_fn, bands, 0, &a);
     }
   }
 };
 
-struct GSFOp : Ort::CustomOpBase<GSFOp, GSFKernel, true> {
-  GSFOp() { OrtCustomOp::version = kOrtApiVersion; }
-  OrtStatusPtr CreateKernelV2(const OrtApi&, const OrtKernelInfo*, void** kernel) const {
-    *kernel = std::make_unique<GSFKernel>().release();  // owned by ONNX Runtime (KernelDestroy)
-    return nullptr;
-  }
-  const char* GetName() const { return "GridSampleFast"; }
-  const char* GetExecutionProviderType() const { return "CPUExecutionProvider"; }
-  size_t GetInputTypeCount() const { return 2; }
-  ONNXTensorElementDataType GetInputType(size_t) const { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
-  size_t GetOutputTypeCount() const { return 1; }
-  ONNXTensorElementDataType GetOutputType(size_t) const { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
-};
+using GSFOp = gsf::FloatOp<GSFKernel>;
 
 }  // namespace
 

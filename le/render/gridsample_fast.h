@@ -7,6 +7,8 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
+#include <memory>
 #include <vector>
 
 #include "le/render/le_ort.h"
@@ -39,6 +41,39 @@ void bandScalar(const float* in, const float* grid, float* out, int C, int H, in
 void bandVector(const float* in, const float* grid, float* out, int C, int H, int W, int r0, int r1);
 // Throws std::runtime_error naming `op` unless input is [N, C, H, W] and grid [N, H, W, 2].
 void checkShapes(const char* op, const std::vector<int64_t>& input, const std::vector<int64_t>& grid);
+
+// The descriptor both operators share: two required FLOAT inputs, one FLOAT output, CPU
+// provider, versions 1 to INT32_MAX. Kernel has a static kName and
+// `void compute(Ort::KernelContext&)`; its exceptions become a failed run, never cross into
+// ONNX Runtime.
+template <typename Kernel>
+struct FloatOp : Ort::CustomOpBase<FloatOp<Kernel>, Kernel, true> {
+  FloatOp() { OrtCustomOp::version = kOrtApiVersion; }
+  OrtStatusPtr CreateKernelV2(const OrtApi&, const OrtKernelInfo*, void** kernel) const {
+    *kernel = std::make_unique<Kernel>().release();  // owned by ONNX Runtime (KernelDestroy)
+    return nullptr;
+  }
+  const char* GetName() const { return Kernel::kName; }
+  const char* GetExecutionProviderType() const { return "CPUExecutionProvider"; }
+  size_t GetInputTypeCount() const { return 2; }
+  ONNXTensorElementDataType GetInputType(size_t) const { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
+  size_t GetOutputTypeCount() const { return 1; }
+  ONNXTensorElementDataType GetOutputType(size_t) const { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
+};
+
+// The kernels' ComputeV2: runs compute and turns exceptions into an ONNX Runtime status.
+template <typename Kernel>
+OrtStatusPtr computeStatus(Kernel& k, OrtKernelContext* context) noexcept {
+  try {
+    Ort::KernelContext ctx(context);
+    k.compute(ctx);
+    return nullptr;
+  } catch (const Ort::Exception& e) {
+    return Ort::GetApi().CreateStatus(e.GetOrtErrorCode(), e.what());
+  } catch (const std::exception& e) {
+    return Ort::GetApi().CreateStatus(ORT_RUNTIME_EXCEPTION, e.what());
+  }
+}
 }  // namespace gsf
 
 }  // namespace le

@@ -179,55 +179,38 @@ struct WarpKernel {
   int32_t height = 0;
   std::vector<float> planes;
 
-  OrtStatusPtr ComputeV2(OrtKernelContext* context) {
-    try {
-      Ort::KernelContext ctx(context);
-      Ort::ConstValue x = ctx.GetInput(0);
-      Ort::ConstValue grid = ctx.GetInput(1);
-      const std::vector<int64_t> xs = x.GetTensorTypeAndShapeInfo().GetShape();
-      const std::vector<int64_t> gs = grid.GetTensorTypeAndShapeInfo().GetShape();
-      if (xs.size() == 4 && xs[1] != 3)
-        throw std::runtime_error(
-            "com.vantorix::WarpDirector: this node warps the director's 3-channel source and the graph "
-            "handed it C=" + std::to_string(xs[1]) + ". REFUSING rather than writing a frame nobody asked for.");
-      gsf::checkShapes("WarpDirector", xs, gs);
-      const int64_t N = xs[0], H = xs[2], W = xs[3];
-      Ort::UnownedValue y = ctx.GetOutput(0, {N, 3, H, W});
-      if (N == 0 || H == 0 || W == 0) return nullptr;
-      width = int32_t(W);
-      height = int32_t(H);
-      planes.resize(size_t(H) * size_t(W) * kWarpPlaneFloats);
-      const float* in = x.GetTensorData<float>();
-      const float* g = grid.GetTensorData<float>();
-      float* out = y.GetTensorMutableData<float>();
-      const size_t bands = size_t((H + kBandRows - 1) / kBandRows);
-      for (int64_t n = 0; n < N; ++n) {
-        WarpArgs a{in + n * 3 * H * W, g + n * H * W * 2, planes.data(), out + n * 3 * H * W, width, height};
-        ctx.ParallelFor(warp_planes_fn, bands, 0, &a);  // the gather reads neighbouring bands' planes
-        ctx.ParallelFor(warp_gather_fn, bands, 0, &a);
-      }
-      return nullptr;
-    } catch (const Ort::Exception& e) {
-      return Ort::GetApi().CreateStatus(e.GetOrtErrorCode(), e.what());
-    } catch (const std::exception& e) {
-      return Ort::GetApi().CreateStatus(ORT_RUNTIME_EXCEPTION, e.what());
+  static constexpr const char* kName = "WarpDirector";
+  OrtStatusPtr ComputeV2(OrtKernelContext* context) { return gsf::computeStatus(*this, context); }
+
+  void compute(Ort::KernelContext& ctx) {
+    Ort::ConstValue x = ctx.GetInput(0);
+    Ort::ConstValue grid = ctx.GetInput(1);
+    const std::vector<int64_t> xs = x.GetTensorTypeAndShapeInfo().GetShape();
+    const std::vector<int64_t> gs = grid.GetTensorTypeAndShapeInfo().GetShape();
+    if (xs.size() == 4 && xs[1] != 3)
+      throw std::runtime_error(
+          "com.vantorix::WarpDirector: this node warps the director's 3-channel source and the graph "
+          "handed it C=" + std::to_string(xs[1]) + ". REFUSING rather than writing a frame nobody asked for.");
+    gsf::checkShapes(kName, xs, gs);
+    const int64_t N = xs[0], H = xs[2], W = xs[3];
+    Ort::UnownedValue y = ctx.GetOutput(0, {N, 3, H, W});
+    if (N == 0 || H == 0 || W == 0) return;
+    width = int32_t(W);
+    height = int32_t(H);
+    planes.resize(size_t(H) * size_t(W) * kWarpPlaneFloats);
+    const float* in = x.GetTensorData<float>();
+    const float* g = grid.GetTensorData<float>();
+    float* out = y.GetTensorMutableData<float>();
+    const size_t bands = size_t((H + kBandRows - 1) / kBandRows);
+    for (int64_t n = 0; n < N; ++n) {
+      WarpArgs a{in + n * 3 * H * W, g + n * H * W * 2, planes.data(), out + n * 3 * H * W, width, height};
+      ctx.ParallelFor(warp_planes_fn, bands, 0, &a);  // the gather reads neighbouring bands' planes
+      ctx.ParallelFor(warp_gather_fn, bands, 0, &a);
     }
   }
 };
 
-struct WarpOp : Ort::CustomOpBase<WarpOp, WarpKernel, true> {
-  WarpOp() { OrtCustomOp::version = kOrtApiVersion; }
-  OrtStatusPtr CreateKernelV2(const OrtApi&, const OrtKernelInfo*, void** kernel) const {
-    *kernel = std::make_unique<WarpKernel>().release();  // owned by ONNX Runtime (KernelDestroy)
-    return nullptr;
-  }
-  const char* GetName() const { return "WarpDirector"; }
-  const char* GetExecutionProviderType() const { return "CPUExecutionProvider"; }
-  size_t GetInputTypeCount() const { return 2; }
-  ONNXTensorElementDataType GetInputType(size_t) const { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
-  size_t GetOutputTypeCount() const { return 1; }
-  ONNXTensorElementDataType GetOutputType(size_t) const { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
-};
+using WarpOp = gsf::FloatOp<WarpKernel>;
 
 }  // namespace
 

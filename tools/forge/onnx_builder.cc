@@ -318,6 +318,33 @@ std::string addStandardWarpBlock(OnnxBuilder& b, const std::string& src, const s
   return node("rxy", "Add", {out, node("rxy", "Mul", {axy, Fxxyy})});
 }
 
+std::vector<uint8_t> gridSampleModel(bool fast, int64_t N, int64_t C, int64_t H, int64_t W) {
+  OnnxBuilder b(fast ? "gridsample_fast" : "gridsample", 16);
+  b.input("X", {N, C, H, W}).input("grid", {N, H, W, 2});
+  if (fast) {
+    b.opset("com.vantorix", 1);
+    b.node("GridSampleFast", {"X", "grid"}, {"Y"}, {}, "gsf", "com.vantorix");
+  } else {
+    b.node("GridSample", {"X", "grid"}, {"Y"},
+           {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border"), Attr::i("align_corners", 0)});
+  }
+  b.output("Y", {N, C, H, W});
+  return b.build();
+}
+
+std::vector<uint8_t> warpModel(bool fused, int64_t N, int64_t C, int64_t H, int64_t W) {
+  OnnxBuilder b(fused ? "warp_fused" : "warp_standard", 16);
+  b.input("P_rgb", {N, C, H, W}).input("grid", {N, H, W, 2});
+  if (fused) {
+    b.opset("com.vantorix", 1);
+    b.node("WarpDirector", {"P_rgb", "grid"}, {"warped"}, {}, "le_warp_director", "com.vantorix");
+  } else {
+    b.op("Identity", {addStandardWarpBlock(b, "P_rgb", "grid", H, W)}, {}, "", "warped");
+  }
+  b.output("warped", {N, 3, H, W});
+  return b.build();
+}
+
 void OnnxBuilder::save(const std::string& path) const { writeModelBytes(path, build()); }
 
 void writeModelBytes(const std::string& path, const std::vector<uint8_t>& bytes) {

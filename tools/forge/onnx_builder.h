@@ -120,6 +120,13 @@ class OnnxBuilder {
 std::string addStandardWarpBlock(OnnxBuilder& b, const std::string& src, const std::string& grid,
                                  int64_t H, int64_t W, const std::string& prefix = "/warp");
 
+// One-node models over X [N, C, H, W] and grid [N, H, W, 2] giving "Y" [N, C, H, W]: ONNX's
+// GridSample (bilinear, border, align_corners 0) or com.vantorix::GridSampleFast.
+std::vector<uint8_t> gridSampleModel(bool fast, int64_t N, int64_t C, int64_t H, int64_t W);
+// The warp over "P_rgb" [N, C, H, W] and "grid" [N, H, W, 2] giving "warped" [N, 3, H, W]: one
+// com.vantorix::WarpDirector node, or the standard block of addStandardWarpBlock.
+std::vector<uint8_t> warpModel(bool fused, int64_t N, int64_t C, int64_t H, int64_t W);
+
 // Writes bytes to a file; throws std::runtime_error naming the path on failure.
 void writeModelBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 // Reads a whole file; throws std::runtime_error naming the path on failure.
