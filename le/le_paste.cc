@@ -54,8 +54,10 @@ inline float clamp255(float v) { return v > 0.f ? (v < 255.f ? v : 255.f) : 0.f;
 
 // The unsharp loops run for every frame over the whole crop: compiled for AVX-512 and AVX2 as
 // well as the baseline. Contraction into fused multiply-add is off (the AVX-512 target has FMA),
-// so every variant gives the same bits.
-#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
+// so every variant gives the same bits. Sanitizer builds keep one variant: their instrumented
+// ifunc resolvers would run before the sanitizer runtime is up.
+#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__) && \
+    !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
 #define LE_PASTE_CLONES \
   __attribute__((target_clones("avx512f", "avx2", "default"), optimize("fp-contract=off")))
 #else
