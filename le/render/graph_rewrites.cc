@@ -453,7 +453,8 @@ size_t rewriteHeadCubicResize(std::vector<uint8_t>& model) {
   const std::vector<int64_t> wdims = tensorDims(wt);
   if (wdims.size() != 4) return 0;
   int64_t group = 1;
-  if (const Attr* ga = findAttr(readAttrs(conv.bytes), "group")) {
+  const std::vector<Attr> convAttrs = readAttrs(conv.bytes);
+  if (const Attr* ga = findAttr(convAttrs, "group")) {
     if (!ga->hasI || ga->i <= 0) return 0;
     group = ga->i;
   }
