@@ -23,14 +23,6 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-
-#if defined(__SANITIZE_ADDRESS__)
-// libx265 keeps a few parameter strings of every encoder it opens; they are not ours to free.
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
-  return "leak:libx265.so\n";
-}
-#endif
-
 namespace fs = std::filesystem;
 using namespace le::forge;
 
