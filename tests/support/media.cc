@@ -239,6 +239,11 @@ void yuv444ToRgbRef(int Y, int U, int V, int* rgb) {
 
 }  // namespace le::testmedia
 
+// Every test binary asks the linker for this symbol, so the suppressions below come along even
+// where a test uses nothing else of this file (the sanitizer runtimes define weak defaults of
+// the suppression hooks themselves, which would satisfy a request for those).
+extern "C" const int le_test_suppressions_anchor = 1;
+
 #if defined(__SANITIZE_THREAD__)
 // FFmpeg and the encoders are not instrumented: their frame threads hand buffers over through
 // atomics ThreadSanitizer cannot see, so the allocator calls they make look racy. Our own
