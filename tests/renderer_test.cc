@@ -29,11 +29,6 @@
 #include "tools/forge/forge.h"
 #include "tools/forge/onnx_builder.h"
 
-// ONNX Runtime keeps a few process-lifetime allocations of its own.
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
-  return "leak:libonnxruntime.so\n";
-}
-
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using ::testing::Not;

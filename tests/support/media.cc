@@ -259,8 +259,10 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_sup
 #endif
 
 #if defined(__SANITIZE_ADDRESS__)
-// libx265 keeps a few filter buffers of every encoder it opens until the process ends.
+// libx265 keeps a few filter buffers of every encoder it opens until the process ends, and ONNX
+// Runtime a few allocations of its own.
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
-  return "leak:libx265.so\n";
+  return "leak:libx265.so\n"
+         "leak:libonnxruntime.so\n";
 }
 #endif
