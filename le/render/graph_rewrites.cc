@@ -207,26 +207,33 @@ Bytes copyNodeWithout(GsSlice node, std::initializer_list<uint32_t> skip) {
   return out;
 }
 
-// Rewrites every node for which `replace` returns a new NodeProto payload (non-empty); copies
-// all else. Returns the rebuilt model.
-Bytes rebuildNodes(GsSlice model, const std::function<Bytes(GsSlice)>& replace, bool vantorix) {
-  return rebuildModel(
+// Rewrites every node `qualifies` accepts into the NodeProto payload `rewrite` makes of it, and
+// returns how many; with none the bytes are left alone.
+size_t rewriteMatchingNodes(std::vector<uint8_t>& model, bool (*qualifies)(GsSlice), bool vantorix,
+                            const std::function<Bytes(GsSlice)>& rewrite) {
+  GsSlice graph = gsGraphOf(model);
+  if (graph.empty()) return 0;
+  size_t count = 0;
+  {
+    GsReader r(graph);
+    GsField fd;
+    while (r.next(fd))
+      if (isNodeField(fd) && qualifies(fd.payload)) ++count;
+  }
+  if (!count) return 0;
+  Bytes out = rebuildModel(
       model,
-      [&](GsSlice graph, Bytes& g) {
-        GsReader r(graph);
+      [&](GsSlice g, Bytes& ng) {
+        GsReader r(g);
         GsField fd;
         while (r.next(fd)) {
-          if (isNodeField(fd)) {
-            Bytes n = replace(fd.payload);
-            if (!n.empty()) {
-              gsPutBytes(g, f::kGraphNode, n);
-              continue;
-            }
-          }
-          gsPutRaw(g, fd.raw);
+          if (isNodeField(fd) && qualifies(fd.payload)) gsPutBytes(ng, f::kGraphNode, rewrite(fd.payload));
+          else gsPutRaw(ng, fd.raw);
         }
       },
       vantorix);
+  model.swap(out);
+  return count;
 }
 
 std::vector<int64_t> tensorDims(GsSlice t) {
@@ -328,29 +335,13 @@ bool gsIsRewritableGridSample(GsSlice node) {
 }
 
 size_t rewriteGridSampleToFast(std::vector<uint8_t>& model) {
-  GsSlice graph = gsGraphOf(model);
-  if (graph.empty()) return 0;
-  size_t count = 0;
-  {
-    GsReader r(graph);
-    GsField fd;
-    while (r.next(fd))
-      if (isNodeField(fd) && gsIsRewritableGridSample(fd.payload)) ++count;
-  }
-  if (!count) return 0;
-  Bytes out = rebuildNodes(
-      model,
-      [](GsSlice node) {
-        if (!gsIsRewritableGridSample(node)) return Bytes();
-        // The custom node's sampling is fixed, so it carries no attributes.
-        Bytes n = copyNodeWithout(node, {f::kNodeOpType, f::kNodeAttribute, f::kNodeDomain});
-        gsPutBytes(n, f::kNodeOpType, std::string("GridSampleFast"));
-        gsPutBytes(n, f::kNodeDomain, std::string(kCustomDomain));
-        return n;
-      },
-      true);
-  model.swap(out);
-  return count;
+  return rewriteMatchingNodes(model, gsIsRewritableGridSample, true, [](GsSlice node) {
+    // The custom node's sampling is fixed, so it carries no attributes.
+    Bytes n = copyNodeWithout(node, {f::kNodeOpType, f::kNodeAttribute, f::kNodeDomain});
+    gsPutBytes(n, f::kNodeOpType, std::string("GridSampleFast"));
+    gsPutBytes(n, f::kNodeDomain, std::string(kCustomDomain));
+    return n;
+  });
 }
 
 bool graphHasBakedGridSampleFast(GsSlice model) {
@@ -382,28 +373,12 @@ bool gsIsStudentBlendMatMul(GsSlice node) {
 }
 
 size_t normaliseStudentBlend(std::vector<uint8_t>& model) {
-  GsSlice graph = gsGraphOf(model);
-  if (graph.empty()) return 0;
-  size_t count = 0;
-  {
-    GsReader r(graph);
-    GsField fd;
-    while (r.next(fd))
-      if (isNodeField(fd) && gsIsStudentBlendMatMul(fd.payload)) ++count;
-  }
-  if (!count) return 0;
-  Bytes out = rebuildNodes(
-      model,
-      [](GsSlice node) {
-        if (!gsIsStudentBlendMatMul(node)) return Bytes();
-        // Gemm's defaults (alpha = beta = 1, no transposes, no C) make it the same 2-D product.
-        Bytes n = copyNodeWithout(node, {f::kNodeOpType, f::kNodeDomain});
-        gsPutBytes(n, f::kNodeOpType, std::string("Gemm"));
-        return n;
-      },
-      false);
-  model.swap(out);
-  return count;
+  return rewriteMatchingNodes(model, gsIsStudentBlendMatMul, false, [](GsSlice node) {
+    // Gemm's defaults (alpha = beta = 1, no transposes, no C) make it the same 2-D product.
+    Bytes n = copyNodeWithout(node, {f::kNodeOpType, f::kNodeDomain});
+    gsPutBytes(n, f::kNodeOpType, std::string("Gemm"));
+    return n;
+  });
 }
 
 // ---- head cubic x2 resize -----------------------------------------------------------------------
