@@ -17,11 +17,6 @@
 #include "tools/forge/director_graph.h"
 #include "tools/forge/onnx_builder.h"
 
-// ONNX Runtime keeps a few process-lifetime allocations of its own.
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
-  return "leak:libonnxruntime.so\n";
-}
-
 using le::GsSlice;
 using le::forge::Attr;
 using le::forge::DirectorGraphOptions;
