@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -45,7 +46,8 @@ std::string scratch(const std::string& name) {
   const char* t = std::getenv("LE_TEST_TMP");
   const fs::path base = t && *t ? fs::path(t) : fs::temp_directory_path() / "le_renderer_test";
   fs::create_directories(base);
-  const fs::path p = base / name;
+  // ctest runs every test case in its own process, several at once: one directory per process.
+  const fs::path p = base / (name + "_" + std::to_string(::getpid()));
   fs::remove_all(p);
   return p.string();
 }
@@ -150,22 +152,19 @@ class RendererTest : public ::testing::Test {
   static void SetUpTestSuite() {
     le::forge::Params p = smallBundle();
     p.fsRed = true;
-    dir_ = new std::string(forgeWithDirectors("renderer_bundle", p));
+    dir_ = forgeWithDirectors("renderer_bundle", p);
   }
-  static void TearDownTestSuite() {
-    fs::remove_all(*dir_);
-    delete dir_;
-  }
+  static void TearDownTestSuite() { fs::remove_all(dir_); }
   static std::string model(const std::string& key, const std::vector<uint8_t>& bytes) {
-    le::forge::writeModelBytes(*dir_ + "/model_" + key + ".onnx", bytes);
+    le::forge::writeModelBytes(dir_ + "/model_" + key + ".onnx", bytes);
     return key;
   }
-  static std::string* dir_;
+  static std::string dir_;
 };
-std::string* RendererTest::dir_ = nullptr;
+std::string RendererTest::dir_;
 
 TEST_F(RendererTest, InputContractRefusals) {
-  Loaded l(*dir_);
+  Loaded l(dir_);
   const std::string path = l.manifest.modelPath("kp22");
   auto build = [&](const std::string& key) {
     return refusal([&] { le::Renderer r(l.manifest, *l.identity, key, 1, ""); });
@@ -199,7 +198,7 @@ TEST_F(RendererTest, InputContractRefusals) {
   model("kpdyn", arithmeticDirector(64, {1, 64, 32, 32}, {1, -1, 3}));
   EXPECT_EQ(build("kpdyn"), "(no refusal)");
 
-  EXPECT_THAT(build("missing"), StartsWith("Renderer: cannot open " + *dir_));
+  EXPECT_THAT(build("missing"), StartsWith("Renderer: cannot open " + dir_));
 }
 
 TEST_F(RendererTest, MissingTablesAreRefused) {
@@ -229,7 +228,7 @@ TEST_F(RendererTest, MissingTablesAreRefused) {
 TEST_F(RendererTest, RenderFillsAndPadsEverySlot) {
   model("b3arith", arithmeticDirector(64, {3, 64, 32, 32}, {3, 21, 3}));
   model("fsarith", arithmeticDirector(64, {2, 64, 32, 32}, {2, 21, 3}, true));
-  Loaded l(*dir_);
+  Loaded l(dir_);
   const size_t plane = 3 * 64 * 64;
   std::vector<float> ks(3 * 63), kd(3 * 63);
   for (size_t i = 0; i < ks.size(); ++i) ks[i] = 0.01f * float(i % 17), kd[i] = 0.02f * float(i % 11);
@@ -243,9 +242,9 @@ TEST_F(RendererTest, RenderFillsAndPadsEverySlot) {
     for (float x : v) s += x;
     return s / double(v.size());
   };
-  const std::string pooledPath = le::resolveMember(*dir_, "pooled64.f16");
-  const std::string priorPath = le::resolveMember(*dir_, "P.f16");
-  const std::string fsPath = le::resolveMember(*dir_, "fs_red.f16");
+  const std::string pooledPath = le::resolveMember(dir_, "pooled64.f16");
+  const std::string priorPath = le::resolveMember(dir_, "P.f16");
+  const std::string fsPath = le::resolveMember(dir_, "fs_red.f16");
 
   le::Renderer r(l.manifest, *l.identity, "b3arith", 1, "");
   EXPECT_EQ(r.batch(), 3);
@@ -280,7 +279,7 @@ TEST_F(RendererTest, RenderFillsAndPadsEverySlot) {
 }
 
 TEST_F(RendererTest, ProvidersAndTheirLines) {
-  Loaded l(*dir_);
+  Loaded l(dir_);
   model("prov", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
   auto build = [&](const std::string& ep) {
     return refusal([&] { le::Renderer r(l.manifest, *l.identity, "prov", 1, ep); });
@@ -314,7 +313,7 @@ TEST_F(RendererTest, ProvidersAndTheirLines) {
 }
 
 TEST_F(RendererTest, ProfileLinesAtDestruction) {
-  Loaded l(*dir_);
+  Loaded l(dir_);
   model("prof", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
   const std::string prefix = scratch("renderer_profile");
   fs::create_directories(prefix);
@@ -340,7 +339,7 @@ TEST_F(RendererTest, ProfileLinesAtDestruction) {
 // A graph with GridSampleFast baked in is refused when the custom op is switched off; a standard
 // graph then loads and runs ONNX Runtime's own GridSample.
 TEST_F(RendererTest, GridSampleSwitches) {
-  Loaded l(*dir_);
+  Loaded l(dir_);
   std::vector<uint8_t> baked = le::forge::readModelBytes(l.manifest.modelPath("b1"));
   ASSERT_GT(le::rewriteGridSampleToFast(baked), 0u);
   model("baked", baked);
@@ -386,7 +385,7 @@ struct Ctx {
 };
 
 TEST_F(RendererTest, EntryPointRefusals) {
-  Ctx ctx(*dir_, "b1", 1, "");
+  Ctx ctx(dir_, "b1", 1, "");
   ASSERT_NE(ctx.c, nullptr) << le_last_error();
   const int nt = le_nt(ctx.c);
   std::vector<float> kp(63, 0.f);
@@ -404,11 +403,11 @@ TEST_F(RendererTest, EntryPointRefusals) {
   EXPECT_EQ(le_render_drive_rgba(nullptr, 0, nullptr, 0), 0);
 
   // A renderer that cannot be built is tried again by the next render.
-  Ctx bad(*dir_, "nosuchkey", 1, "xnnpack");
+  Ctx bad(dir_, "nosuchkey", 1, "xnnpack");
   ASSERT_NE(bad.c, nullptr) << le_last_error();
   EXPECT_EQ(le_render_kp_crop(bad.c, 0, kp.data(), kp.data()), nullptr);
   EXPECT_THAT(le_last_error(), StartsWith("le_render_kp_crop: Renderer: ep 'xnnpack' is REFUSED."));
-  Ctx unknown(*dir_, "b1", 1, "cuda");
+  Ctx unknown(dir_, "b1", 1, "cuda");
   EXPECT_EQ(le_render_drive_crop(unknown.c, 0), nullptr);
   EXPECT_STREQ(le_last_error(), "le_render_kp_crop: Renderer: unknown ep 'cuda'");
   EXPECT_EQ(le_render_drive_crop(unknown.c, 0), nullptr);
@@ -419,7 +418,7 @@ TEST_F(RendererTest, IntraOpThreadsLine) {
   std::vector<float> kp(63, 0.f);
   const int pool = le::pool::threads();
   {
-    Ctx ctx(*dir_, "b1", 0, nullptr);
+    Ctx ctx(dir_, "b1", 0, nullptr);
     ::testing::internal::CaptureStderr();
     ASSERT_NE(le_render_kp_crop(ctx.c, 0, kp.data(), kp.data()), nullptr) << le_last_error();
     EXPECT_THAT(::testing::internal::GetCapturedStderr(),
@@ -428,7 +427,7 @@ TEST_F(RendererTest, IntraOpThreadsLine) {
                           ": the caller did not choose, the core sized it for the le_utt pipeline\n"));
   }
   for (auto [threads, ep] : {std::pair<int, const char*>{4, nullptr}, {0, "coreml"}}) {
-    Ctx ctx(*dir_, "b1", threads, ep);
+    Ctx ctx(dir_, "b1", threads, ep);
     ::testing::internal::CaptureStderr();
     ASSERT_NE(le_render_kp_crop(ctx.c, 0, kp.data(), kp.data()), nullptr) << le_last_error();
     EXPECT_THAT(::testing::internal::GetCapturedStderr(), Not(HasSubstr("director intra-op")));
@@ -436,7 +435,7 @@ TEST_F(RendererTest, IntraOpThreadsLine) {
 }
 
 TEST_F(RendererTest, RgbaAndPasteLast) {
-  Ctx ctx(*dir_, "b1", 1, "");
+  Ctx ctx(dir_, "b1", 1, "");
   const int W = le_width(ctx.c), H = le_height(ctx.c);
   const size_t rgba = size_t(W) * H * 4;
   std::vector<uint8_t> out(rgba, 7);
@@ -533,7 +532,7 @@ struct Warp {
 TEST_F(RendererTest, CropMatchesPlainLoopWarp) {
   const le::forge::Params p = smallBundle();
   const int S = p.crop, si = 2;
-  const std::vector<float> P = widenFile(le::resolveMember(*dir_, "P.f16"), si, size_t(3) * S * S);
+  const std::vector<float> P = widenFile(le::resolveMember(dir_, "P.f16"), si, size_t(3) * S * S);
   const Warp warp(P, S);
   const std::vector<float> ks = le::forge::keypoints(p, si);
   std::vector<float> kdA = ks, kdB = ks;
@@ -543,7 +542,7 @@ TEST_F(RendererTest, CropMatchesPlainLoopWarp) {
   }
   const le::forge::DirectorGraphOptions gopt;
 
-  Ctx ctx(*dir_, "b1", 2, "");
+  Ctx ctx(dir_, "b1", 2, "");
   std::vector<std::vector<float>> crops;
   for (const auto* kd : {&kdA, &kdB}) {
     const float* c = le_render_kp_crop(ctx.c, si, ks.data(), kd->data());
@@ -590,7 +589,7 @@ TEST_F(RendererTest, WarpKernelsAgree) {
   for (int k = 0; k < 21; ++k) kd[3 * k + 1] += 0.06f * std::sin(float(k));
   auto render = [&](const char* var, const char* value, std::string* err) {
     ScopedEnv env(var, value);
-    Ctx ctx(*dir_, "b1", 2, "");
+    Ctx ctx(dir_, "b1", 2, "");
     ::testing::internal::CaptureStderr();
     const float* c = le_render_kp_crop(ctx.c, 1, ks.data(), kd.data());
     *err = ::testing::internal::GetCapturedStderr();
@@ -616,7 +615,7 @@ TEST_F(RendererTest, WarpKernelsAgree) {
 
 // The batched member renders each frame as the single-frame member does.
 TEST_F(RendererTest, BatchedMemberAgreesWithSingleFrames) {
-  Loaded l(*dir_);
+  Loaded l(dir_);
   const le::forge::Params p = smallBundle();
   le::Renderer one(l.manifest, *l.identity, "b1", 2, "");
   le::Renderer four(l.manifest, *l.identity, "b4", 2, "");
