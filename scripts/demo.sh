@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the dependencies, builds the engine and the le tool, forges a demo bundle and
-# renders it into out/demo.mp4.
+# renders it into out/demo.mp4, plus one director frame with the mouth opened, out/demo_frame.png.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
@@ -11,4 +11,5 @@ cmake --build "$build" -j"$(nproc)" --target le
 mkdir -p out
 "$build/tools/le" forge out/demo_bundle --frames 50 --force
 "$build/tools/le" paste out/demo_bundle -o out/demo.mp4
-echo "wrote out/demo.mp4"
+"$build/tools/le" frame out/demo_bundle -o out/demo_frame.png --si 0 --open 0.6
+echo "wrote out/demo.mp4 and out/demo_frame.png"
