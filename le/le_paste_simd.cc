@@ -62,15 +62,6 @@ inline float pasteAlpha(const uint8_t* mask, int crop, const float* bilinear, co
   return r / 255.0f;
 }
 
-// Blends the three channel sums into the frame pixel; the result is truncated.
-inline void pasteBlend(float alpha, const float* sum, uint8_t* px) {
-  for (int k = 0; k < 3; ++k) {
-    float v = (1.0f - alpha) * static_cast<float>(px[k]) + alpha * sum[k];
-    v = v < 0.0f ? 0.0f : (v > 255.0f ? 255.0f : v);
-    px[k] = static_cast<uint8_t>(static_cast<int>(v));
-  }
-}
-
 inline bool pasteInterior(const PastePos& p, int crop) {
   return p.ix - 3 >= 0 && p.ix + 4 < crop && p.iy - 3 >= 0 && p.iy + 4 < crop;
 }
@@ -101,7 +92,6 @@ using D4 = hn::FixedTag<float, 4>;
 using V4 = hn::Vec<D4>;
 
 // Channel sums of one pixel; columns and rows outside the crop contribute nothing.
-// Channel sums of one pixel; columns and rows outside the crop contribute nothing.
 HWY_INLINE V4 LanczosPixel(const float* HWY_RESTRICT src, int crop, const float* HWY_RESTRICT kx,
                            const float* HWY_RESTRICT ky, const detail::PastePos& p, bool interior) {
   const D4 d;
@@ -110,15 +100,15 @@ HWY_INLINE V4 LanczosPixel(const float* HWY_RESTRICT src, int crop, const float*
     const size_t rs = static_cast<size_t>(crop) * 4;
     const float* s = src + (static_cast<size_t>(p.iy - 3) * crop + (p.ix - 3)) * 4;
 #if HWY_TARGET <= HWY_AVX2
-    // Two rows per 256-bit vector (row 2m in block 0, row 2m + 1 in block 1), built from
-    // broadcast loads and a blend; every lane runs the 128-bit sequence below.
+    // Two rows per 256-bit vector (row 2m in block 0, row 2m + 1 in block 1), built from a
+    // load and an insert; every lane runs the 128-bit sequence below.
     const hn::FixedTag<float, 8> dw;
     hn::Vec<decltype(dw)> r[4];
     LE_UNROLL8 for (int i = 0; i < 8; ++i) {
       const auto k = hn::Set(dw, kx[i]);
       LE_UNROLL8 for (int m = 0; m < 4; ++m) {
         const float* t = s + 2 * m * rs + 4 * i;
-        const auto v = hn::OddEvenBlocks(hn::LoadDup128(dw, t + rs), hn::LoadDup128(dw, t));
+        const auto v = hn::Combine(dw, hn::LoadU(d, t + rs), hn::LoadU(d, t));  // load + insert
         r[m] = i == 0 ? hn::Mul(k, v) : hn::Add(r[m], hn::Mul(k, v));
       }
     }
@@ -206,22 +196,37 @@ HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const floa
   }
 }
 
+// Blends the channel sums (lanes 0..2) into the frame pixel: (1 - alpha) * dst + alpha * sum,
+// clamped to 0..255 and truncated.
+HWY_INLINE void BlendPixel(float alpha, V4 sum, uint8_t* HWY_RESTRICT px) {
+  const D4 d;
+  const hn::Rebind<int32_t, D4> di;
+  const hn::Rebind<uint8_t, D4> d8;
+  uint8_t bytes[4] = {px[0], px[1], px[2], 0};  // the pixel's bytes only: the row may end here
+  const V4 old = hn::ConvertTo(d, hn::PromoteTo(di, hn::LoadU(d8, bytes)));
+  V4 v = hn::Add(hn::Mul(hn::Set(d, 1.0f - alpha), old), hn::Mul(hn::Set(d, alpha), sum));
+  v = hn::Min(hn::Max(v, hn::Zero(d)), hn::Set(d, 255.0f));
+  hn::StoreU(hn::DemoteTo(d8, hn::ConvertTo(di, v)), d8, bytes);  // truncating conversion
+  px[0] = bytes[0];
+  px[1] = bytes[1];
+  px[2] = bytes[2];
+}
+
 void PasteLanczos8Row(const float* HWY_RESTRICT src, int crop, const uint8_t* HWY_RESTRICT mask,
                       const float* HWY_RESTRICT lanczos, const float* HWY_RESTRICT bilinear,
                       const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x,
                       int row_y, int x_begin, int x_end, uint8_t* HWY_RESTRICT dst_row) {
   constexpr int kSpan = 256;
   HWY_ALIGN float alpha[kSpan];
-  HWY_ALIGN float sum[4];
   for (int x0 = x_begin; x0 <= x_end; x0 += kSpan) {
     const int off = x0 - x_begin, count = std::min(kSpan, x_end - x0 + 1);
     RowAlphas(crop, mask, bilinear, col_x + off, col_y + off, row_x, row_y, count, alpha);
     for (int k = 0; k < count; ++k) {
       if (!(alpha[k] > 0.0f)) continue;  // outside the crop, or nothing to blend
       const detail::PastePos p = detail::pastePos(row_x + col_x[off + k], row_y + col_y[off + k], crop);
-      hn::Store(LanczosPixel(src, crop, lanczos + 8 * p.px, lanczos + 8 * p.py, p, detail::pasteInterior(p, crop)),
-                D4(), sum);
-      detail::pasteBlend(alpha[k], sum, dst_row + 3 * static_cast<size_t>(x0 + k));
+      BlendPixel(alpha[k],
+                 LanczosPixel(src, crop, lanczos + 8 * p.px, lanczos + 8 * p.py, p, detail::pasteInterior(p, crop)),
+                 dst_row + 3 * static_cast<size_t>(x0 + k));
     }
   }
 }
