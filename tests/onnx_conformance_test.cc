@@ -13,11 +13,6 @@
 #include "tests/onnx_suite.h"
 #include "tools/forge/onnx_builder.h"
 
-// ONNX Runtime keeps a few process-lifetime allocations of its own.
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
-  return "leak:libonnxruntime.so\n";
-}
-
 using le::GsField;
 using le::GsReader;
 using le::GsSlice;

@@ -14,11 +14,6 @@
 #include "tests/onnx_ort.h"
 #include "tools/forge/onnx_builder.h"
 
-// ONNX Runtime keeps a few process-lifetime allocations of its own.
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
-  return "leak:libonnxruntime.so\n";
-}
-
 using le::forge::OnnxBuilder;
 using le::test::Feed;
 
