@@ -1,20 +1,7 @@
 // Half-precision conversion, retrieval terms and the 3x3 convolution, compiled once per
 // x86 target (this file is re-included by foreach_target.h) with run-time dispatch.
 
-// SSSE3 is the oldest target compiled; it also serves as the baseline slot of every table.
-#ifndef HWY_BASELINE_TARGETS
-#define HWY_BASELINE_TARGETS HWY_SSSE3
-#endif
-#ifndef HWY_WANT_AVX3_DL
-#define HWY_WANT_AVX3_DL
-#endif
-
-// Products and sums stay separate roundings on every target (no fused multiply-add).
-#if defined(__clang__)
-#pragma STDC FP_CONTRACT OFF
-#elif defined(__GNUC__)
-#pragma GCC optimize("fp-contract=off")
-#endif
+#include "le/le_simd_targets.h"
 
 #ifndef LE_SIMD_CC_SCALAR_ONCE
 #define LE_SIMD_CC_SCALAR_ONCE

@@ -1,13 +1,7 @@
 // Limited-range BT.601 4:2:0 rows to packed RGB, compiled once per x86 target (this file
 // is re-included by foreach_target.h) with run-time dispatch.
 
-// SSSE3 is the oldest target compiled; it also serves as the baseline slot of every table.
-#ifndef HWY_BASELINE_TARGETS
-#define HWY_BASELINE_TARGETS HWY_SSSE3
-#endif
-#ifndef HWY_WANT_AVX3_DL
-#define HWY_WANT_AVX3_DL
-#endif
+#include "le/le_simd_targets.h"
 
 #ifndef LE_YUV2RGB_SCALAR_ONCE
 #define LE_YUV2RGB_SCALAR_ONCE

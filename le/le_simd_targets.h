@@ -1,0 +1,18 @@
+// Included first by every kernel-family source, before Highway: which targets are compiled
+// and how floating point is contracted there.
+#pragma once
+
+// SSSE3 is the oldest target compiled; it also serves as the baseline slot of every table.
+#ifndef HWY_BASELINE_TARGETS
+#define HWY_BASELINE_TARGETS HWY_SSSE3
+#endif
+#ifndef HWY_WANT_AVX3_DL
+#define HWY_WANT_AVX3_DL
+#endif
+
+// Products and sums stay separate roundings on every target (no fused multiply-add).
+#if defined(__clang__)
+#pragma STDC FP_CONTRACT OFF
+#elif defined(__GNUC__)
+#pragma GCC optimize("fp-contract=off")
+#endif
