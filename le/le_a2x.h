@@ -9,6 +9,26 @@
 extern "C" {
 #endif
 
+/* ==== le_a2x: audio-to-expression stream and speech encoders ============================ */
+
+
+
+/* ==== le_fca: stream delta model ========================================================= */
+
+
+
+/* ==== le_motion: motion generator ======================================================== */
+
+
+
+/* ==== le_utt: utterance pipeline ========================================================= */
+
+
+
+/* ==== le_stream: offline stream renderer ================================================= */
+
+
+
 #ifdef __cplusplus
 }  /* extern "C" */
 #endif
