@@ -15,6 +15,7 @@ apt_packages=(
   libhwy-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libonnx-testdata
+  espeak-ng sox
   libopencv-dev
   clang
 )
