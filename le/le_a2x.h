@@ -94,6 +94,59 @@ LE_API int le_a2x_w2v8_lazy(void);
 
 /* ==== le_motion: motion generator ======================================================== */
 
+/* Audio-driven keypoint source over a motion directory (tables and three networks): pushed
+ * float32 mono audio at 16 kHz becomes one (source index, source keypoints, driven keypoints)
+ * triple per video frame of 640 samples. Lips follow the speech; pose and scale are those of
+ * the frame's source image. One thread at a time per handle; different handles may run on
+ * different threads at once. */
+typedef struct le_motion le_motion;
+
+/* This thread's last message of the le_motion functions; "" when the last call succeeded.
+ * Owned by the library, valid until the next le_motion call on this thread. Never null. */
+LE_API const char* le_motion_last_error(void);
+
+/* Opens the motion directory motion_dir (read during the call) and runs every network once.
+ * threads < 1 takes the engine's default budget. ep: execution provider, null or "" for the
+ * CPU; "coreml..." falls back as the renderer's does; anything else is refused. The handle
+ * starts reset to source 0, direction +1, wrap. Returns a handle owned by the caller (free
+ * with le_motion_destroy), or null with le_motion_last_error() set. */
+LE_API le_motion* le_motion_create(const char* motion_dir, int threads, const char* ep);
+/* Releases the handle (null is ignored). */
+LE_API void le_motion_destroy(le_motion* m);
+
+/* Source frames NT of the motion directory; 0 for null. */
+LE_API int le_motion_nt(const le_motion* m);
+
+/* Starts a new utterance: drops all audio and frames, the source walk restarts at start
+ * (clamped to 0 .. NT-1) stepping by direction (< 0: -1, else +1); loop != 0 walks ping-pong
+ * (0 .. NT-1 .. 1, 0 ..), loop == 0 wraps. Keeps the eager setting. Null is ignored. */
+LE_API void le_motion_reset(le_motion* m, int start, int direction, int loop);
+
+/* Eager delivery: 0 off (frames appear once their 80-frame chunk is computed); > 0 computes
+ * provisional frames every `value` frames of new audio; < 0 adapts that step to the measured
+ * cost. Applies from the next advance. Null is ignored. */
+LE_API void le_motion_set_eager(le_motion* m, int value);
+
+/* Appends n samples (float32, read during the call) to the open utterance. n = 0 returns 1.
+ * Returns 1, or 0 with "le_motion_push: bad args / already finished" for a null handle or
+ * samples, n < 0, or after le_motion_finish. Does no network work itself. */
+LE_API int le_motion_push(le_motion* m, const float* samples, int n);
+/* Ends the utterance: total = ceil(samples / 640) frames. A second call does nothing; null is
+ * ignored. The remaining work runs on the next avail/pull (at once with LE_MOTION_DUMP set). */
+LE_API void le_motion_finish(le_motion* m);
+/* Total frames of the finished utterance; -1 when null or not finished. */
+LE_API int le_motion_total(const le_motion* m);
+
+/* Runs the work the pushed audio allows, then returns the frames pullable now; 0 with
+ * le_motion_last_error() set on failure (work completed so far is kept). After finish it
+ * reaches 0 once all total frames were pulled. */
+LE_API int le_motion_avail(le_motion* m);
+/* As le_motion_avail, then emits up to max (>= 1) pullable frames. Per frame: its source
+ * index into source_idx[i] (source_idx may be null), 63 source keypoint floats into
+ * source + 63*i and 63 driven floats into driven + 63*i (all caller-owned, room for max
+ * frames). Returns the frames written (0 when none are pullable), or 0 with
+ * "le_motion_pull: bad args" (null handle/source/driven, max < 1) or another message set. */
+LE_API int le_motion_pull(le_motion* m, int* source_idx, float* source, float* driven, int max);
 
 
 /* ==== le_utt: utterance pipeline ========================================================= */
