@@ -151,7 +151,91 @@ LE_API int le_motion_pull(le_motion* m, int* source_idx, float* source, float* d
 
 /* ==== le_utt: utterance pipeline ========================================================= */
 
+/* Real-time pipeline on one context: the host pushes 16-bit PCM (mono, 16 kHz) whenever it has
+ * some and pulls finished full frames (W*H*3 RGB) at its own pace. Between utterances it delivers
+ * the drive video's own frames (idle), after speech it eases back to the idle pose (ramp).
+ *
+ * Threads: the pipeline owns its threads. Its functions may be called from any host thread, also
+ * concurrently with each other on the same handle (typically one thread pushes, another pulls),
+ * except le_utt_destroy, which must not overlap any other call on the handle. While a pipeline
+ * lives, the host must not call other functions on its context (the pipeline renders and pastes
+ * with it); destroy the pipeline before the context. */
+typedef struct le_utt le_utt;
 
+typedef struct le_utt_opts {
+  const char* motion_dir;  /* keypoint source directory; required. Read during le_utt_create. */
+  int32_t threads;         /* keypoint source threads; < 1: the context's thread count */
+  const char* motionEp;    /* execution provider of the motion generator; null = "" */
+  const char* steadyModel; /* steady chunk renderer key; null/"": "b24_fp32"; "-": none.
+                              LE_STEADY_MODEL replaces it. */
+  int32_t batch;           /* -2: hybrid cadence; other < 1: hybrid from LE_UTT_HYBRID, batch -1;
+                              >= 1: hybrid off, this eager batch */
+  double endSilence;       /* seconds without a push that end the utterance; 0: 0.6; < 0: never */
+  int32_t rampFrames;          /* ramp after a natural end; < 1: 6 */
+  int32_t interruptRampFrames; /* ramp after an interrupt; < 1: 4 */
+} le_utt_opts;
+
+/* Frame kinds of le_utt_frame_info.kind. */
+#define LE_UTT_KIND_IDLE 0u
+#define LE_UTT_KIND_SPEECH 1u
+#define LE_UTT_KIND_RAMP 2u
+
+typedef struct le_utt_frame_info {
+  uint64_t seq;         /* delivery number, from 0 over the pipeline's life */
+  uint32_t kind;        /* 0 idle, 1 speech, 2 ramp */
+  uint32_t sourceIndex; /* the source frame the picture shows */
+  uint32_t speechIndex; /* number within its utterance from 0; 0xFFFFFFFF for idle and ramp */
+} le_utt_frame_info;
+
+typedef struct le_utt_stats {
+  uint64_t framesPulled;
+  uint64_t speechFramesPulled;
+  uint64_t firstFrames;       /* utterances whose first speech frame reached the output */
+  double firstFrameLatencyMs; /* last utterance: first push -> first speech frame in the ring */
+  double renderMsAverage;     /* moving average of render + hand-over time per speech frame */
+  int32_t state;              /* 0 idle, 1 speech begun, 2 speaking, 3 ramp */
+} le_utt_stats;
+
+/* The le_utt family's last error on this thread; never null, owned by the library, valid until
+ * the next le_utt call on this thread. */
+LE_API const char* le_utt_last_error(void);
+
+/* Builds the pipeline on ctx (borrowed: it must outlive the pipeline) and starts its threads.
+ * Ensures the context's director renderer; the keypoint source is created on a warm-up thread
+ * (see le_utt_ready). Returns a handle owned by the caller (free with le_utt_destroy), or null
+ * with le_utt_last_error() set ("le_utt_create: NULL ctx/opts" for null arguments). */
+LE_API le_utt* le_utt_create(le_ctx* ctx, const le_utt_opts* opts);
+/* le_utt_create with motion_dir and every other option zero. */
+LE_API le_utt* le_utt_open(le_ctx* ctx, const char* motion_dir);
+/* Stops and joins the threads, releases the keypoint source (null is ignored). Frames not yet
+ * pulled are dropped. */
+LE_API void le_utt_destroy(le_utt* utt);
+
+/* 1 once the keypoint source is ready, 0 while it warms up, -1 for null or when its creation
+ * failed (the source's message is then copied into le_utt_last_error()). Audio pushed before
+ * ready is discarded; idle frames flow regardless. */
+LE_API int le_utt_ready(le_utt* utt);
+/* Appends n samples of pcm (read during the call) to the current utterance. Returns 1, or 0 with
+ * "le_utt_push_audio: bad args" for a null handle or pcm or n < 0. */
+LE_API int le_utt_push_audio(le_utt* utt, const int16_t* pcm, int n);
+/* Marks the current utterance's audio complete: its last frames are rendered, then the ramp. */
+LE_API void le_utt_end_utterance(le_utt* utt);
+/* Cuts the utterance: drops its unrendered audio and every frame not yet pulled, then ramps from
+ * the last pulled frame back to idle. */
+LE_API void le_utt_interrupt(le_utt* utt);
+/* Finished frames waiting (at most 8); 0 for null. */
+LE_API int le_utt_frames_available(le_utt* utt);
+/* Copies the oldest waiting frame (W*H*3 RGB) into out (caller-owned, capacity bytes) and fills
+ * info when not null. Returns 1; 0 without a message when no frame waits; 0 with
+ * "le_utt_pull_frame: bad args" (null handle or out) or "le_utt_pull_frame: buffer too small"
+ * (the frame stays queued). */
+LE_API int le_utt_pull_frame(le_utt* utt, uint8_t* out, size_t capacity, le_utt_frame_info* info);
+/* Copies the statistics into stats. Null handle or stats is ignored. */
+LE_API void le_utt_get_stats(le_utt* utt, le_utt_stats* stats);
+/* Render failures: count (when not null) = failures recorded; text (when not null and
+ * capacity >= 1) = the last failure's description, truncated to capacity - 1 and terminated
+ * ("" when none). Returns -1 once a fatal failure was recorded, else 0 (also 0 for null). */
+LE_API int le_utt_render_status(le_utt* utt, char* text, int capacity, uint64_t* count);
 
 /* ==== le_stream: offline stream renderer ================================================= */
 
