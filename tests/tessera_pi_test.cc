@@ -1,0 +1,203 @@
+// The mouth region model: pi bytes against a plain per-pixel reference, boxed against full
+// evaluation, rounding, boxes, centroids and the corpus identification with its refusals.
+#include <gtest/gtest.h>
+
+#include <cfenv>
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "le/tessera/le_tessera_pi.h"
+#include "tests/lip_frames.h"
+
+using le::tessera::Box;
+using le::tessera::UnifiedPi;
+using le::testing::lipFrame;
+
+namespace {
+
+const std::vector<int32_t> kLips = {6, 12, 14, 17, 18, 19, 20};
+
+// The pi mask of one frame from the model's formulas, pixel by pixel, in the plainest form.
+std::vector<uint8_t> referencePi(const UnifiedPi& m, const float* kp) {
+  float sx = 0, sy = 0;
+  for (int r : m.lip_idx) sx += kp[3 * r], sy += kp[3 * r + 1];
+  const float cx = sx / float(m.lip_idx.size()), cy = sy / float(m.lip_idx.size());
+  float ax = 0, ay = 0;
+  for (int r : m.lip_idx) ax = std::max(ax, std::fabs(kp[3 * r] - cx)), ay = std::max(ay, std::fabs(kp[3 * r + 1] - cy));
+  float rx = std::max(0.1f, ax + m.pad_x), ry = std::max(0.1f, ay + m.pad_y);
+  const float ly = cy + m.down;
+  if (m.corner_recovery) {
+    float reach = 0;
+    for (int r : m.lip_idx) {
+      const float u = (kp[3 * r] - cx) / rx, v = (kp[3 * r + 1] - ly) / ry;
+      reach = std::max(reach, std::sqrt(u * u + v * v));
+    }
+    const float s = std::max(1.f, 5.f / (256.f * std::sqrt(rx * ry)) + reach);
+    rx *= s, ry *= s;
+  }
+  float gx = std::max(0.004f, ax), gy = std::max(0.004f, ay);
+  if (m.prop_gate_scale != 1.f) gx *= m.prop_gate_scale, gy *= m.prop_gate_scale;
+  const float u = (ay - 0.02f) / 0.01f;
+  const float us = std::min(u, 1.f);
+  const float g = u < 0 ? 0.f : (3.f - 2.f * us) * us * us;
+  auto ell = [](float x, float y, float ex, float ey, float erx, float ery) {
+    const float dx = (x - ex) / erx, dy = (y - ey) / ery;
+    const float t = (1.f - std::sqrt(dx * dx + dy * dy)) * (256.f * std::sqrt(erx * ery)) / 10.f;
+    if (t < 0) return 0.f;
+    const float s = std::min(t, 1.f);
+    return (3.f - 2.f * s) * s * s;
+  };
+  const int n = m.canvas;
+  std::vector<uint8_t> out(size_t(n) * n);
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x) {
+      const float X = float(2.0 * x / (n - 1) - 1.0), Y = float(2.0 * y / (n - 1) - 1.0);
+      const float pi = std::max(ell(X, Y, cx, ly, rx, ry), ell(X, Y, cx, cy, gx, gy) * g);
+      out[size_t(y) * n + x] = uint8_t(std::nearbyint(std::min(pi, 1.f) * 255.f));
+    }
+  return out;
+}
+
+}  // namespace
+
+TEST(TesseraPi, RoundingTiesToEven) {
+  EXPECT_EQ(le::tessera::piByte(0.5f), 128);  // 127.5
+  // A value whose scaled product is exactly 126.5.
+  float v = 126.5f / 255.f;
+  while (v * 255.f < 126.5f) v = std::nextafter(v, 1.f);
+  while (v * 255.f > 126.5f) v = std::nextafter(v, 0.f);
+  ASSERT_EQ(v * 255.f, 126.5f);
+  EXPECT_EQ(le::tessera::piByte(v), 126);
+  EXPECT_EQ(le::tessera::piByte(std::nextafter(v, 1.f)), 127);
+  EXPECT_EQ(le::tessera::piByte(-0.25f), 0);
+  EXPECT_EQ(le::tessera::piByte(NAN), 0);
+  EXPECT_EQ(le::tessera::piByte(7.f), 255);
+  // Independent of the rounding mode a host may have set.
+  std::fesetround(FE_UPWARD);
+  EXPECT_EQ(le::tessera::roundHalfEven(2.5), 2);
+  EXPECT_EQ(le::tessera::roundHalfEven(-1.5), -2);
+  EXPECT_EQ(le::tessera::roundHalfEven(-0.5), 0);
+  EXPECT_EQ(le::tessera::roundHalfEven(3.5000001), 4);
+  std::fesetround(FE_TONEAREST);
+  EXPECT_EQ(le::tessera::roundHalfEven(NAN), 0);
+  EXPECT_EQ(le::tessera::roundHalfEven(1e300), INT32_MAX);
+}
+
+// Full masks against the reference, and the boxed, bounded and shifted forms against the full
+// one, bit for bit, over many random frames at an even and an odd canvas.
+TEST(TesseraPi, MasksAgreeWithReferenceAndBoxes) {
+  std::mt19937 rng(7);
+  for (int canvas : {96, 131}) {
+    for (int variant = 0; variant < 3; ++variant) {
+      const UnifiedPi m(canvas, variant == 1, variant == 2 ? 1.3f : 1.f, kLips, 0.10f, 0.08f, 0.074f);
+      std::vector<uint8_t> full(size_t(canvas) * canvas), boxed(full.size()), shrunk(full.size());
+      const std::vector<float> ones(full.size(), 1.f);
+      for (int f = 0; f < 60; ++f) {
+        const std::vector<float> kp = lipFrame(rng, f % 10 == 9);
+        m.piU8(kp.data(), full.data());
+        ASSERT_EQ(full, referencePi(m, kp.data())) << canvas << " " << variant << " " << f;
+        std::fill(boxed.begin(), boxed.end(), 77);
+        m.piU8Boxed(kp.data(), boxed.data());
+        ASSERT_EQ(boxed, full) << canvas << " " << variant << " " << f;
+        m.piU8ShrunkBy(kp.data(), ones.data(), {-5, -5, canvas + 5, canvas + 5}, shrunk.data());
+        ASSERT_EQ(shrunk, full);
+
+        const double canon[2] = {canvas * 0.45, canvas * 0.62};
+        int32_t sy = 99, sx = 99;
+        double cx = 0, cy = 0;
+        const bool has = m.piU8Centroid(full.data(), cx, cy);
+        ASSERT_EQ(m.piU8AndShift(kp.data(), canon, boxed.data(), sy, sx), has);
+        EXPECT_EQ(boxed, full);
+        if (has) {
+          EXPECT_EQ(sy, int(std::nearbyint(cy - canon[1])));
+          EXPECT_EQ(sx, int(std::nearbyint(cx - canon[0])));
+        } else {
+          EXPECT_EQ(sy, 99);
+        }
+      }
+    }
+  }
+}
+
+// A bound cuts the mask to min(bound, pi) where it is positive, inside the given box only.
+TEST(TesseraPi, ShrunkByBoundAndBox) {
+  const int n = 64;
+  const UnifiedPi m(n, false, 1.f, kLips, 0.10f, 0.08f, 0.074f);
+  std::mt19937 rng(3);
+  const std::vector<float> kp = lipFrame(rng, false);
+  std::vector<float> bound(size_t(n) * n);
+  for (size_t i = 0; i < bound.size(); ++i) bound[i] = float(int(i % 7) - 2) * 0.2f;
+  std::vector<uint8_t> full(bound.size()), cut(bound.size());
+  m.piU8(kp.data(), full.data());
+  const Box box{10, 20, 50, 45};
+  m.piU8ShrunkBy(kp.data(), bound.data(), box, cut.data());
+  int kept = 0;
+  for (int y = 0; y < n; ++y)
+    for (int x = 0; x < n; ++x) {
+      const size_t i = size_t(y) * n + x;
+      uint8_t want = 0;
+      const bool inside = x >= box.x0 && x < box.x1 && y >= box.y0 && y < box.y1;
+      if (inside && bound[i] > 0) want = std::min<uint8_t>(full[i], le::tessera::piByte(bound[i]));
+      ASSERT_EQ(cut[i], want) << x << "," << y;
+      kept += want != 0;
+    }
+  EXPECT_GT(kept, 20);
+}
+
+TEST(TesseraPi, ClosedMouthGateAndSmallCanvas) {
+  const int n = 80;
+  const UnifiedPi m(n, false, 1.f, kLips, 0.10f, 0.08f, 0.074f);
+  std::vector<float> kp = lipFrame(0.f, 0.4f, 0.2f, 0.015f);  // lips within 0.015 of their centre row
+  float g = -1;
+  m.gateParams(kp.data(), &g);
+  EXPECT_EQ(g, 0.f);
+  std::vector<float> gate(size_t(n) * n, 5.f), lip(gate.size());
+  m.propTeethGate(kp.data(), gate.data());
+  for (float v : gate) ASSERT_EQ(v, 0.f);
+  m.lipMask(kp.data(), lip.data());
+  std::vector<uint8_t> pi(gate.size());
+  m.piU8(kp.data(), pi.data());
+  for (size_t i = 0; i < pi.size(); ++i) ASSERT_EQ(pi[i], le::tessera::piByte(lip[i]));
+  kp = lipFrame(0.f, 0.4f, 0.2f, 0.04f);
+  m.gateParams(kp.data(), &g);
+  EXPECT_EQ(g, 1.f);
+
+  const UnifiedPi one(1, true, 1.f, kLips, 0.10f, 0.08f, 0.074f);
+  ASSERT_EQ(one.xs, std::vector<float>{-1.f});
+  const Box b = one.ellBox(one.lipParams(kp.data()));
+  EXPECT_EQ(b.x0, 0);
+  EXPECT_EQ(b.x1, 1);
+  EXPECT_EQ(b.y1, 1);
+  const Box s = one.supportBox(kp.data());
+  EXPECT_EQ(s.x1 - s.x0, 1);
+  EXPECT_EQ(s.y1 - s.y0, 1);
+}
+
+TEST(TesseraPi, CorpusChoice) {
+  const double canon[2] = {250.126, 301.5};
+  auto pick = [&](double a, double b, double c) {
+    const double d[3] = {a, b, c};
+    return le::tessera::corpusPick(d, canon);
+  };
+  auto refusal = [&](double a, double b, double c) {
+    try {
+      pick(a, b, c);
+    } catch (const std::runtime_error& e) {
+      return std::string(e.what());
+    }
+    return std::string();
+  };
+  EXPECT_EQ(pick(2.0, 5.5, 9.0), 0);
+  EXPECT_EQ(pick(9.0, 5.5, 2.0), 2);
+  EXPECT_EQ(pick(7.9, 0.5, 3.5), 1);
+  EXPECT_EQ(refusal(2.0, 4.9, 9.0),
+            "teeth-pi: corpus pi geometry is AMBIGUOUS (best two within 3.00px) — v1=2.00px v2=4.90px v3=9.00px — "
+            "refusing to guess the bank frame");
+  EXPECT_EQ(refusal(8.01, 12.0, 20.0),
+            "teeth-pi: no corpus pi geometry matches this bank's c_canon (250.13,301.50) within 8.00px — v1=8.01px "
+            "v2=12.00px v3=20.00px — the bank's pi frame is unknown and donors will NOT be placed against a frame "
+            "nobody can name");
+  // Equal distances keep table order in the list.
+  EXPECT_NE(refusal(4.0, 2.0, 4.0).find("— v2=2.00px v1=4.00px v3=4.00px —"), std::string::npos);
+}
