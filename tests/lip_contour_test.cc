@@ -1,0 +1,254 @@
+// The lip contour: fill and chamfer feather against plain references, the deformations, and the
+// delivery masks against full-canvas evaluation.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <vector>
+
+#include "le/tessera/le_lip_contour.h"
+#include "tests/bundle_fixture.h"
+#include "tests/lip_frames.h"
+
+using le::tessera::Box;
+using le::tessera::LipContour;
+using le::tessera::UnifiedPi;
+using le::testing::lipFrame;
+using le::testing::thrown;
+
+namespace {
+
+const std::vector<int32_t> kPiLips = {6, 12, 14, 17, 18, 19, 20};
+const int32_t kAnchors[4] = {6, 12, 17, 18};
+
+// A lip-like outline: wide, flatter on top, in units of the anchors' half-extent.
+std::vector<double> lipOutline(int nv) {
+  std::vector<double> u(2 * size_t(nv));
+  for (int v = 0; v < nv; ++v) {
+    const double a = 2 * M_PI * v / nv;
+    u[2 * v] = std::cos(a);
+    u[2 * v + 1] = std::sin(a) * (std::sin(a) < 0 ? 0.8 : 1.0);
+  }
+  return u;
+}
+
+LipContour contour(int canvas, float feather, int nv = 16) {
+  const std::vector<double> u = lipOutline(nv);
+  return LipContour(canvas, feather, u.data(), nv, kAnchors, 4);
+}
+
+inline float smooth(float t) {
+  if (t <= 0) return 0;
+  const float s = std::min(t, 1.f);
+  return (3 - 2 * s) * s * s;
+}
+
+}  // namespace
+
+// An axis-aligned rectangle fills exactly its pixels, and its chamfer distance is known in
+// closed form: diagonal steps first, then straight ones.
+TEST(LipContour, RectangleFillAndChamferFeather) {
+  const int n = 64;
+  for (float feather : {4.5f, 2 * 0.955f}) {
+    const LipContour lc = contour(n, feather, 4);
+    const double rect[8] = {20, 15, 40, 15, 40, 30, 20, 30};
+    const Box b = lc.box(rect);
+    const int m = int(std::ceil(feather + 2));
+    EXPECT_EQ(b.x0, int(std::floor(20 - feather - 2)));
+    EXPECT_EQ(b.x1, 40 + m + 1);
+    std::vector<uint8_t> fill(size_t(b.x1 - b.x0) * (b.y1 - b.y0));
+    lc.fillScanline(rect, b, fill.data());
+    std::vector<float> plane(size_t(n) * n, 0.f);
+    lc.contourF32(rect, b, plane.data());
+    for (int y = 0; y < n; ++y)
+      for (int x = 0; x < n; ++x) {
+        const bool inBox = x >= b.x0 && x < b.x1 && y >= b.y0 && y < b.y1;
+        const bool inside = x >= 20 && x <= 40 && y >= 15 && y <= 30;
+        if (inBox) {
+          ASSERT_EQ(fill[size_t(y - b.y0) * (b.x1 - b.x0) + x - b.x0], inside ? 255 : 0) << x << "," << y;
+        }
+        const int dx = x < 20 ? 20 - x : (x > 40 ? x - 40 : 0), dy = y < 15 ? 15 - y : (y > 30 ? y - 30 : 0);
+        const float d = float(std::min(dx, dy)) * 1.3693f + float(std::abs(dx - dy)) * 0.955f;
+        const float want = inBox ? smooth(1 - d / feather) : 0.f;
+        ASSERT_NEAR(plane[size_t(y) * n + x], want, 2e-6f) << x << "," << y << " feather " << feather;
+        if (inside) {
+          ASSERT_EQ(plane[size_t(y) * n + x], 1.f);
+        }
+      }
+    // At the feather the value is exactly zero; one step in, it is not.
+    if (feather == 2 * 0.955f) {
+      EXPECT_EQ(plane[size_t(20) * n + 18], 0.f);
+      EXPECT_GT(plane[size_t(20) * n + 19], 0.1f);
+    } else {
+      EXPECT_NEAR(plane[size_t(20) * n + 16], smooth(1 - 4 * 0.955f / 4.5f), 1e-6f);
+      EXPECT_EQ(plane[size_t(20) * n + 15], 0.f);
+    }
+  }
+}
+
+// Random star polygons: every pixel centre more than half a pixel inside the rounded outline is filled, every one as far
+// outside is not,
+// whatever part of the polygon hangs off the canvas.
+TEST(LipContour, ScanlineFillAgainstPointInPolygon) {
+  const int n = 72;
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> u(0, 1);
+  for (int trial = 0; trial < 200; ++trial) {
+    const int nv = 3 + trial % 14;
+    const LipContour lc = contour(n, 3.f, nv);
+    std::vector<double> poly(2 * size_t(nv));
+    const double cx = -10 + 92 * u(rng), cy = -10 + 92 * u(rng);
+    for (int v = 0; v < nv; ++v) {
+      const double a = 2 * M_PI * v / nv, r = 4 + 30 * u(rng);
+      poly[2 * v] = cx + r * std::cos(a), poly[2 * v + 1] = cy + r * std::sin(a);
+    }
+    const Box b = lc.box(poly.data());
+    const int w = b.x1 - b.x0, h = b.y1 - b.y0;
+    if (w < 1 || h < 1) continue;
+    std::vector<uint8_t> fill(size_t(w) * h);
+    lc.fillScanline(poly.data(), b, fill.data());
+    // Even-odd test on the rounded outline, and the distance of the centre to it.
+    std::vector<double> r(poly.size());
+    for (size_t i = 0; i < poly.size(); ++i) r[i] = std::nearbyint(poly[i]);
+    for (int y = b.y0; y < b.y1; ++y)
+      for (int x = b.x0; x < b.x1; ++x) {
+        bool in = false;
+        double dmin = 1e30;
+        for (int i = 0, j = nv - 1; i < nv; j = i++) {
+          const double xi = r[2 * i], yi = r[2 * i + 1], xj = r[2 * j], yj = r[2 * j + 1];
+          if ((yi > y) != (yj > y) && x < (xj - xi) * (y - yi) / (yj - yi) + xi) in = !in;
+          const double ex = xj - xi, ey = yj - yi, l2 = ex * ex + ey * ey;
+          const double t = l2 > 0 ? std::clamp(((x - xi) * ex + (y - yi) * ey) / l2, 0.0, 1.0) : 0.0;
+          dmin = std::min(dmin, std::hypot(x - xi - t * ex, y - yi - t * ey));
+        }
+        if (dmin <= 0.501) continue;
+        ASSERT_EQ(fill[size_t(y - b.y0) * w + x - b.x0], in ? 255 : 0) << "trial " << trial << " at " << x << "," << y;
+      }
+  }
+}
+
+TEST(LipContour, Deformations) {
+  const int n = 128;
+  LipContour lc = contour(n, 3.f, 8);
+  // All anchors on one point: the outline collapses onto it and the box keeps its margin.
+  std::vector<float> kp = lipFrame(0.1f, 0.2f, 0.f, 0.f);
+  std::vector<double> poly(16);
+  lc.polygon(kp.data(), poly.data());
+  const double px = (0.1 + 1) * n / 2, py = (double(0.2f) + 1) * n / 2;
+  for (int v = 0; v < 8; ++v) {
+    EXPECT_NEAR(poly[2 * v], px, 1.1e-6);
+    EXPECT_NEAR(poly[2 * v + 1], py, 1.1e-6);
+  }
+  const Box b = lc.box(poly.data());
+  EXPECT_EQ(b.x0, int(std::floor(px - 5)));
+  EXPECT_EQ(b.x1, int(std::ceil(px + 5)) + 1);
+  EXPECT_EQ(b.y0, int(std::floor(py - 5)));
+  EXPECT_EQ(b.y1, int(std::ceil(py + 5)) + 1);
+  std::vector<float> plane(size_t(n) * n);
+  lc.contourF32Canvas(kp.data(), plane.data());
+  EXPECT_EQ(plane[size_t(std::nearbyint(py)) * n + size_t(std::nearbyint(px))], 1.f);
+
+  // Anchor-linear: the vertices scale with the anchors' half-extents about their mean.
+  kp = lipFrame(-0.2f, 0.3f, 0.25f, 0.1f);
+  lc.polygon(kp.data(), poly.data());
+  const std::vector<double> u = lipOutline(8);
+  const double mx = (double(-0.2f) + 1) * n / 2, my = (double(0.3f) + 1) * n / 2;
+  for (int v = 0; v < 8; ++v) {
+    EXPECT_NEAR(poly[2 * v], mx + 0.25 * n / 2 * u[2 * v], 1e-3);
+    EXPECT_NEAR(poly[2 * v + 1], my + 0.1 * n / 2 * u[2 * v + 1], 1e-3);
+  }
+
+  // The learned map: b + W f plus the anchor mean, in the map's own rows.
+  const int32_t mapRows[2] = {17, 18};
+  std::vector<double> W(16 * 4), bias(16);
+  for (size_t i = 0; i < W.size(); ++i) W[i] = 0.1 * double(int(i % 9) - 4);
+  for (size_t i = 0; i < bias.size(); ++i) bias[i] = double(i) - 8;
+  EXPECT_EQ(thrown([&] { lc.attachMap(W.data(), bias.data(), 16, 6, mapRows, 2); }),
+            "lip_template.v1.json: lip_map shape does not match the template");
+  EXPECT_EQ(thrown([&] { lc.attachMap(W.data(), bias.data(), 14, 4, mapRows, 2); }),
+            "lip_template.v1.json: lip_map shape does not match the template");
+  lc.attachMap(W.data(), bias.data(), 16, 4, mapRows, 2);
+  EXPECT_EQ(lc.lipIdx(), (std::vector<int32_t>{17, 18}));
+  lc.polygon(kp.data(), poly.data());
+  const double lx = (double(kp[51]) + 1) * n / 2, ly = (double(kp[52]) + 1) * n / 2;
+  const double rx = (double(kp[54]) + 1) * n / 2, ry = (double(kp[55]) + 1) * n / 2;
+  const double f[4] = {lx - (lx + rx) / 2, ly - (ly + ry) / 2, rx - (lx + rx) / 2, ry - (ly + ry) / 2};
+  for (int j = 0; j < 16; ++j) {
+    double want = bias[j] + (j % 2 ? (ly + ry) / 2 : (lx + rx) / 2);
+    for (int k = 0; k < 4; ++k) want += W[size_t(j) * 4 + k] * f[k];
+    EXPECT_NEAR(poly[j], want, 1e-9) << j;
+  }
+}
+
+// The delivery masks equal the full-canvas pi bounded by the full contour plane, bit for bit,
+// over many random frames, with one instance reused across boxes of every size.
+TEST(LipContour, DeliveryAgreesWithFullCanvas) {
+  for (int n : {128, 97}) {
+    const UnifiedPi pi(n, true, 1.f, kPiLips, 0.10f, 0.08f, 0.074f);
+    const LipContour lc = contour(n, 4.f, 24);
+    const size_t px = size_t(n) * n;
+    std::vector<float> lip(px), gate(px), plane(px);
+    std::vector<uint8_t> full(px), got(px), want(px);
+    std::mt19937 rng(5 + n);
+    const double canon[2] = {n * 0.5, n * 0.7};
+    for (int f = 0; f < 150; ++f) {
+      const std::vector<float> kp = lipFrame(rng, f % 8 == 7);
+      pi.lipMask(kp.data(), lip.data());
+      pi.propTeethGate(kp.data(), gate.data());
+      lc.contourF32Canvas(kp.data(), plane.data());
+      for (size_t i = 0; i < px; ++i)
+        want[i] = plane[i] > 0 ? le::tessera::piByte(std::min(plane[i], std::max(lip[i], gate[i]))) : 0;
+      lc.deliveredU8(kp.data(), pi, got.data());
+      ASSERT_EQ(got, want) << n << " frame " << f;
+
+      pi.piU8(kp.data(), full.data());
+      int32_t sy = 7, sx = 7, wy = 7, wx = 7;
+      const bool had = pi.piU8AndShift(kp.data(), canon, want.data(), wy, wx);
+      bool any = false;
+      for (size_t i = 0; i < px; ++i) {
+        want[i] = std::min(full[i], le::tessera::piByte(plane[i]));
+        any = any || want[i];
+      }
+      ASSERT_EQ(lc.deliveredU8AndShift(kp.data(), pi, canon, got.data(), sy, sx), had && any);
+      ASSERT_EQ(got, want) << n << " frame " << f;
+      EXPECT_EQ(sy, wy);
+      EXPECT_EQ(sx, wx);
+    }
+  }
+}
+
+TEST(LipContour, DeliveryEmptyCases) {
+  const int n = 96;
+  const UnifiedPi pi(n, false, 1.f, kPiLips, 0.10f, 0.08f, 0.074f);
+  LipContour lc = contour(n, 3.f);
+  const double canon[2] = {48, 60};
+  std::vector<uint8_t> mask(size_t(n) * n, 9);
+  int32_t sy = 0, sx = 0;
+  // Lips far off the canvas: no pi, no contour.
+  std::vector<float> kp = lipFrame(3.f, 3.f, 0.2f, 0.05f);
+  EXPECT_FALSE(lc.deliveredU8AndShift(kp.data(), pi, canon, mask.data(), sy, sx));
+  for (uint8_t v : mask) ASSERT_EQ(v, 0);
+  // A map that moves the contour 40 px right of the lips: the pi has a centroid, the contour
+  // takes every pixel of it away.
+  const int32_t rows[4] = {6, 12, 17, 18};
+  std::vector<double> W(32 * 8, 0.0), b(32, 0.0);
+  for (int v = 0; v < 16; ++v) {
+    b[2 * v] = 40 + 3 * std::cos(2 * M_PI * v / 16);
+    b[2 * v + 1] = 3 * std::sin(2 * M_PI * v / 16);
+  }
+  lc.attachMap(W.data(), b.data(), 32, 8, rows, 4);
+  kp = lipFrame(-0.4f, 0.3f, 0.15f, 0.06f);
+  sy = sx = 1000;
+  EXPECT_FALSE(lc.deliveredU8AndShift(kp.data(), pi, canon, mask.data(), sy, sx));
+  EXPECT_NE(sy, 1000);  // the shift is measured on the unbounded pi
+  for (uint8_t v : mask) ASSERT_EQ(v, 0);
+  std::fill(mask.begin(), mask.end(), 9);
+  EXPECT_FALSE(lc.shrinkU8InPlace(kp.data(), pi.supportBox(kp.data()), mask.data()));
+  const Box s = pi.supportBox(kp.data());
+  EXPECT_EQ(mask[size_t(s.y0) * n + s.x0], 0);
+  EXPECT_EQ(mask[size_t(s.y1) * n + s.x1], 9);  // outside the given box nothing changes
+
+  const UnifiedPi other(n + 1, false, 1.f, kPiLips, 0.1f, 0.08f, 0.074f);
+  EXPECT_EQ(thrown([&] { lc.deliveredU8(kp.data(), other, mask.data()); }),
+            "lip contour: the pi model's canvas is 97 and the contour's is 96");
+}
