@@ -252,3 +252,66 @@ TEST(LipContour, DeliveryEmptyCases) {
   EXPECT_EQ(thrown([&] { lc.deliveredU8(kp.data(), other, mask.data()); }),
             "lip contour: the pi model's canvas is 97 and the contour's is 96");
 }
+
+TEST(LipContour, TemplateReader) {
+  const std::string u4 = "\"u_canon\": [[-1, 0], [0, -1], [1, 0], [0, 1]]";
+  auto tmpl = [&](const std::string& body) {
+    return "{\"format\": \"lip-template-v1\", \"canvas\": 64, \"feather_px\": 2.5, " + body + "}";
+  };
+  const LipContour plain = LipContour::fromTemplateJson(tmpl(u4 + ", \"edge\": 7"), 64);
+  EXPECT_EQ(plain.lipIdx(), (std::vector<int32_t>{17, 18, 19, 20}));
+  EXPECT_EQ(plain.nv(), 4);
+  EXPECT_EQ(plain.featherPx(), 2.5f);
+  EXPECT_FALSE(plain.hasMap());
+  EXPECT_EQ(LipContour::fromTemplateJson(tmpl(u4 + ", \"lip_idx\": [6.7, 12, -0.5]"), 64).lipIdx(),
+            (std::vector<int32_t>{6, 12, 0}));
+  const std::string W8 = "[1, 0], [0, 1], [1, 0], [0, 1], [1, 0], [0, 1], [1, 0], [0, 1]";
+  const std::string map = "\"lip_map\": {\"schema\": \"lip-map-v1\", \"kind\": \"anchor-linear\", \"lip_idx\": [19], "
+                          "\"W\": [" + W8 + "], \"b\": [0, 0, 0, 0, 0, 0, 0, 0], \"canvas\": 64}";
+  const LipContour mapped = LipContour::fromTemplateJson(tmpl(u4 + ", \"lip_idx\": [1, 2, 3, 4, 5, 6, 7, 8, 9], " + map), 64);
+  EXPECT_TRUE(mapped.hasMap());
+  EXPECT_EQ(mapped.lipIdx(), std::vector<int32_t>{19});
+
+  auto refusal = [&](const std::string& text) {
+    return thrown([&] { LipContour::fromTemplateJson(text, 64); }).substr(std::string("lip_template.v1.json: ").size());
+  };
+  auto mapRefusal = [&](const std::string& body) {
+    return refusal(tmpl(u4 + ", \"lip_map\": {\"schema\": \"lip-map-v1\", \"kind\": \"anchor-linear\", " + body + "}"));
+  };
+  const std::string b8 = "\"b\": [0, 0, 0, 0, 0, 0, 0, 0]";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"{\"format\": \"lip-templ", "is not parseable JSON (teeth: JSON truncated)"},
+      {"[1]", "is not a JSON object"},
+      {"{\"format\": 1}", "carries no string `format`"},
+      {"{\"format\": \"lip-template-v2\"}", "declares format 'lip-template-v2', not 'lip-template-v1' — this runtime cannot read it"},
+      {tmpl(u4 + ", \"edge\": \"inward\""),
+       "declares edge 'inward', and the contour feather is OUTWARD — refusing to serve a mask this runtime does not compute"},
+      {"{\"format\": \"lip-template-v1\", \"canvas\": \"64\"}", "carries no numeric `canvas`"},
+      {"{\"format\": \"lip-template-v1\", \"canvas\": 512.9}",
+       "was baked on a 512 canvas but this bundle composes on 64 — refusing to deform a polygon onto a canvas it does not name"},
+      {"{\"format\": \"lip-template-v1\", \"canvas\": 64}", "carries no numeric `feather_px`"},
+      {"{\"format\": \"lip-template-v1\", \"canvas\": 64, \"feather_px\": 0}", "declares feather_px 0.000000, which is not positive"},
+      {tmpl("\"u_canon\": []"), "carries no non-empty `u_canon` array"},
+      {tmpl("\"u_canon\": [[1, 2], [3]]"), "u_canon row 1 is not a 2-vector — this is not an nv x 2 template"},
+      {tmpl(u4 + ", \"lip_idx\": {}"), "carries a `lip_idx` that is not a non-empty array"},
+      {tmpl(u4 + ", \"lip_idx\": [20.5, 21]"), "lip_idx names keypoint row 21, and a kd row is 0..20"},
+      {tmpl(u4 + ", \"lip_idx\": [1, 2, 3, 4, 5, 6, 7, 8, 9]"),
+       "carries a `lip_idx` of 9 rows, and the deformation holds at most 8 — give it a lip_map or fewer rows"},
+      {tmpl(u4 + ", \"lip_map\": [1]"), "lip_map is not a JSON object"},
+      {tmpl(u4 + ", \"lip_map\": {\"kind\": \"anchor-linear\"}"),
+       "lip_map declares schema '', not 'lip-map-v1' — this runtime cannot evaluate it"},
+      {tmpl(u4 + ", \"lip_map\": {\"schema\": \"lip-map-v1\", \"kind\": \"mlp\"}"), "lip_map kind is not 'anchor-linear'"},
+      {"\"lip_idx\": [1, 2, 3, 4, 5, 6, 7, 8, 9]", "lip_map lip_idx is not 1..8 kd rows"},
+      {"\"lip_idx\": [3.5]", "lip_map lip_idx names a row outside 0..20"},
+      {"\"lip_idx\": [1], \"W\": []", "lip_map carries no W/b arrays"},
+      {"\"lip_idx\": [1], \"W\": [[1, 0]], " + b8, "lip_map W/b have 1/8 rows, not 2*nv=8"},
+      {"\"lip_idx\": [1, 2], \"W\": [" + W8 + "], " + b8, "lip_map W row 0 is not 4 wide"},
+      {"\"lip_idx\": [1], \"W\": [" + W8 + "], \"b\": [0, 0, 0, 0, 0, 0, 0, nan]", "lip_map carries a non-finite coefficient"},
+      {"\"lip_idx\": [1], \"W\": [" + W8 + "], " + b8 + ", \"canvas\": 128",
+       "lip_map was fitted on another canvas than this bundle composes on"},
+  };
+  for (const auto& [text, want] : cases) {
+    const bool isMap = text.rfind("\"lip_idx\"", 0) == 0;
+    EXPECT_EQ(isMap ? mapRefusal(text) : refusal(text), want) << text;
+  }
+}

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "le/tessera/le_tessera_pi.h"
+#include "tests/bundle_fixture.h"
 #include "tests/lip_frames.h"
 
 using le::tessera::Box;
@@ -200,4 +201,76 @@ TEST(TesseraPi, CorpusChoice) {
             "nobody can name");
   // Equal distances keep table order in the list.
   EXPECT_NE(refusal(4.0, 2.0, 4.0).find("— v2=2.00px v1=4.00px v3=4.00px —"), std::string::npos);
+
+  // On frames: the bank's centroid measured with the first row's geometry names that row (the
+  // other two share their downward shift and sit about 15 px lower at 256).
+  std::mt19937 rng(9);
+  std::vector<float> frames;
+  for (int f = 0; f < 6; ++f) {
+    const std::vector<float> kp = lipFrame(rng, false);
+    frames.insert(frames.end(), kp.begin(), kp.end());
+  }
+  const UnifiedPi v1(256, false, 1.f, kLips, 0.05f, 0.08f, 0.015f), stated(256, false, 1.f, kLips, 0.3f, 0.3f, 0.3f);
+  double c[2];
+  v1.canonicalCentroid(frames.data(), 6, c[0], c[1]);
+  std::string which;
+  const UnifiedPi got = UnifiedPi::corpusFrom(stated, frames.data(), 6, c, &which);
+  EXPECT_EQ(which, "v1");
+  EXPECT_EQ(got.down, 0.015f);
+  EXPECT_EQ(got.pad_x, 0.05f);
+  const std::vector<float> gone = lipFrame(4.f, 4.f, 0.2f, 0.05f);
+  EXPECT_EQ(le::testing::thrown([&] { UnifiedPi::corpusFrom(stated, gone.data(), 1, c, &which); }),
+            "teeth-pi: pi is empty on every source frame — cannot derive the canonical centroid this bundle's frame "
+            "is identified by");
+}
+
+TEST(TesseraPi, ManifestBlock) {
+  auto manifest = [](const std::string& pi, const std::string& extra = "") {
+    return "{\"NT\": 4, \"unified\": {\"pi\": {" + pi + "}" + extra + "}}";
+  };
+  const std::string good =
+      "\"mode\": \"prop\", \"prop_gate_scale\": 1.25, \"lip_idx\": [6, 12.9, 17, 18], "
+      "\"lip_geom_params\": [0.1, 0.08, 0.074]";
+  const UnifiedPi m = UnifiedPi::fromManifestJson(manifest(good, ", \"crop\": {\"canvas\": 256}"), 256);
+  EXPECT_EQ(m.canvas, 256);
+  EXPECT_EQ(m.corner_recovery, 0);
+  EXPECT_EQ(m.prop_gate_scale, 1.25f);
+  EXPECT_EQ(m.lip_idx, (std::vector<int32_t>{6, 12, 17, 18}));
+  EXPECT_EQ(m.pad_x, 0.1f);
+  EXPECT_EQ(m.down, 0.074f);
+  EXPECT_EQ(m.xs[255], 1.f);
+  EXPECT_EQ(UnifiedPi::fromManifestJson(manifest(good + ", \"corner_recovery\": \"lip_landmark_half\""), 64).corner_recovery, 1);
+  EXPECT_EQ(UnifiedPi::fromManifestJson(manifest(good + ", \"corner_recovery\": true"), 64).corner_recovery, 1);
+
+  auto refusal = [&](const std::string& text, int canvas = 64) {
+    return le::testing::thrown([&] { UnifiedPi::fromManifestJson(text, canvas); });
+  };
+  EXPECT_EQ(refusal("{\"NT\": 4}"),
+            "teeth-pi: manifest has no `unified` block — this bundle predates the unified compose and cannot state "
+            "the pi geometry it was baked with; refusing to guess one");
+  EXPECT_EQ(refusal("{\"unified\": {}}"), "teeth: member JSON lacks key 'pi'");
+  EXPECT_EQ(refusal(manifest("\"prop_gate_scale\": 1")), "teeth: member JSON lacks key 'mode'");
+  EXPECT_EQ(refusal(manifest("\"mode\": 3")), "teeth-pi: unified.pi.mode is not a string");
+  EXPECT_EQ(refusal(manifest("\"mode\": \"ellipse\"")),
+            "teeth-pi: unified.pi.mode 'ellipse' is a compose-mask geometry this port cannot name — fail loud, never "
+            "adapt (the stamped-geometry rule)");
+  EXPECT_EQ(refusal(manifest(good + ", \"corner_recovery\": 1")),
+            "teeth-pi: unknown unified.pi.corner_recovery — a compose-mask geometry a consumer cannot name must never "
+            "be guessed");
+  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"lip_idx\": [1]")), "teeth: member JSON lacks key 'prop_gate_scale'");
+  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"prop_gate_scale\": 1, \"lip_idx\": []")),
+            "teeth-pi: unified.pi.lip_idx is not a non-empty array");
+  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"prop_gate_scale\": 1, \"lip_idx\": [1], \"lip_geom_params\": [1, 2]")),
+            "teeth-pi: unified.pi.lip_geom_params must be [pad_x, pad_y, down]");
+  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"prop_gate_scale\": 1, \"lip_idx\": [1]")),
+            "teeth: member JSON lacks key 'lip_geom_params'");
+  EXPECT_EQ(refusal(manifest(good, ", \"crop\": {\"canvas\": 512}"), 256),
+            "teeth-pi: engine renders at canvas 256 but unified.crop.canvas is 512");
+  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"prop_gate_scale\": 1, \"lip_idx\": [21], \"lip_geom_params\": [1, 2, 3]")),
+            "teeth-pi: unified.pi.lip_idx names keypoint row 21, and a keypoint row is 0..20");
+  EXPECT_EQ(refusal("{\"unified\": [1, "), "teeth-pi: the manifest is not readable JSON: teeth: JSON truncated");
+  const double canon[2] = {1, 2};
+  EXPECT_EQ(le::testing::thrown([&] { UnifiedPi::corpusFromManifestJson(manifest(good), 64, nullptr, 3, canon, nullptr); }),
+            "teeth-pi: the corpus frame is identified from the bundle's own xs_target and none was supplied — "
+            "refusing to fall back to the stamped geometry, which is the GRAPH's compose field");
 }

@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <cstdio>
 #include <stdexcept>
+
+#include "le/tessera/le_bundle_tessera.h"
 
 namespace le::tessera {
 
@@ -21,7 +24,121 @@ const char* const kPrefix = "lip_template.v1.json: ";
 
 inline float smoothstep01(float s) { return (3.f - 2.f * s) * s * s; }
 
+std::runtime_error refused(const std::string& what) { return std::runtime_error(kPrefix + what); }
+
+// The learned map's part of a template.
+struct MapSpec {
+  std::vector<int32_t> lipIdx = {17, 18, 19, 20};
+  std::vector<double> W, b;
+  int32_t rows = 0, cols = 0;
+};
+
+MapSpec readMap(const json::JVal& m, int32_t nv, int32_t canvas) {
+  if (!m.isObject()) throw refused("lip_map is not a JSON object");
+  const json::JVal* schema = m.get("schema");
+  const std::string schemaText = schema && schema->isString() ? schema->str : "";
+  if (schemaText != "lip-map-v1")
+    throw refused("lip_map declares schema '" + schemaText + "', not 'lip-map-v1' — this runtime cannot evaluate it");
+  const json::JVal* kind = m.get("kind");
+  if (!kind || !kind->isString() || kind->str != "anchor-linear") throw refused("lip_map kind is not 'anchor-linear'");
+  MapSpec spec;
+  if (const json::JVal* idx = m.get("lip_idx")) {
+    if (!idx->isArray() || idx->arr.empty() || idx->arr.size() > size_t(kMaxLipRows))
+      throw refused("lip_map lip_idx is not 1..8 kd rows");
+    spec.lipIdx.clear();
+    for (const json::JVal& v : idx->arr) {
+      if (!v.isNumber() || !(v.num >= 0 && v.num < kKpRows) || v.num != std::trunc(v.num))
+        throw refused("lip_map lip_idx names a row outside 0..20");
+      spec.lipIdx.push_back(static_cast<int32_t>(v.num));
+    }
+  }
+  const json::JVal* W = m.get("W");
+  const json::JVal* b = m.get("b");
+  if (!W || !b || !W->isArray() || !b->isArray()) throw refused("lip_map carries no W/b arrays");
+  spec.rows = 2 * nv;
+  spec.cols = 2 * static_cast<int32_t>(spec.lipIdx.size());
+  if (W->arr.size() != size_t(spec.rows) || b->arr.size() != size_t(spec.rows))
+    throw refused("lip_map W/b have " + std::to_string(W->arr.size()) + "/" + std::to_string(b->arr.size()) +
+                  " rows, not 2*nv=" + std::to_string(spec.rows));
+  auto coefficient = [](const json::JVal& v) {
+    if (!v.isNumber() || !std::isfinite(v.num)) throw refused("lip_map carries a non-finite coefficient");
+    return v.num;
+  };
+  for (size_t r = 0; r < W->arr.size(); ++r) {
+    const json::JVal& row = W->arr[r];
+    if (!row.isArray() || row.arr.size() != size_t(spec.cols))
+      throw refused("lip_map W row " + std::to_string(r) + " is not " + std::to_string(spec.cols) + " wide");
+    for (const json::JVal& v : row.arr) spec.W.push_back(coefficient(v));
+  }
+  for (const json::JVal& v : b->arr) spec.b.push_back(coefficient(v));
+  if (const json::JVal* c = m.get("canvas"); c && !(c->isNumber() && c->num == canvas))
+    throw refused("lip_map was fitted on another canvas than this bundle composes on");
+  return spec;
+}
+
 }  // namespace
+
+LipContour LipContour::fromTemplateJson(const std::string& templateText, int32_t canvas) {
+  json::JVal t;
+  try {
+    t = json::JParser(templateText).parse();
+  } catch (const std::exception& e) {
+    throw refused(std::string("is not parseable JSON (") + e.what() + ")");
+  }
+  if (!t.isObject()) throw refused("is not a JSON object");
+  const json::JVal* format = t.get("format");
+  if (!format || !format->isString()) throw refused("carries no string `format`");
+  if (format->str != "lip-template-v1")
+    throw refused("declares format '" + format->str + "', not 'lip-template-v1' — this runtime cannot read it");
+  if (const json::JVal* edge = t.get("edge"); edge && edge->isString() && edge->str != "outward")
+    throw refused("declares edge '" + edge->str +
+                  "', and the contour feather is OUTWARD — refusing to serve a mask this runtime does not compute");
+  const json::JVal* tc = t.get("canvas");
+  if (!tc || !tc->isNumber()) throw refused("carries no numeric `canvas`");
+  if (truncSat(tc->num) != canvas)
+    throw refused("was baked on a " + std::to_string(truncSat(tc->num)) + " canvas but this bundle composes on " +
+                  std::to_string(canvas) + " — refusing to deform a polygon onto a canvas it does not name");
+  const json::JVal* feather = t.get("feather_px");
+  if (!feather || !feather->isNumber()) throw refused("carries no numeric `feather_px`");
+  if (!(feather->num > 0)) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%f", feather->num);
+    throw refused(std::string("declares feather_px ") + buf + ", which is not positive");
+  }
+  const json::JVal* uc = t.get("u_canon");
+  if (!uc || !uc->isArray() || uc->arr.empty()) throw refused("carries no non-empty `u_canon` array");
+  std::vector<double> u;
+  for (size_t i = 0; i < uc->arr.size(); ++i) {
+    const json::JVal& row = uc->arr[i];
+    if (!row.isArray() || row.arr.size() != 2 || !row.arr[0].isNumber() || !row.arr[1].isNumber())
+      throw refused("u_canon row " + std::to_string(i) + " is not a 2-vector — this is not an nv x 2 template");
+    u.push_back(row.arr[0].num);
+    u.push_back(row.arr[1].num);
+  }
+  const int32_t nv = static_cast<int32_t>(uc->arr.size());
+  std::vector<int32_t> lips = {17, 18, 19, 20};
+  if (const json::JVal* idx = t.get("lip_idx")) {
+    if (!idx->isArray() || idx->arr.empty()) throw refused("carries a `lip_idx` that is not a non-empty array");
+    lips.clear();
+    for (const json::JVal& v : idx->arr) {
+      if (!v.isNumber() || std::isnan(v.num)) throw refused("carries a `lip_idx` that is not a non-empty array");
+      const int32_t r = truncSat(v.num);
+      if (r < 0 || r >= kKpRows) throw refused("lip_idx names keypoint row " + std::to_string(r) + ", and a kd row is 0..20");
+      lips.push_back(r);
+    }
+  }
+  MapSpec map;
+  const json::JVal* m = t.get("lip_map");
+  if (m) map = readMap(*m, nv, canvas);
+  // The map brings its own rows; without one the template's must fit the deformation.
+  if (!m && lips.size() > size_t(kMaxLipRows))
+    throw refused("carries a `lip_idx` of " + std::to_string(lips.size()) +
+                  " rows, and the deformation holds at most 8 — give it a lip_map or fewer rows");
+  LipContour lc(canvas, static_cast<float>(feather->num), u.data(), nv, m ? map.lipIdx.data() : lips.data(),
+                static_cast<int32_t>(m ? map.lipIdx.size() : lips.size()));
+  if (m) lc.attachMap(map.W.data(), map.b.data(), map.rows, map.cols, map.lipIdx.data(), static_cast<int32_t>(map.lipIdx.size()));
+  return lc;
+}
 
 LipContour::LipContour(int32_t canvas, float featherPx, const double* uCanon, int32_t nv, const int32_t* lipIdx,
                        int32_t nLipIdx)

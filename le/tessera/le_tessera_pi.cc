@@ -6,6 +6,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "le/tessera/le_bundle_tessera.h"
+
 namespace le::tessera {
 
 namespace {
@@ -58,6 +60,12 @@ std::string fmt2(double v) {
   return buf;
 }
 
+std::runtime_error noFrames() {
+  return std::runtime_error(
+      "teeth-pi: the corpus frame is identified from the bundle's own xs_target and none was supplied — refusing "
+      "to fall back to the stamped geometry, which is the GRAPH's compose field");
+}
+
 }  // namespace
 
 int32_t roundHalfEven(double x) {
@@ -92,6 +100,15 @@ int32_t ceilClamp(double x, int32_t lo, int32_t hi) {
   if (!(x >= lo)) return lo;
   if (x >= hi) return hi;
   return static_cast<int32_t>(std::ceil(x));
+}
+
+std::string numberText(double x) {
+  char buf[64];
+  if (std::isfinite(x) && x == std::trunc(x) && std::fabs(x) < 1e15)
+    std::snprintf(buf, sizeof buf, "%.0f", x);
+  else
+    std::snprintf(buf, sizeof buf, "%g", x);
+  return buf;
 }
 
 int corpusPick(const double distance[3], const double cCanon[2]) {
@@ -334,12 +351,75 @@ void UnifiedPi::canonicalCentroid(const float* frames, int nFrames, double& cx, 
   cy = sy / with;
 }
 
+UnifiedPi UnifiedPi::fromManifestJson(const std::string& manifestText, int32_t canvas) {
+  json::JVal root;
+  try {
+    root = json::JParser(manifestText).parse();
+  } catch (const std::exception& e) {
+    throw std::runtime_error(std::string("teeth-pi: the manifest is not readable JSON: ") + e.what());
+  }
+  const json::JVal* unified = root.get("unified");
+  if (!unified || !unified->isObject())
+    throw std::runtime_error(
+        "teeth-pi: manifest has no `unified` block — this bundle predates the unified compose and cannot state the "
+        "pi geometry it was baked with; refusing to guess one");
+  auto lacks = [](const char* key) { return std::runtime_error(std::string("teeth: member JSON lacks key '") + key + "'"); };
+  const json::JVal* pi = unified->get("pi");
+  if (!pi || !pi->isObject()) throw lacks("pi");
+  const json::JVal* mode = pi->get("mode");
+  if (!mode) throw lacks("mode");
+  if (!mode->isString()) throw std::runtime_error("teeth-pi: unified.pi.mode is not a string");
+  if (mode->str != "prop")
+    throw std::runtime_error("teeth-pi: unified.pi.mode '" + mode->str +
+                             "' is a compose-mask geometry this port cannot name — fail loud, never adapt (the "
+                             "stamped-geometry rule)");
+  bool corner = false;
+  if (const json::JVal* cr = pi->get("corner_recovery")) {
+    if (cr->kind == json::JVal::Bool)
+      corner = cr->b;
+    else if (cr->isString() && cr->str == "lip_landmark_half")
+      corner = true;
+    else
+      throw std::runtime_error(
+          "teeth-pi: unknown unified.pi.corner_recovery — a compose-mask geometry a consumer cannot name must never "
+          "be guessed");
+  }
+  const json::JVal* gate = pi->get("prop_gate_scale");
+  if (!gate || !gate->isNumber()) throw lacks("prop_gate_scale");
+  const json::JVal* idx = pi->get("lip_idx");
+  if (!idx) throw lacks("lip_idx");
+  const char* badIdx = "teeth-pi: unified.pi.lip_idx is not a non-empty array";
+  if (!idx->isArray() || idx->arr.empty()) throw std::runtime_error(badIdx);
+  std::vector<int32_t> lips;
+  for (const json::JVal& v : idx->arr) {
+    if (!v.isNumber() || std::isnan(v.num)) throw std::runtime_error(badIdx);
+    lips.push_back(truncSat(v.num));
+  }
+  const json::JVal* geom = pi->get("lip_geom_params");
+  if (!geom) throw lacks("lip_geom_params");
+  if (!geom->isArray() || geom->arr.size() != 3 || !geom->arr[0].isNumber() || !geom->arr[1].isNumber() ||
+      !geom->arr[2].isNumber())
+    throw std::runtime_error("teeth-pi: unified.pi.lip_geom_params must be [pad_x, pad_y, down]");
+  if (const json::JVal* crop = unified->get("crop")) {
+    const json::JVal* c = crop->get("canvas");
+    if (c && !(c->isNumber() && c->num == canvas))
+      throw std::runtime_error("teeth-pi: engine renders at canvas " + std::to_string(canvas) +
+                               " but unified.crop.canvas is " + (c->isNumber() ? numberText(c->num) : "not a number"));
+  }
+  return UnifiedPi(canvas, corner, static_cast<float>(gate->num), std::move(lips),
+                   static_cast<float>(geom->arr[0].num), static_cast<float>(geom->arr[1].num),
+                   static_cast<float>(geom->arr[2].num));
+}
+
+UnifiedPi UnifiedPi::corpusFromManifestJson(const std::string& manifestText, int32_t canvas, const float* xsTarget,
+                                            int nFrames, const double cCanon[2], std::string* which) {
+  if (!xsTarget || nFrames < 1) throw noFrames();
+  return corpusFrom(fromManifestJson(manifestText, canvas), xsTarget, nFrames, cCanon, which);
+}
+
 UnifiedPi UnifiedPi::corpusFrom(const UnifiedPi& base, const float* xsTarget, int nFrames, const double cCanon[2],
                                 std::string* which) {
-  if (!xsTarget || nFrames < 1)
-    throw std::runtime_error(
-        "teeth-pi: the corpus frame is identified from the bundle's own xs_target and none was supplied — "
-        "refusing to fall back to the stamped geometry, which is the GRAPH's compose field");
+  if (!xsTarget || nFrames < 1) throw noFrames();
   double distance[3];
   for (int k = 0; k < 3; ++k) {
     UnifiedPi row = base;

@@ -29,6 +29,10 @@ uint8_t piByte(float v);
 // floor / ceil of x saturated to [lo, hi]; NaN gives lo.
 int32_t floorClamp(double x, int32_t lo, int32_t hi);
 int32_t ceilClamp(double x, int32_t lo, int32_t hi);
+// x truncated toward zero, saturated to int32; NaN gives 0.
+inline int32_t truncSat(double x) { return x < 0 ? ceilClamp(x, INT32_MIN, 0) : floorClamp(x, 0, INT32_MAX); }
+// A number as the refusals print it: an integer without decimals, anything else as %g.
+std::string numberText(double x);
 
 // The winner among the three corpus rows (table order v1, v2, v3) by their distances in pixels
 // to the bank's canonical centroid cCanon: refuses a best distance over 8 px and a runner-up
