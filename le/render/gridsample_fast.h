@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "le/render/le_ort.h"
@@ -42,21 +43,44 @@ void bandVector(const float* in, const float* grid, float* out, int C, int H, in
 // Throws std::runtime_error naming `op` unless input is [N, C, H, W] and grid [N, H, W, 2].
 void checkShapes(const char* op, const std::vector<int64_t>& input, const std::vector<int64_t>& grid);
 
-// The descriptor both operators share: two required FLOAT inputs, one FLOAT output, CPU
-// provider, versions 1 to INT32_MAX. Kernel has a static kName and
-// `void compute(Ort::KernelContext&)`; its exceptions become a failed run, never cross into
+// Input element types of an operator: Kernel::kInputTypes when it lists them, else two FLOATs.
+template <typename Kernel, typename = void>
+struct OpInputs {
+  static constexpr size_t count = 2;
+  static ONNXTensorElementDataType type(size_t) { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
+};
+template <typename Kernel>
+struct OpInputs<Kernel, std::void_t<decltype(Kernel::kInputTypes)>> {
+  static constexpr size_t count = sizeof(Kernel::kInputTypes) / sizeof(Kernel::kInputTypes[0]);
+  static ONNXTensorElementDataType type(size_t i) { return Kernel::kInputTypes[i]; }
+};
+
+// The descriptor the engine's operators share: required inputs (see OpInputs), one FLOAT
+// output, CPU provider, versions 1 to INT32_MAX. Kernel has a static kName and
+// `void compute(Ort::KernelContext&)`; a kernel constructible from `const OrtKernelInfo*` reads
+// its attributes there. Its exceptions become a failed creation or run, never cross into
 // ONNX Runtime.
 template <typename Kernel>
 struct FloatOp : Ort::CustomOpBase<FloatOp<Kernel>, Kernel, true> {
   FloatOp() { OrtCustomOp::version = kOrtApiVersion; }
-  OrtStatusPtr CreateKernelV2(const OrtApi&, const OrtKernelInfo*, void** kernel) const {
-    *kernel = std::make_unique<Kernel>().release();  // owned by ONNX Runtime (KernelDestroy)
-    return nullptr;
+  OrtStatusPtr CreateKernelV2(const OrtApi&, const OrtKernelInfo* info, void** kernel) const noexcept {
+    try {
+      // owned by ONNX Runtime (KernelDestroy)
+      if constexpr (std::is_constructible_v<Kernel, const OrtKernelInfo*>)
+        *kernel = std::make_unique<Kernel>(info).release();
+      else
+        *kernel = std::make_unique<Kernel>().release();
+      return nullptr;
+    } catch (const Ort::Exception& e) {
+      return Ort::GetApi().CreateStatus(e.GetOrtErrorCode(), e.what());
+    } catch (const std::exception& e) {
+      return Ort::GetApi().CreateStatus(ORT_RUNTIME_EXCEPTION, e.what());
+    }
   }
   const char* GetName() const { return Kernel::kName; }
   const char* GetExecutionProviderType() const { return "CPUExecutionProvider"; }
-  size_t GetInputTypeCount() const { return 2; }
-  ONNXTensorElementDataType GetInputType(size_t) const { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
+  size_t GetInputTypeCount() const { return OpInputs<Kernel>::count; }
+  ONNXTensorElementDataType GetInputType(size_t i) const { return OpInputs<Kernel>::type(i); }
   size_t GetOutputTypeCount() const { return 1; }
   ONNXTensorElementDataType GetOutputType(size_t) const { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
 };

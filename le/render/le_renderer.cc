@@ -16,6 +16,7 @@
 #include "le/le_simd.h"
 #include "le/render/graph_rewrites.h"
 #include "le/render/gridsample_fast.h"
+#include "le/render/int8conv_vnni.h"
 #include "le/render/le_ort.h"
 
 namespace le {
@@ -187,6 +188,7 @@ void Renderer::Impl::createSession(const std::string& ep) {
   if (envFirst("LE_GS_FAST") != '0') {
     gsRewrite = envFirst("LE_GS_REWRITE") != '0';
     registerGridSampleFast(sessionOptions);
+    registerInt8ConvVNNI(sessionOptions);
     if (!gsRewrite && cpu) {
       std::fprintf(stderr,
                    "[le] LE_GS_REWRITE=0: load-time std GridSample -> com.vantorix::GridSampleFast "
@@ -198,6 +200,7 @@ void Renderer::Impl::createSession(const std::string& ep) {
   } else {
     bytes = readModel(modelPath);
     if (graphHasBakedGridSampleFast(bytes)) throw std::runtime_error(bakedRefusal(modelPath));
+    registerInt8ConvVNNI(sessionOptions);
   }
 
   // 5. The model's bytes.

@@ -8,6 +8,7 @@
 
 #include "le/render/onnx_bytes.h"
 #include "tools/forge/director_graph.h"
+#include "tools/forge/forge_int8.h"
 #include "tools/forge/onnx_builder.h"
 
 namespace le::forge {
@@ -253,9 +254,11 @@ std::vector<Member> directorMembers(const Params& p, const DirectorMemberOptions
   m.push_back({"render_model.batch" + std::to_string(o.batch) + ".onnx", forgeDirectorGraph(gopt)});
   if (o.featSynth)
     m.push_back({alt ? "render_model.batch1.fs.onnx" : "model_b1_fs.onnx", featSynthDirector(b1, p.crop)});
-  if (o.heavy)
-    m.push_back({alt ? "render_model.batch1.heavy.onnx" : "model_b1_heavy.onnx",
-                 heavyDirector(b1, p.crop, o.heavyLayers)});
+  if (o.heavy) {
+    const std::vector<uint8_t> heavy = heavyDirector(b1, p.crop, o.heavyLayers);
+    m.push_back({alt ? "render_model.batch1.heavy.onnx" : "model_b1_heavy.onnx", heavy});
+    m.push_back({alt ? "render_model.batch1.int8.onnx" : "model_b1_int8.onnx", int8Director(heavy)});
+  }
   return m;
 }
 
