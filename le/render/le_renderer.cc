@@ -17,6 +17,7 @@
 #include "le/render/graph_rewrites.h"
 #include "le/render/gridsample_fast.h"
 #include "le/render/int8conv_vnni.h"
+#include "le/render/le_conv.h"
 #include "le/render/le_ort.h"
 
 namespace le {
@@ -48,9 +49,6 @@ std::vector<uint8_t> readModel(const std::string& path) {
     throw std::runtime_error("Renderer: short read on " + path);
   return bytes;
 }
-
-// The fp16 backend exists only on builds with NEON fp16 arithmetic; this build has none.
-bool convBackendAvailable() { return false; }
 
 std::string xnnpackRefusal(const std::string& ep) {
   return "Renderer: ep '" + ep +
@@ -136,7 +134,10 @@ struct Renderer::Impl {
   std::vector<Ort::Value> values;
   std::vector<float> lipDelivery;
   bool lipBound = false;
+  std::unique_ptr<ConvBackend> convBackend;
   std::string directorNote;
+  std::vector<const uint16_t*> pooledPtrs, priorPtrs;
+  std::vector<uint16_t> halfPriorStaging;
 
   // What construction needs beyond the fields above.
   const Manifest* manifest = nullptr;
@@ -396,10 +397,23 @@ Renderer::Renderer(const Manifest& manifest, const Identity& identity, const std
   std::string chosen = ep;
   const char* convEnv = std::getenv("LE_CONV_BACKEND");
   if (ep == "neon" || (ep.empty() && convEnv && std::strcmp(convEnv, "neon") == 0)) {
-    if (!convBackendAvailable()) {
+    if (!ConvBackend::available()) {
       std::fprintf(stderr,
                    "[le] fp16 NEON backend requested but unavailable on this build/CPU; using "
                    "ORT\n");
+      chosen.clear();
+    } else if (ConvBackend::graphSupported(m.modelPath)) {
+      if (m.crop != 512) throw std::runtime_error("le_conv: only crop=512 m4b bundles");
+      m.convBackend = ConvBackend::create(m.modelPath, m.threads);
+      m.epLabel = "neon";
+      m.batch = 1;
+      m.out.assign(m.pElems, 0.f);
+      return;
+    } else {
+      std::fprintf(stderr,
+                   "[le] NEON backend refused: %s is not the fused m4b graph (golden/unified "
+                   "director?); using ORT\n",
+                   member.c_str());
       chosen.clear();
     }
   }
@@ -443,6 +457,25 @@ const float* Renderer::render(const int32_t* sourceIdx, const float* kpSource,
       throw std::runtime_error("render: source index " + std::to_string(sourceIdx[k]) +
                                " outside [0," + std::to_string(nt) + ")");
   }
+  if (m.convBackend) {
+    // The fp16 tables go in as they are; a prior played from a movie is copied out of the
+    // cursor's frame before the next frame replaces it.
+    m.pooledPtrs.assign(size_t(n), nullptr);
+    m.priorPtrs.assign(size_t(n), nullptr);
+    if (!m.identity->hasP()) m.halfPriorStaging.resize(size_t(n) * m.pElems);
+    for (int k = 0; k < n; ++k) {
+      m.pooledPtrs[size_t(k)] = m.identity->pooled64(sourceIdx[k]);
+      const uint16_t* p = m.identity->P(sourceIdx[k]);
+      if (!m.identity->hasP()) {
+        uint16_t* slot = m.halfPriorStaging.data() + size_t(k) * m.pElems;
+        std::memcpy(slot, p, m.pElems * sizeof(uint16_t));
+        p = slot;
+      }
+      m.priorPtrs[size_t(k)] = p;
+    }
+    m.convBackend->run(m.pooledPtrs.data(), m.priorPtrs.data(), kpSource, kpDriving, n, m.out.data());
+    return m.out.data();
+  }
   for (int k = 0; k < m.batch; ++k) {
     if (k >= n)
       m.copySlot(n - 1, k);
@@ -460,7 +493,7 @@ const float* Renderer::render(const int32_t* sourceIdx, const float* kpSource,
 
 int Renderer::batch() const { return impl_->batch; }
 const char* Renderer::ep() const { return impl_->epLabel.c_str(); }
-const char* Renderer::backend() const { return "ort"; }
+const char* Renderer::backend() const { return impl_->convBackend ? "neon" : "ort"; }
 const char* Renderer::directorNote() const { return impl_->directorNote.c_str(); }
 int Renderer::crop() const { return impl_->crop; }
 double Renderer::runMsTotal() const { return impl_->runMsTotal; }
