@@ -3,6 +3,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 
 namespace le {
 
@@ -20,6 +21,23 @@ const OrtApi& ortApi() {
     return a;
   }();
   return *api;
+}
+
+std::string coremlCacheDir(const std::string& bundleDir) {
+  ortApi();
+  const char* v = OrtGetApiBase()->GetVersionString();
+  return bundleDir + "/.coreml_cache/ort" + (v && *v ? v : "unknown");
+}
+
+void appendCoreml(Ort::SessionOptions& options, const std::string& ep, const std::string& dir) {
+  const std::string units = ep.size() > 7 ? ep.substr(7) : "all";
+  const char* mlUnits = units == "cpu"   ? "CPUOnly"
+                        : units == "gpu" ? "CPUAndGPU"
+                        : units == "ane" ? "CPUAndNeuralEngine"
+                                         : "ALL";
+  std::unordered_map<std::string, std::string> opts{
+      {"ModelFormat", "MLProgram"}, {"MLComputeUnits", mlUnits}, {"ModelCacheDirectory", coremlCacheDir(dir)}};
+  options.AppendExecutionProvider("CoreML", opts);
 }
 
 }  // namespace le

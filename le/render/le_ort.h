@@ -4,6 +4,8 @@
 
 #include <onnxruntime_cxx_api.h>
 
+#include <string>
+
 namespace le {
 
 // The oldest API version the engine relies on.
@@ -12,5 +14,14 @@ constexpr uint32_t kOrtApiVersion = 26;
 // Initialises the wrapper on first call; throws when the loaded runtime cannot serve
 // kOrtApiVersion. Thread-safe.
 const OrtApi& ortApi();
+
+// Directory for CoreML's compiled-model cache inside a bundle:
+// bundleDir + "/.coreml_cache/ort" + the runtime's version ("unknown" when it has none).
+std::string coremlCacheDir(const std::string& bundleDir);
+
+// Appends the CoreML provider for an ep text "coreml" or "coreml:cpu|gpu|ane" (compute units;
+// anything else after the prefix means all units), caching compiled models under
+// coremlCacheDir(dir). Throws where the runtime has no CoreML; callers fall back to the CPU.
+void appendCoreml(Ort::SessionOptions& options, const std::string& ep, const std::string& dir);
 
 }  // namespace le

@@ -92,26 +92,12 @@ std::string kpContractRefusal(const std::string& path, const std::string& input,
   return msg;
 }
 
-const char* coremlUnits(const std::string& ep) {
-  const std::string units = ep.size() > 7 ? ep.substr(7) : "all";
-  if (units == "cpu") return "CPUOnly";
-  if (units == "gpu") return "CPUAndGPU";
-  if (units == "ane") return "CPUAndNeuralEngine";
-  return "ALL";
-}
-
 Ort::Env makeEnv() {
   ortApi();
   return Ort::Env(ORT_LOGGING_LEVEL_WARNING, "le");
 }
 
 }  // namespace
-
-std::string coremlCacheDir(const std::string& bundleDir) {
-  ortApi();
-  const char* v = OrtGetApiBase()->GetVersionString();
-  return bundleDir + "/.coreml_cache/ort" + (v && *v ? v : "unknown");
-}
 
 struct Renderer::Impl {
   std::string epLabel;
@@ -176,11 +162,7 @@ void Renderer::Impl::createSession(const std::string& ep) {
   if (!cpu) {
     if (startsWith(ep, "xnnpack")) throw std::runtime_error(xnnpackRefusal(ep));
     if (!startsWith(ep, "coreml")) throw std::runtime_error("Renderer: unknown ep '" + ep + "'");
-    std::unordered_map<std::string, std::string> opts{
-        {"ModelFormat", "MLProgram"},
-        {"MLComputeUnits", coremlUnits(ep)},
-        {"ModelCacheDirectory", coremlCacheDir(manifest->dir)}};
-    sessionOptions.AppendExecutionProvider("CoreML", opts);
+    appendCoreml(sessionOptions, ep, manifest->dir);
   }
 
   // 4. Custom operators.

@@ -11,10 +11,6 @@ namespace le {
 struct Manifest;
 class Identity;
 
-// Directory for CoreML's compiled-model cache inside a bundle:
-// bundleDir + "/.coreml_cache/ort" + the runtime's version ("unknown" when it has none).
-std::string coremlCacheDir(const std::string& bundleDir);
-
 // Threads: one caller drives render(); the renderer is not safe for concurrent render() calls.
 // The manifest and the identity are borrowed and must outlive the renderer.
 class Renderer {
