@@ -12,6 +12,7 @@
 #include "le/le_bundle.h"
 #include "le/le_simd.h"
 #include "tools/forge/director_members.h"
+#include "tools/forge/forge_motion.h"
 #include "tools/forge/forge_movie.h"
 
 namespace fs = std::filesystem;
@@ -367,6 +368,8 @@ Result forgeBundle(const std::string& dir, const Params& p) {
   for (const Member& m : p.extraMembers) w.put(m.name, m.bytes);
   if (p.directors)
     for (const Member& m : directorMembers(p)) w.put(m.name, m.bytes);
+  if (p.motion)
+    for (const Member& m : motionMembers(p)) w.put(m.name, m.bytes);
   return r;
 }
 

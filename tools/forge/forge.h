@@ -86,6 +86,8 @@ struct Params {
   std::vector<Member> extraMembers;
   // also write the director models (director_members.h): b1, b4, FeatSynth and heavy
   bool directors = false;
+  // also write the motion directory "motion/" (forge_motion.h)
+  bool motion = false;
   // pictures and encoders
   uint32_t seed = 1;
   int jpegQuality = 92;

@@ -39,6 +39,7 @@ const char kHelp[] =
     "                      prints the names\n"
     "  --imx               also pack the bundle into the container DIR.imx\n"
     "  --no-directors      leave out the director models (model_b1.onnx, ...)\n"
+    "  --no-motion         leave out the motion directory (motion/: the speech-driven generator)\n"
     "  --force             replace DIR when it exists and is not empty\n"
     "  --quiet             no progress on standard error\n";
 
@@ -72,7 +73,7 @@ void unsharpOf(const std::string& s, forge::Params& p) {
 
 int cmdForge(const std::vector<std::string>& argv) {
   using namespace le::forge;
-  const Args args(argv, {"fs-red", "alt-names", "frame-count-key", "crop-size-key", "long-stamp-keys", "imx", "force", "quiet", "no-directors"},
+  const Args args(argv, {"fs-red", "alt-names", "frame-count-key", "crop-size-key", "long-stamp-keys", "imx", "force", "quiet", "no-directors", "no-motion"},
                   {"nt", "frames", "size", "crop", "prior", "drive", "stamp", "unsharp", "seed", "break"});
   if (args.help()) {
     std::fputs(kHelp, stdout);
@@ -124,6 +125,7 @@ int cmdForge(const std::vector<std::string>& argv) {
     throw UsageError("--drive mp4 needs an even frame size, got " + std::to_string(p.width) + "x" + std::to_string(p.height));
   p.replace = args.flag("force");
   p.directors = !args.flag("no-directors");
+  p.motion = !args.flag("no-motion");
 
   const bool quiet = args.flag("quiet");
   std::unique_ptr<Progress> bar;
