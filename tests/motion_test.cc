@@ -167,4 +167,331 @@ TEST(Motion, SpectrumAndMelMatchNaiveDftOnSpeech) {
   EXPECT_NEAR(cond[0], loud, 1e-3);
 }
 
+
+std::vector<uint8_t> bytesOfFile(const std::string& path) {
+  const std::string b = le::readFile(path);
+  return std::vector<uint8_t>(b.begin(), b.end());
+}
+
+// Writes meta.json of dir with the given body lines.
+void writeMeta(const std::string& dir, const std::string& body) { writeFile(dir + "/meta.json", "{\n" + body + "\n}\n"); }
+
+std::vector<float> rowOf(const std::vector<float>& v, int r, int n) {
+  return std::vector<float>(v.begin() + static_cast<long>(r) * n, v.begin() + static_cast<long>(r + 1) * n);
+}
+
+// 3-row mean of the pose floats (0 .. 201) of rows [from, to], from the unsmoothed values.
+void smooth(std::vector<std::vector<float>>& seq, int from, int to) {
+  const auto snap = seq;
+  for (int r = from; r <= to; ++r) {
+    const int a = std::max(r - 1, 0), b = std::min(r + 1, static_cast<int>(seq.size()) - 1);
+    for (int k = 0; k < 202; ++k) {
+      float s = 0;
+      for (int q = a; q <= b; ++q) s += snap[q][k];
+      seq[r][k] = s / static_cast<float>(b - a + 1);
+    }
+  }
+}
+
+double angle(const float* l) {
+  double mx = -1e30, s = 0, e = 0;
+  for (int i = 0; i < 66; ++i) mx = std::max<double>(mx, l[i]);
+  for (int i = 0; i < 66; ++i) s += std::exp(l[i] - mx), e += std::exp(l[i] - mx) * i;
+  return 3 * e / s - 97.5;
+}
+
+// p * (Rz Ry Rx)^T, angles in degrees.
+void rotate(const float* p, double ax, double ay, double az, double* out) {
+  const double k = M_PI / 180, x = ax * k, y = ay * k, z = az * k;
+  const double Rx[3][3] = {{1, 0, 0}, {0, std::cos(x), -std::sin(x)}, {0, std::sin(x), std::cos(x)}};
+  const double Ry[3][3] = {{std::cos(y), 0, std::sin(y)}, {0, 1, 0}, {-std::sin(y), 0, std::cos(y)}};
+  const double Rz[3][3] = {{std::cos(z), -std::sin(z), 0}, {std::sin(z), std::cos(z), 0}, {0, 0, 1}};
+  double zy[3][3] = {}, r[3][3] = {};
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j)
+      for (int q = 0; q < 3; ++q) zy[i][j] += Rz[i][q] * Ry[q][j];
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j)
+      for (int q = 0; q < 3; ++q) r[i][j] += zy[i][q] * Rx[q][j];
+  for (int d = 0; d < 3; ++d) out[d] = p[0] * r[d][0] + p[1] * r[d][1] + p[2] * r[d][2];  // p * r^T
+}
+
+TEST(Motion, ChunksAndEmissionMatchPlainLoops) {
+  ScratchDir d("motion_chunks");
+  const std::string dir = forgeMotionDir(d, 5);
+  writeMeta(dir, "\"nt\": 5, \"n_src\": 5, \"n_emo\": 8, \"s_bridge\": 0.8, \"delta_pitch\": 4.0");
+  std::vector<float> audio = speech();
+  for (int k = 0; k < 2; ++k) {
+    audio.insert(audio.end(), 8000, 0.0f);
+    audio.insert(audio.end(), speech().begin(), speech().end());
+  }
+  audio.resize(std::min<size_t>(audio.size(), 640 * 231 - 100));
+  const int total = static_cast<int>((audio.size() + 639) / 640);
+  ASSERT_GT(total, 210) << "four chunks";
+  Handle h(dir, d.path());
+  ASSERT_TRUE(h.m) << le_motion_last_error();
+  le_motion_reset(h.m, 3, -1, 1);
+  const Frames f = run(h.m, audio);
+  ASSERT_EQ(f.n(), total);
+  EXPECT_EQ(le_motion_avail(h.m), 0);
+
+  // The generator over the dumped condition rows, chunk by chunk.
+  const std::vector<float> cond = readFloats(d / "cond.bin"), fin = readFloats(d / "final.bin");
+  ASSERT_EQ(cond.size(), static_cast<size_t>(total) * 1103);
+  const std::vector<float> ch = readFloats(dir + "/ch_xs_info.bin"), vmm = readFloats(dir + "/v_min_max.bin");
+  std::vector<float> init(265);
+  init[0] = ch[258] - 1;
+  std::copy(ch.begin() + 126, ch.begin() + 192, init.begin() + 1);
+  std::copy(ch.begin() + 262, ch.begin() + 328, init.begin() + 67);
+  std::copy(ch.begin() + 192, ch.begin() + 258, init.begin() + 133);
+  std::copy(ch.begin() + 259, ch.begin() + 262, init.begin() + 199);
+  std::copy(ch.begin(), ch.begin() + 63, init.begin() + 202);
+  Ort::Session gen = le::test::ortSession(bytesOfFile(dir + "/lmdm.onnx"));
+  std::vector<std::vector<float>> seq;
+  std::vector<float> state = init;
+  for (int n = 0; 70 * n < total; ++n) {
+    std::vector<float> in;
+    for (int i = 0; i < 80; ++i) {
+      const auto r = rowOf(cond, std::min(70 * n + i, total - 1), 1103);
+      in.insert(in.end(), r.begin(), r.end());
+    }
+    const std::vector<float> pred = le::test::ortRun(
+        gen, {{"kp_cond", {1, 265}, state.data(), 265}, {"aud_cond", {1, 80, 1103}, in.data(), in.size()}}, "pred");
+    const int old = static_cast<int>(seq.size());
+    if (n == 0) {
+      for (int i = 0; i < 80; ++i) seq.push_back(rowOf(pred, i, 265));
+      smooth(seq, 0, 79);
+    } else {
+      for (int k = 0; k < 10; ++k)
+        for (int q = 0; q < 265; ++q)
+          seq[old - 10 + k][q] = (1 - k / 10.0f) * seq[old - 10 + k][q] + (k / 10.0f) * pred[k * 265 + q];
+      for (int i = 10; i < 80; ++i) seq.push_back(rowOf(pred, i, 265));
+      smooth(seq, old - 10, old);
+    }
+    state = init;
+    std::copy(seq[seq.size() - 11].begin(), seq[seq.size() - 11].begin() + 202, state.begin());
+  }
+  seq.resize(total);
+  smooth(seq, 0, total - 1);
+  ASSERT_EQ(fin.size(), static_cast<size_t>(total) * 265);
+  float worst = 0;
+  for (int t = 0; t < total; ++t)
+    for (int k = 0; k < 265; ++k)
+      worst = std::max(worst, std::fabs(std::clamp(seq[t][k], vmm[k], vmm[265 + k]) - fin[t * 265 + k]));
+  EXPECT_LT(worst, 1e-5f);
+
+  // Emission: walk, angles, rotation with the pitch offset, lip mask, exp0, expGain, stitcher, bridge.
+  const std::vector<float> src = readFloats(dir + "/src_xs_info.bin"), target = readFloats(dir + "/xs_target.bin"),
+                           xsla = readFloats(d / "xsla.bin");
+  Ort::Session stitch = le::test::ortSession(bytesOfFile(dir + "/stitch.onnx"));
+  const std::vector<int> walk = {3, 2, 1, 0, 1, 2, 3, 4, 3, 2};
+  const float gain = ch[258] / src[258];
+  const bool lip[21] = {0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 1, 0, 0, 1, 0, 1, 1};
+  double srcErr = 0, drvErr = 0, targetErr = 0;
+  for (int t = 0; t < total; ++t) {
+    const int s = walk[t % 8];
+    ASSERT_EQ(f.si[t], s) << t;
+    const float* info = src.data() + s * 328;
+    const double ax = angle(info + 126), ay = angle(info + 262), az = angle(info + 192);
+    std::vector<float> xs(63), xd(63);
+    for (int j = 0; j < 21; ++j) {
+      double ps[3], pd[3];
+      rotate(info + 63 + 3 * j, ax, ay, az, ps);
+      rotate(info + 63 + 3 * j, ax + 4.0, ay, az, pd);
+      for (int c = 0; c < 3; ++c) {
+        const int k = 3 * j + c;
+        const double e = lip[j] ? (fin[t * 265 + 202 + k] - fin[202 + k]) * gain + info[k] : info[k];
+        const double tr = c < 2 ? info[259 + c] : 0.0;
+        xs[k] = static_cast<float>(info[258] * (ps[c] + info[k]) + tr);
+        xd[k] = static_cast<float>(info[258] * (pd[c] + e) + tr);
+      }
+    }
+    const std::vector<float> st = le::test::ortRun(
+        stitch, {{"kp_source", {1, 21, 3}, xs.data(), 63}, {"kp_driving", {1, 21, 3}, xd.data(), 63}}, "kp_stitched");
+    for (int k = 0; k < 63; ++k) {
+      srcErr = std::max(srcErr, std::fabs(double(xs[k]) - xsla[t * 63 + k]));
+      targetErr = std::max(targetErr, std::fabs(double(xs[k]) - target[s * 63 + k]));
+      ASSERT_EQ(f.xs[t * 63 + k], target[s * 63 + k]);
+      drvErr = std::max(drvErr, std::fabs(target[s * 63 + k] + 0.8 * (st[k] - xs[k]) - f.xd[t * 63 + k]));
+    }
+  }
+  EXPECT_LT(srcErr, 2e-5);
+  EXPECT_LT(drvErr, 2e-5);
+  EXPECT_LT(targetErr, 1e-4) << "the forged source motion agrees with xs_target.bin";
+}
+
+TEST(Motion, AvailabilityEagerAndSourceWalks) {
+  ScratchDir d("motion_avail");
+  const std::string dir = forgeMotionDir(d, 4);
+  std::vector<float> audio = speech();
+  audio.resize(100000, 0.0f);
+  Handle h(dir);
+  ASSERT_TRUE(h.m) << le_motion_last_error();
+  const auto pushTo = [&](size_t n, size_t& at) {
+    ASSERT_EQ(le_motion_push(h.m, audio.data() + at, static_cast<int>(n - at)), 1);
+    at = n;
+  };
+  size_t at = 0;
+  pushTo(4479, at);
+  EXPECT_EQ(le_motion_avail(h.m), 0);
+  pushTo(52479, at);
+  EXPECT_EQ(le_motion_avail(h.m), 0) << "the first chunk needs 80 condition rows";
+  pushTo(52480, at);
+  EXPECT_EQ(le_motion_avail(h.m), 69);
+  pushTo(97279, at);
+  EXPECT_EQ(le_motion_avail(h.m), 69);
+  pushTo(97280, at);
+  EXPECT_EQ(le_motion_avail(h.m), 139);
+  std::vector<int> si(5);
+  std::vector<float> xs(5 * 63), xd(5 * 63);
+  EXPECT_EQ(le_motion_pull(h.m, si.data(), xs.data(), xd.data(), 5), 5);
+  EXPECT_EQ(le_motion_avail(h.m), 134);
+  EXPECT_EQ(le_motion_total(h.m), -1);
+  pushTo(audio.size(), at);
+  le_motion_finish(h.m);
+  le_motion_finish(h.m);
+  EXPECT_EQ(le_motion_total(h.m), 157);
+  EXPECT_EQ(le_motion_avail(h.m), 152);
+  EXPECT_EQ(pullAll(h.m).n(), 152);
+  EXPECT_EQ(le_motion_avail(h.m), 0);
+
+  // Eager: adaptive delivers the first frame after two frames of audio; every step size ends
+  // with exactly the utterance's frames.
+  for (int eager : {-1, 1, 4}) {
+    le_motion_reset(h.m, 0, 1, 0);
+    le_motion_set_eager(h.m, eager);
+    size_t first = 0;
+    int pulled = 0;
+    for (size_t p = 0; p < audio.size(); p += 640) {
+      le_motion_push(h.m, audio.data() + p, static_cast<int>(std::min<size_t>(640, audio.size() - p)));
+      const int got = pullAll(h.m).n();
+      if (got && !first) first = p + 640;
+      pulled += got;
+    }
+    le_motion_finish(h.m);
+    pulled += pullAll(h.m).n();
+    EXPECT_EQ(pulled, 157) << "eager " << eager;
+    if (eager < 0) {
+      EXPECT_EQ(first, 1280u);
+    }
+    EXPECT_LE(first, 640u * (eager > 0 ? eager + 1 : 2)) << "eager " << eager;
+    EXPECT_STREQ(le_motion_last_error(), "");
+  }
+  le_motion_set_eager(h.m, 0);
+
+  // Source walks over nt = 4, and nt = 1 ping-pong.
+  const std::vector<float> eight(8 * 640, 0.0f);
+  const auto walk = [&](le_motion* m, int start, int dir, int loop) {
+    le_motion_reset(m, start, dir, loop);
+    return run(m, eight).si;
+  };
+  EXPECT_EQ(walk(h.m, 0, 1, 1), (std::vector<int>{0, 1, 2, 3, 2, 1, 0, 1}));
+  EXPECT_EQ(walk(h.m, 0, 1, 0), (std::vector<int>{0, 1, 2, 3, 0, 1, 2, 3}));
+  EXPECT_EQ(walk(h.m, 9, -5, 0), (std::vector<int>{3, 2, 1, 0, 3, 2, 1, 0}));
+  ScratchDir d1("motion_nt1");
+  Handle one(forgeMotionDir(d1, 1));
+  ASSERT_TRUE(one.m) << le_motion_last_error();
+  EXPECT_EQ(le_motion_nt(one.m), 1);
+  EXPECT_EQ(walk(one.m, 0, 1, 1), std::vector<int>(8, 0));
+}
+
+TEST(Motion, LipsFollowSpeechAndCloseInSilence) {
+  ScratchDir d("motion_lips");
+  Handle h(forgeMotionDir(d, 6));
+  ASSERT_TRUE(h.m) << le_motion_last_error();
+  std::vector<float> audio(8000, 0.0f);
+  audio.insert(audio.end(), speech().begin(), speech().end());
+  audio.insert(audio.end(), 16000, 0.0f);
+  const Frames f = run(h.m, audio);
+  const std::vector<double> rms = le::testmedia::frameRms(audio);
+  ASSERT_EQ(f.n(), static_cast<int>(rms.size()));
+  // Lip opening beyond the source frame's own: lower inner lip (20) below upper inner lip (19).
+  std::vector<double> open(f.n());
+  for (int t = 0; t < f.n(); ++t) {
+    const float* xs = &f.xs[t * 63];
+    const float* xd = &f.xd[t * 63];
+    open[t] = (xd[61] - xd[58]) - (xs[61] - xs[58]);
+  }
+  double ma = 0, mb = 0, sab = 0, saa = 0, sbb = 0;
+  for (int t = 0; t < f.n(); ++t) ma += open[t] / f.n(), mb += rms[t] / f.n();
+  for (int t = 0; t < f.n(); ++t)
+    sab += (open[t] - ma) * (rms[t] - mb), saa += (open[t] - ma) * (open[t] - ma), sbb += (rms[t] - mb) * (rms[t] - mb);
+  const double corr = sab / std::sqrt(saa * sbb);
+  std::printf("[motion] lip opening vs frame loudness: correlation %.3f, widest %.4f\n", corr,
+              *std::max_element(open.begin(), open.end()));
+  RecordProperty("lip_rms_correlation", std::to_string(corr));
+  EXPECT_GT(corr, 0.5);
+  EXPECT_GT(*std::max_element(open.begin(), open.end()), 0.05);
+  for (int t = f.n() - 20; t < f.n(); ++t) EXPECT_NEAR(open[t], open[0], 0.004) << "closed in silence, frame " << t;
+}
+
+TEST(Motion, RefusalsAndBadCalls) {
+  EXPECT_EQ(le_motion_create(nullptr, 1, nullptr), nullptr);
+  EXPECT_STREQ(le_motion_last_error(), "le_motion_create: NULL motion_dir");
+  EXPECT_EQ(le_motion_create("/nonexistent/motion", 1, nullptr), nullptr);
+  EXPECT_STREQ(le_motion_last_error(), "le_motion_create: cannot open /nonexistent/motion/meta.json");
+
+  ScratchDir d("motion_bad");
+  const std::string dir = forgeMotionDir(d, 4);
+  const std::string meta = le::readFile(dir + "/meta.json");
+  const auto refusal = [&](const char* ep = nullptr) {
+    Handle h(dir, "", ep);
+    return h.m ? std::string("created") : std::string(le_motion_last_error());
+  };
+  writeMeta(dir, "\"nt\": 4, \"n_src\": 4, \"n_emo\": 8");
+  EXPECT_EQ(refusal(), "le_motion_create: meta.json: missing s_bridge");
+  writeMeta(dir, "\"nt\": 4, \"n_src\": 4, \"n_emo\": 8, \"note\": \"s_bridge\"");
+  EXPECT_EQ(refusal(), "le_motion_create: meta.json: bad s_bridge");
+  writeMeta(dir, "\"nt\": 4, \"n_src\": 3, \"n_emo\": 8, \"s_bridge\": 1");
+  EXPECT_EQ(refusal(), "le_motion_create: le_motion: n_src != nt unsupported");
+  writeFile(dir + "/meta.json", meta);
+  EXPECT_EQ(refusal("cuda"), "le_motion_create: le_motion: unknown ep 'cuda'");
+  EXPECT_EQ(refusal("coreml:ane"), "created") << "CoreML falls back to the CPU";
+  for (const auto& [name, floats] : {std::pair<std::string, int>{"emo.bin", 64}, {"v_min_max.bin", 530},
+                                     {"src_xs_info.bin", 4 * 328}, {"xs_target.bin", 4 * 63}}) {
+    const std::string path = dir + "/" + name, bytes = le::readFile(path);
+    writeFile(path, bytes.substr(0, bytes.size() - 4));
+    EXPECT_EQ(refusal(), "le_motion_create: short read " + path + ": " + std::to_string(floats - 1) +
+                             " floats, expected " + std::to_string(floats));
+    writeFile(path, bytes);
+  }
+
+  Handle h(dir);
+  ASSERT_TRUE(h.m) << le_motion_last_error();
+  EXPECT_STREQ(le_motion_last_error(), "");
+  float buf[63], buf2[63];
+  const char* pushBad = "le_motion_push: bad args / already finished";
+  EXPECT_EQ(le_motion_push(nullptr, buf, 1), 0);
+  EXPECT_STREQ(le_motion_last_error(), pushBad);
+  EXPECT_EQ(le_motion_push(h.m, nullptr, 1), 0);
+  EXPECT_EQ(le_motion_push(h.m, buf, -1), 0);
+  EXPECT_EQ(le_motion_push(h.m, buf, 0), 1);
+  EXPECT_EQ(le_motion_pull(h.m, nullptr, nullptr, buf2, 1), 0);
+  EXPECT_STREQ(le_motion_last_error(), "le_motion_pull: bad args");
+  EXPECT_EQ(le_motion_pull(h.m, nullptr, buf, buf2, 0), 0);
+  EXPECT_STREQ(le_motion_last_error(), "le_motion_pull: bad args");
+  EXPECT_EQ(le_motion_pull(h.m, nullptr, buf, buf2, 1), 0);
+  EXPECT_STREQ(le_motion_last_error(), "") << "nothing pullable is no error";
+  EXPECT_EQ(le_motion_total(nullptr), -1);
+  EXPECT_EQ(le_motion_nt(nullptr), 0);
+  EXPECT_EQ(le_motion_avail(nullptr), 0);
+  le_motion_finish(nullptr);
+  le_motion_reset(nullptr, 0, 1, 0);
+
+  // A reset mid-utterance starts afresh: the replay matches a new handle's run exactly.
+  const std::vector<float> audio(speech().begin(), speech().begin() + 60000);
+  le_motion_push(h.m, audio.data(), 55000);
+  ASSERT_GT(le_motion_pull(h.m, nullptr, buf, buf2, 1), 0);
+  le_motion_reset(h.m, 0, 1, 0);
+  const Frames again = run(h.m, audio);
+  EXPECT_EQ(le_motion_push(h.m, buf, 1), 0);
+  EXPECT_STREQ(le_motion_last_error(), pushBad);
+  Handle fresh(dir);
+  const Frames ref = run(fresh.m, audio);
+  EXPECT_EQ(again.si, ref.si);
+  EXPECT_EQ(again.xs, ref.xs);
+  EXPECT_EQ(again.xd, ref.xd);
+  EXPECT_EQ(again.n(), 94);
+}
+
 }  // namespace

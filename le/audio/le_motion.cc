@@ -109,7 +109,8 @@ Ort::SessionOptions sessionOptions(int threads) {
 // over caller buffers.
 class Net {
  public:
-  Net(Ort::Env& env, const std::string& path, int threads, const std::string& ep, const std::string& dir) {
+  // A CoreML ep that cannot be had is cleared, so the next network goes straight to the CPU.
+  Net(Ort::Env& env, const std::string& path, int threads, std::string& ep, const std::string& dir) {
     if (!canOpenForRead(path)) fail("cannot open " + path);
     bool made = false;
     if (!ep.empty()) {
@@ -120,6 +121,7 @@ class Net {
         made = true;
       } catch (const std::exception& e) {
         std::fprintf(stderr, "[le] CoreML EP session refused: %s — falling back to the ORT CPU EP\n", e.what());
+        ep.clear();
       }
     }
     if (!made) session_ = Ort::Session(env, path.c_str(), sessionOptions(threads));
@@ -313,7 +315,7 @@ struct Motion::Impl {
   std::vector<float> genIn = std::vector<float>(kChunk * kCondDim);
   std::vector<float> snapshot = std::vector<float>((kFade + 3) * kRowDim);
 
-  void load(int threads, const std::string& ep);
+  void load(int threads, std::string ep);
   void warmUp();
   void resetState(int start, int dir, int loop);
 
@@ -336,7 +338,7 @@ struct Motion::Impl {
   }
 };
 
-void Motion::Impl::load(int threads, const std::string& ep) {
+void Motion::Impl::load(int threads, std::string ep) {
   const std::string metaPath = dir + "/meta.json";
   const std::string meta = readFile(metaPath);
   nt = metaCount(meta, "nt");

@@ -19,7 +19,7 @@ constexpr int kMels = 80, kBins = 257, kFeat = 1024, kRow = 265, kInfo = 328, kE
 // first-formant bands (about 300 .. 1000 Hz) over that mean.
 constexpr int kF1Lo = 11, kF1Hi = 28;
 // De-normalised loudness of silence and of ordinary speech, and where openness sits.
-constexpr float kLoudClosed = -9.0f, kLoudOpen = -3.0f;
+constexpr float kLoudClosed = -8.5f, kLoudOpen = -4.5f;
 constexpr float kOpenMid = 1.0f, kOpenSpan = 2.5f;
 
 // Deterministic N(0, 1) values (xorshift and Box-Muller), so equal parameters give equal bytes.
