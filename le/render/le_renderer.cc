@@ -19,6 +19,7 @@
 #include "le/render/int8conv_vnni.h"
 #include "le/render/le_conv.h"
 #include "le/render/le_ort.h"
+#include "le/tessera/le_lip_contour.h"
 
 namespace le {
 
@@ -118,6 +119,7 @@ struct Renderer::Impl {
   bool fsRedGraph = false;
   std::vector<float> pooled, prior, fsRed, kpDriving, kpSource, out;
   std::vector<Ort::Value> values;
+  std::unique_ptr<tessera::LipContour> lipContour;
   std::vector<float> lipDelivery;
   bool lipBound = false;
   std::unique_ptr<ConvBackend> convBackend;
@@ -216,14 +218,30 @@ void Renderer::Impl::createSession(const std::string& ep) {
   const size_t blendCount = normaliseStudentBlend(bytes);
   const size_t cubicCount = rewriteHeadCubicResize(bytes);
   changed = changed || gsCount || blendCount || cubicCount;
-  // The lip contour arrives with the borrow subsystem; until then every session serves the
-  // graph's own ellipse.
-  std::fprintf(stderr,
-               "[le] !!! compose alpha: ELLIPSE (%s) — this bundle carries no %s, so the director "
-               "generates the over-covering elliptical region the contour replaces. BACKFILL IT: "
-               "models/tamsine-2/tools/carry_lip_template_fleet.py\n",
-               member.c_str(), "lip_template.v1.json");
   lipBound = false;
+  if (lipContour) {
+    std::string reason;
+    int canvas = 0, lipBatch = 0;
+    if (rewriteBindLipContour(bytes, reason, &canvas, &lipBatch) == 1) {
+      if (canvas != crop)
+        throw std::runtime_error("Renderer: the director's compose canvas is " + std::to_string(canvas) +
+                                 " and this bundle's manifest declares crop " + std::to_string(crop) +
+                                 " — refusing to bind a lip contour rasterised on the wrong canvas");
+      lipBound = true;
+      changed = true;
+    } else {
+      std::fprintf(stderr,
+                   "[le] !!! lip contour NOT bound to the compose alpha (%s): %s — this session serves "
+                   "the graph's own ELLIPSE\n",
+                   member.c_str(), reason.empty() ? "no reason given" : reason.c_str());
+    }
+  } else {
+    std::fprintf(stderr,
+                 "[le] !!! compose alpha: ELLIPSE (%s) — this bundle carries no %s, so the director "
+                 "generates the over-covering elliptical region the contour replaces. BACKFILL IT: "
+                 "models/tamsine-2/tools/carry_lip_template_fleet.py\n",
+                 member.c_str(), "lip_template.v1.json");
+  }
 
   // 7. The source-cone split is not tried in this build.
 
@@ -246,6 +264,11 @@ void Renderer::Impl::createSession(const std::string& ep) {
                  "Resize kernel is the pole on every CPU-class EP and no CoreML/NNAPI EP can "
                  "claim it\n",
                  cubicCount, member.c_str());
+  if (lipBound)
+    std::fprintf(stderr,
+                 "[le] compose alpha: LIP CONTOUR (%s) — Min(a, lip_delivery) bound at load, %d verts, "
+                 "feather %.1f px; the graph's ellipse is not reachable in this session\n",
+                 member.c_str(), lipContour->nv(), static_cast<double>(lipContour->featherPx()));
 
   // 9. The session.
   if (changed)
@@ -323,7 +346,7 @@ void Renderer::Impl::bindTensors() {
     return values.size() - 1;
   };
   values.clear();
-  values.reserve(6);
+  values.reserve(7);
   if (fsRedGraph) {
     binding->BindInput("fs_red", values[tensor(fsRed, fsShape, 4)]);
     binding->BindInput("pooled", values[tensor(pooled, pooledShape, 4)]);
@@ -334,6 +357,11 @@ void Renderer::Impl::bindTensors() {
     binding->BindInput("P_rgb", values[tensor(prior, imageShape, 4)]);
     binding->BindInput("kp_driving", values[tensor(kpDriving, kpShape, 3)]);
     binding->BindInput("kp_source", values[tensor(kpSource, kpShape, 3)]);
+  }
+  if (lipBound) {
+    lipDelivery.assign(b * static_cast<size_t>(c) * static_cast<size_t>(c), 1.f);
+    const int64_t lipShape[4] = {bb, 1, c, c};
+    binding->BindInput("lip_delivery", values[tensor(lipDelivery, lipShape, 4)]);
   }
   binding->BindOutput("rgb", values[tensor(out, imageShape, 4)]);
 }
@@ -347,6 +375,7 @@ void Renderer::Impl::fillSlot(int k, int32_t si, const float* ks, const float* k
     halfToFloat(identity->P(si), prior.data() + kk * pElems, pElems);
   std::memcpy(kpSource.data() + kk * kKpFloats, ks, kKpFloats * sizeof(float));
   std::memcpy(kpDriving.data() + kk * kKpFloats, kd, kKpFloats * sizeof(float));
+  if (lipBound) lipContour->contourF32Canvas(kd, lipDelivery.data() + kk * static_cast<size_t>(crop) * crop);
 }
 
 void Renderer::Impl::copySlot(int from, int to) {
@@ -399,6 +428,10 @@ Renderer::Renderer(const Manifest& manifest, const Identity& identity, const std
       chosen.clear();
     }
   }
+  // The lip template is the bundle's own: a bad one refuses the bundle.
+  if (!manifest.lip_template.empty())
+    m.lipContour = std::make_unique<tessera::LipContour>(
+        tessera::LipContour::fromTemplateJson(manifest.lip_template, m.crop));
 
   try {
     m.createSession(chosen);

@@ -12,6 +12,7 @@
 #include "le/le_bundle.h"
 #include "le/le_simd.h"
 #include "tools/forge/director_members.h"
+#include "tools/forge/forge_lip.h"
 #include "tools/forge/forge_motion.h"
 #include "tools/forge/forge_movie.h"
 
@@ -292,6 +293,7 @@ std::string manifestText(const Params& p) {
   kv.emplace_back("ksize", std::to_string(p.ksize));
   kv.emplace_back("frames", std::to_string(p.frames));
   if (p.prior == Prior::Hevc) kv.emplace_back("P_hevc", str("P_hevc.mov"));
+  for (const auto& e : lipManifestEntries(p)) kv.push_back(e);
   for (const auto& e : p.manifestExtra) kv.push_back(e);
   if (p.has(Break::ManifestDuplicateW)) kv.emplace_back("W", std::to_string(p.width));
   std::string t = "{\n";
@@ -365,6 +367,7 @@ Result forgeBundle(const std::string& dir, const Params& p) {
   }
 
   writeDriveMedia(p, w);
+  for (const Member& m : lipMembers(p)) w.put(m.name, m.bytes);
   for (const Member& m : p.extraMembers) w.put(m.name, m.bytes);
   if (p.directors)
     for (const Member& m : directorMembers(p)) w.put(m.name, m.bytes);

@@ -54,6 +54,10 @@ enum class Break {
   PriorShortMovie, PriorWrongSize, PriorYuv420,
 };
 
+// The mouth region (forge_lip.h): nothing; the manifest's "unified" block; that and the lip
+// template "lip_template.v1.json"; that with the template's learned map.
+enum class Lips { None, Unified, Template, Learned };
+
 // A member written verbatim (later forge extensions: models, audio members, templates).
 struct Member {
   std::string name;  // relative path inside the bundle, "/" creates subdirectories
@@ -84,6 +88,7 @@ struct Params {
   // extra top-level manifest entries, appended as "key": value (value is raw JSON text)
   std::vector<std::pair<std::string, std::string>> manifestExtra;
   std::vector<Member> extraMembers;
+  Lips lips = Lips::None;
   // also write the director models (director_members.h): b1, b4, FeatSynth and heavy
   bool directors = false;
   // also write the motion directory "motion/" (forge_motion.h)

@@ -34,6 +34,9 @@ const char kHelp[] =
     "  --stamp S           paste-space stamp: canvas (W x H), none, or WxH of another canvas\n"
     "                      (M.f32 is then written in that canvas) (default canvas)\n"
     "  --unsharp A,S,K     unsharp amount, sigma, ksize (default 1.3,2,13)\n"
+    "  --lips KIND         mouth region: none, unified (the manifest's \"unified\" pi block),\n"
+    "                      template (also lip_template.v1.json, measured on the face's lips),\n"
+    "                      learned (the template with a learned map) (default none)\n"
     "  --seed N            picture seed (default 1)\n"
     "  --break NAME        write a deliberately broken bundle; repeatable; --break list\n"
     "                      prints the names\n"
@@ -48,6 +51,14 @@ forge::Prior priorOf(const std::string& s) {
   if (s == "hevc") return Prior::Hevc;
   if (s == "fs_red") return Prior::FsRedOnly;
   throw UsageError("--prior wants raw, hevc or fs_red, got '" + s + "'");
+}
+
+forge::Lips lipsOf(const std::string& s) {
+  if (s == "none") return forge::Lips::None;
+  if (s == "unified") return forge::Lips::Unified;
+  if (s == "template") return forge::Lips::Template;
+  if (s == "learned") return forge::Lips::Learned;
+  throw UsageError("--lips wants none, unified, template or learned, got '" + s + "'");
 }
 
 forge::DriveMedia driveOf(const std::string& s) {
@@ -74,7 +85,7 @@ void unsharpOf(const std::string& s, forge::Params& p) {
 int cmdForge(const std::vector<std::string>& argv) {
   using namespace le::forge;
   const Args args(argv, {"fs-red", "alt-names", "frame-count-key", "crop-size-key", "long-stamp-keys", "imx", "force", "quiet", "no-directors", "no-motion"},
-                  {"nt", "frames", "size", "crop", "prior", "drive", "stamp", "unsharp", "seed", "break"});
+                  {"nt", "frames", "size", "crop", "prior", "drive", "stamp", "unsharp", "seed", "break", "lips"});
   if (args.help()) {
     std::fputs(kHelp, stdout);
     return kOk;
@@ -111,6 +122,7 @@ int cmdForge(const std::vector<std::string>& argv) {
     parseSize("stamp", stamp, p.stampWidth, p.stampHeight);
   }
   if (args.has("unsharp")) unsharpOf(args.str("unsharp", ""), p);
+  p.lips = lipsOf(args.str("lips", "none"));
   p.seed = static_cast<uint32_t>(args.integer("seed", 1, 0, 2147483647));
   for (const std::string& b : args.all("break")) {
     bool found = false;

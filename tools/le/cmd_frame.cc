@@ -1,4 +1,5 @@
 // le frame BUNDLE -o OUT.png: one frame rendered and pasted through the engine's flat interface.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include "le/le.h"
 #include "le/le_bundle.h"
 #include "le/le_image.h"
+#include "le/tessera/le_lip_contour.h"
 #include "tools/le/le_cli.h"
 
 namespace le::cli {
@@ -30,7 +32,10 @@ const char kHelp[] =
     "                      AMOUNT (0 keeps them, 1 is a wide-open mouth)\n"
     "  --model KEY         director member model_KEY.onnx (default b1)\n"
     "  --threads N         director threads (default: the engine's choice)\n"
-    "  --ep EP             execution provider request (default: the CPU provider)\n";
+    "  --ep EP             execution provider request (default: the CPU provider)\n"
+    "  --lip PATH          also writes the lip delivery of the frame as PNG: the rendered crop,\n"
+    "                      and beside it the lip contour plane the director's compose alpha is\n"
+    "                      cut to (needs a bundle with lip_template.v1.json)\n";
 
 // Keypoint rows of the lips: the upper ones move up, the lower ones down.
 constexpr int kUpperLip[] = {6, 19}, kLowerLip[] = {12, 20};
@@ -54,6 +59,32 @@ struct CtxDeleter {
   void operator()(le_ctx* c) const { le_destroy(c); }
 };
 
+// The crop, and beside it the contour plane in grey with the crop showing through where the
+// plane lets the face in.
+void writeLipDelivery(const std::string& path, const Manifest& m, const float* crop, const float* xd) {
+  if (m.lip_template.empty())
+    throw std::runtime_error("--lip: " + m.dir + " carries no lip_template.v1.json, so the director serves its own ellipse");
+  const tessera::LipContour lc = tessera::LipContour::fromTemplateJson(m.lip_template, m.crop);
+  const size_t n = size_t(m.crop), plane = n * n;
+  std::vector<float> lip(plane);
+  lc.contourF32Canvas(xd, lip.data());
+  std::vector<uint8_t> rgb(plane * 6);
+  auto byte = [](float v) { return uint8_t(std::lround(std::clamp(v, 0.f, 1.f) * 255.f)); };
+  for (size_t y = 0; y < n; ++y)
+    for (size_t x = 0; x < n; ++x) {
+      const size_t i = y * n + x;
+      uint8_t* left = &rgb[(y * 2 * n + x) * 3];
+      uint8_t* right = left + n * 3;
+      for (int c = 0; c < 3; ++c) {
+        left[c] = byte(crop[c * plane + i]);
+        right[c] = byte(0.25f * crop[c * plane + i] * (1.f - lip[i]) + lip[i] * (0.35f + 0.65f * crop[c * plane + i]));
+      }
+    }
+  writePNG(path, rgb.data(), int(2 * n), int(n));
+  std::fprintf(stderr, "wrote %s: the crop and its lip contour (%d vertices, feather %.1f px)\n", path.c_str(), lc.nv(),
+               double(lc.featherPx()));
+}
+
 float parseAmount(const std::string& s) {
   char* end = nullptr;
   const float v = std::strtof(s.c_str(), &end);
@@ -67,7 +98,7 @@ float parseAmount(const std::string& s) {
 int cmdFrame(const std::vector<std::string>& argv) {
   std::vector<std::string> args0;
   for (const std::string& a : argv) args0.push_back(a == "-o" ? "--output" : a);
-  const Args args(args0, {}, {"output", "drive", "si", "open", "model", "threads", "ep"});
+  const Args args(args0, {}, {"output", "drive", "si", "open", "model", "threads", "ep", "lip"});
   if (args.help()) {
     std::fputs(kHelp, stdout);
     return kOk;
@@ -101,7 +132,9 @@ int cmdFrame(const std::vector<std::string>& argv) {
   }
   if (open != 0.0f) openMouth(xd, open);
 
-  if (!le_render_kp_crop(ctx.get(), si, xs.data(), xd.data())) throw std::runtime_error(lastError());
+  const float* crop = le_render_kp_crop(ctx.get(), si, xs.data(), xd.data());
+  if (!crop) throw std::runtime_error(lastError());
+  if (args.has("lip")) writeLipDelivery(args.str("lip", ""), m, crop, xd.data());
   const uint8_t* frame = le_paste_last(ctx.get(), si);
   if (!frame) throw std::runtime_error(lastError());
   writePNG(out, frame, le_width(ctx.get()), le_height(ctx.get()));
