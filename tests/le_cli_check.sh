@@ -80,6 +80,14 @@ one_line_error "le frame: " "exclude each other"
 expect 1 "frame with a missing director" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --model nosuch
 grep -qF "le frame: le_render_kp_crop: Renderer: cannot open " "$tmp/err" || { echo "FAIL: missing director not named"; fails=$((fails + 1)); }
 
+expect 1 "frame --lip without a template" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --lip "$tmp/lip.png"
+one_line_error "le frame: " "carries no lip_template.v1.json"
+expect 0 "forge with a learned lip template" -- "$le" forge "$tmp/lips" "${small[@]}" --lips learned
+expect 0 "frame --lip" -- "$le" frame "$tmp/lips" -o "$tmp/f.png" --lip "$tmp/lip.png" --open 0.5
+[ -s "$tmp/lip.png" ] || { echo "FAIL: frame --lip wrote no PNG"; fails=$((fails + 1)); }
+expect 2 "forge with an unknown lips kind" -- "$le" forge "$tmp/x" "${small[@]}" --lips round
+one_line_error "le forge: " "--lips wants none, unified, template or learned, got 'round'"
+
 expect 0 "forge a broken bundle" -- "$le" forge "$tmp/bad" "${small[@]}" --break manifest-duplicate-w
 expect 1 "info refuses an ambiguous manifest" -- "$le" info "$tmp/bad"
 one_line_error "le info: " "is AMBIGUOUS — 2 scalar occurrences"

@@ -61,11 +61,8 @@ struct CtxDeleter {
 
 // The crop, and beside it the contour plane in grey with the crop showing through where the
 // plane lets the face in.
-void writeLipDelivery(const std::string& path, const Manifest& m, const float* crop, const float* xd) {
-  if (m.lip_template.empty())
-    throw std::runtime_error("--lip: " + m.dir + " carries no lip_template.v1.json, so the director serves its own ellipse");
-  const tessera::LipContour lc = tessera::LipContour::fromTemplateJson(m.lip_template, m.crop);
-  const size_t n = size_t(m.crop), plane = n * n;
+void writeLipDelivery(const std::string& path, const tessera::LipContour& lc, const float* crop, const float* xd) {
+  const size_t n = size_t(lc.canvas()), plane = n * n;
   std::vector<float> lip(plane);
   lc.contourF32Canvas(xd, lip.data());
   std::vector<uint8_t> rgb(plane * 6);
@@ -111,9 +108,15 @@ int cmdFrame(const std::vector<std::string>& argv) {
   const std::string model = args.str("model", "b1"), ep = args.str("ep", "");
   const int threads = args.integer("threads", 0, 0, 256);
 
+  const Manifest m = loadManifest(bundle);
+  std::unique_ptr<tessera::LipContour> lips;
+  if (args.has("lip")) {
+    if (m.lip_template.empty())
+      throw std::runtime_error("--lip: " + m.dir + " carries no lip_template.v1.json, so the director serves its own ellipse");
+    lips = std::make_unique<tessera::LipContour>(tessera::LipContour::fromTemplateJson(m.lip_template, m.crop));
+  }
   std::unique_ptr<le_ctx, CtxDeleter> ctx(le_create(bundle.c_str(), model.c_str(), threads, ep.c_str()));
   if (!ctx) throw std::runtime_error(lastError());
-  const Manifest m = loadManifest(bundle);
 
   int si = 0;
   std::vector<float> xs, xd;
@@ -134,7 +137,7 @@ int cmdFrame(const std::vector<std::string>& argv) {
 
   const float* crop = le_render_kp_crop(ctx.get(), si, xs.data(), xd.data());
   if (!crop) throw std::runtime_error(lastError());
-  if (args.has("lip")) writeLipDelivery(args.str("lip", ""), m, crop, xd.data());
+  if (lips) writeLipDelivery(args.str("lip", ""), *lips, crop, xd.data());
   const uint8_t* frame = le_paste_last(ctx.get(), si);
   if (!frame) throw std::runtime_error(lastError());
   writePNG(out, frame, le_width(ctx.get()), le_height(ctx.get()));
