@@ -118,8 +118,83 @@ LE_API int le_render_kp_rgba(le_ctx* ctx, int si, const float* xs, const float* 
 /* le_render_drive_crop(i), pasted into the full frame of frame i's source index, as RGBA. */
 LE_API int le_render_drive_rgba(le_ctx* ctx, int i, uint8_t* out, size_t out_bytes);
 
+/* --- Mouth-interior borrow members ----------------------------------------------------------
+ * A bundle carries the borrow only with all four members: the donor bank track, its JSON
+ * sidecar, the blend head's weights and its config. These functions report failures through
+ * an error buffer the caller supplies (err, err_cap): when err is non-null and err_cap > 0, at
+ * most err_cap - 1 bytes of the message and a terminating zero are written. */
+typedef struct le_tessera_carriage le_tessera_carriage;
+typedef struct le_tessera_members le_tessera_members;
+
+/* 4: the member slots. */
+LE_API int le_tessera_slot_count(void);
+/* "bank_track", "bank_sidecar", "head_weights", "head_config" for index 0..3; null otherwise.
+ * Static text. */
+LE_API const char* le_tessera_slot_key(int index);
+
+/* What bundle_dir (a directory or container) carries. Never fails on a missing or unreadable
+ * manifest; a bundle that cannot be inspected reads as carrying nothing. Null for a null
+ * directory or when memory runs out. Close with le_tessera_carriage_close (null is ignored). */
+LE_API le_tessera_carriage* le_tessera_carriage_open(const char* bundle_dir);
+LE_API void le_tessera_carriage_close(le_tessera_carriage* c);
+/* 1 when all four members are present / when the manifest declares a "tessera" object. */
+LE_API int le_tessera_carriage_complete(const le_tessera_carriage* c);
+LE_API int le_tessera_carriage_declared(const le_tessera_carriage* c);
+/* Resolved path of a slot; "" for a null argument or an unknown key. Kept in the handle, valid
+ * until the next call on it. */
+LE_API const char* le_tessera_carriage_path(le_tessera_carriage* c, const char* slot_key);
+/* The missing slot keys in slot order; null when index is out of range. Valid until close. */
+LE_API int le_tessera_carriage_missing_count(const le_tessera_carriage* c);
+LE_API const char* le_tessera_carriage_missing(const le_tessera_carriage* c, int index);
+
+/* Reads and validates the four members of bundle_dir. Null with the refusal in err. Every
+ * pointer below lives in the handle until le_tessera_members_close (null is ignored). */
+LE_API le_tessera_members* le_tessera_members_open(const char* bundle_dir, char* err, size_t err_cap);
+LE_API void le_tessera_members_close(le_tessera_members* m);
+/* Donor count (1..1024), 0 for null. */
+LE_API int le_tessera_members_n_donors(const le_tessera_members* m);
+/* 2*n (x, y) donor centres; the canonical (x, y); n apertures. Null when empty or for null. */
+LE_API const double* le_tessera_members_cent(const le_tessera_members* m);
+LE_API const double* le_tessera_members_c_canon(const le_tessera_members* m);
+LE_API const double* le_tessera_members_aperture(const le_tessera_members* m);
+/* The twelve geometry-stamp values: canvas_w, canvas_h, window_x0, window_y0, window_w,
+ * window_h, pad, band_r0, band_r1, band_c0, band_c1, shift_margin. */
+LE_API const int32_t* le_tessera_members_stamp(const le_tessera_members* m);
+/* The head-weights file's bytes (null when empty) and their count. */
+LE_API const uint8_t* le_tessera_members_head_pt(const le_tessera_members* m);
+LE_API uint32_t le_tessera_members_head_pt_len(const le_tessera_members* m);
+/* Texts; "" for null. */
+LE_API const char* le_tessera_members_head_json(const le_tessera_members* m);
+LE_API const char* le_tessera_members_manifest_json(const le_tessera_members* m);
+LE_API const char* le_tessera_members_bank_track_path(const le_tessera_members* m);
+LE_API const char* le_tessera_members_bank_container(const le_tessera_members* m);
+LE_API const char* le_tessera_members_bank_codec(const le_tessera_members* m);
+LE_API const char* le_tessera_members_bank_pix_fmt(const le_tessera_members* m);
+LE_API const char* le_tessera_members_bank_packing(const le_tessera_members* m);
+/* Stored donor patch size in pixels, and n * band_h * band_w * 3; 0 for null. */
+LE_API int le_tessera_members_band_w(const le_tessera_members* m);
+LE_API int le_tessera_members_band_h(const le_tessera_members* m);
+LE_API uint64_t le_tessera_members_band_bytes(const le_tessera_members* m);
+/* Copies patch i of track_bytes (patches in track order, band_bytes long) to patch
+ * track_order[i] of donor_bytes (same size). 0 on success, 1 with the message in err. */
+LE_API int le_tessera_members_reorder(const le_tessera_members* m, const uint8_t* track_bytes,
+                                      uint8_t* donor_bytes, char* err, size_t err_cap);
+
 #ifdef __cplusplus
 }  /* extern "C" */
+
+#include <string>
+#include <vector>
+
+namespace le::tessera {
+/* Decodes a whole bank track held in memory (data, len) into n donor patches of
+ * band_w x band_h RGB, frame k written to donor track_order[k]: n * band_h * band_w * 3 bytes.
+ * Strict: any disagreement of size, frame count or order table throws std::runtime_error. */
+LE_API std::vector<uint8_t> decodeBankTrack(const uint8_t* data, uint64_t len, int32_t n, int32_t band_h,
+                                            int32_t band_w, const std::vector<int32_t>& track_order);
+/* "libavcodec <build version> / <configuration of the loaded libavcodec>". */
+LE_API std::string bankDecoderBuild();
+}  // namespace le::tessera
 #endif
 
 #endif /* LE_LE_H */
