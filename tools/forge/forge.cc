@@ -15,6 +15,7 @@
 #include "tools/forge/forge_lip.h"
 #include "tools/forge/forge_motion.h"
 #include "tools/forge/forge_movie.h"
+#include "tools/forge/forge_tessera.h"
 
 namespace fs = std::filesystem;
 
@@ -252,6 +253,11 @@ const std::vector<std::pair<const char*, Break>>& breakNames() {
       {"short-movie", Break::ShortMovie}, {"movie-wrong-size", Break::MovieWrongSize},
       {"movie-yuv422", Break::MovieYuv422}, {"prior-short-movie", Break::PriorShortMovie},
       {"prior-wrong-size", Break::PriorWrongSize}, {"prior-yuv420", Break::PriorYuv420},
+      {"no-head-config", Break::NoHeadConfig}, {"head-deflated", Break::HeadDeflated},
+      {"head-wrong-shape", Break::HeadWrongShape}, {"bank-one-frame-short", Break::BankOneFrameShort},
+      {"bank-wrong-size", Break::BankWrongSize}, {"bank-yuv420", Break::BankYuv420},
+      {"bank-geometry-disagrees", Break::BankGeometryDisagrees}, {"bank-order-repeats", Break::BankOrderRepeats},
+      {"bank-over-cap", Break::BankOverCap},
   };
   return names;
 }
@@ -294,6 +300,7 @@ std::string manifestText(const Params& p) {
   kv.emplace_back("frames", std::to_string(p.frames));
   if (p.prior == Prior::Hevc) kv.emplace_back("P_hevc", str("P_hevc.mov"));
   for (const auto& e : lipManifestEntries(p)) kv.push_back(e);
+  if (p.tessera) kv.emplace_back("tessera", tesseraManifestBlock(p));
   for (const auto& e : p.manifestExtra) kv.push_back(e);
   if (p.has(Break::ManifestDuplicateW)) kv.emplace_back("W", std::to_string(p.width));
   std::string t = "{\n";
@@ -373,6 +380,8 @@ Result forgeBundle(const std::string& dir, const Params& p) {
     for (const Member& m : directorMembers(p)) w.put(m.name, m.bytes);
   if (p.motion)
     for (const Member& m : motionMembers(p)) w.put(m.name, m.bytes);
+  if (p.tessera)
+    for (const std::string& name : writeTessera(p, dir)) w.noted(name);
   return r;
 }
 

@@ -52,6 +52,9 @@ enum class Break {
   MovieYuv422,     // drive movie in 4:2:2
   // video prior
   PriorShortMovie, PriorWrongSize, PriorYuv420,
+  // borrow members (with Params::tessera)
+  NoHeadConfig, HeadDeflated, HeadWrongShape, BankOneFrameShort, BankWrongSize, BankYuv420,
+  BankGeometryDisagrees, BankOrderRepeats, BankOverCap,
 };
 
 // The mouth region (forge_lip.h): nothing; the manifest's "unified" block; that and the lip
@@ -93,6 +96,9 @@ struct Params {
   bool directors = false;
   // also write the motion directory "motion/" (forge_motion.h)
   bool motion = false;
+  // also write the mouth-interior borrow members (forge_tessera.h) with this many donors
+  bool tessera = false;
+  int tesseraDonors = 48;
   // pictures and encoders
   uint32_t seed = 1;
   int jpegQuality = 92;
@@ -141,6 +147,9 @@ std::vector<float> drivenKeypoints(const Params& p, int i);
 std::vector<int32_t> driveIndices(const Params& p);
 // Crop of source frame si: crop×crop packed RGB.
 std::vector<uint8_t> cropImage(const Params& p, int si);
+// Rectangle (x0, y0, w, h) of that crop with the mouth opened to `open` (0 closed, 1 wide,
+// both rows of teeth showing).
+std::vector<uint8_t> mouthPatch(const Params& p, int si, float open, int x0, int y0, int w, int h);
 // Full drive frame si: W×H packed RGB, the person over the background, placed through M.
 std::vector<uint8_t> driveFrame(const Params& p, int si);
 // The paste mask: a soft face ellipse, crop×crop bytes.

@@ -371,25 +371,40 @@ std::vector<float> drivenKeypoints(const Params& p, int i) {
   return keypointsOf(faceOf(p, si, static_cast<float>(0.9 * std::sin(2 * kPi * i / 17.0))));
 }
 
-std::vector<uint8_t> cropImage(const Params& p, int si) {
+namespace {
+// Rows y0 .. y0+h-1, columns x0 .. x0+w-1 of the crop of face f over source frame si's backdrop.
+std::vector<uint8_t> cropRect(const Params& p, int si, const Face& f, int x0, int y0, int w, int h) {
   const auto M = pasteTransform(p, si);
-  const Face f = faceOf(p, si, 0.0f);
   const int n = p.crop;
   const float k = 2.0f / (n - 1), aa = k;
   const Backdrop bg(p);
-  std::vector<uint8_t> out(static_cast<size_t>(n) * n * 3);
-  parallelRows(n, [&](int v0, int v1) {
-    for (int v = v0; v < v1; ++v) {
-      for (int u = 0; u < n; ++u) {
+  std::vector<uint8_t> out(static_cast<size_t>(w) * h * 3);
+  parallelRows(h, [&](int r0, int r1) {
+    for (int r = r0; r < r1; ++r) {
+      const int v = y0 + r;
+      for (int c = 0; c < w; ++c) {
+        const int u = x0 + c;
         const float X = M[0] * u + M[1] * v + M[2], Y = M[3] * u + M[4] * v + M[5];
         const Paint pt = person(f, u * k - 1, v * k - 1, aa);
-        const Rgb c = pt.col + bg.at(X, Y) * (1 - pt.alpha);
-        uint8_t* o = &out[(static_cast<size_t>(v) * n + u) * 3];
-        o[0] = toByte(c.r), o[1] = toByte(c.g), o[2] = toByte(c.b);
+        const Rgb col = pt.col + bg.at(X, Y) * (1 - pt.alpha);
+        uint8_t* o = &out[(static_cast<size_t>(r) * w + c) * 3];
+        o[0] = toByte(col.r), o[1] = toByte(col.g), o[2] = toByte(col.b);
       }
     }
   });
   return out;
+}
+}  // namespace
+
+std::vector<uint8_t> cropImage(const Params& p, int si) {
+  return cropRect(p, si, faceOf(p, si, 0.0f), 0, 0, p.crop, p.crop);
+}
+
+std::vector<uint8_t> mouthPatch(const Params& p, int si, float open, int x0, int y0, int w, int h) {
+  checkIndex(p, si);
+  Face f = faceOf(p, si, 0.0f);
+  f.open = open;
+  return cropRect(p, si, f, x0, y0, w, h);
 }
 
 std::vector<uint8_t> driveFrame(const Params& p, int si) {

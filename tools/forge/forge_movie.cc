@@ -1,5 +1,6 @@
 #include "tools/forge/forge_movie.h"
 
+#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -69,6 +70,12 @@ struct MovieWriter::Impl {
 
   void convert(const uint8_t* rgb) {
     const int W = spec.width, H = spec.height;
+    if (spec.chroma == Chroma::Rgb) {
+      for (int y = 0; y < H; ++y)
+        std::memcpy(frame->data[0] + static_cast<size_t>(y) * frame->linesize[0], rgb + static_cast<size_t>(y) * W * 3,
+                    static_cast<size_t>(W) * 3);
+      return;
+    }
     for (int y = 0; y < H; ++y) {
       const uint8_t* s = rgb + static_cast<size_t>(y) * W * 3;
       uint8_t* dy = frame->data[0] + static_cast<size_t>(y) * frame->linesize[0];
@@ -104,7 +111,7 @@ MovieWriter::MovieWriter(const std::string& path, const MovieSpec& spec) : impl_
   m.spec = spec;
   m.path = path;
   if (spec.width < 1 || spec.height < 1) m.fail("bad movie size");
-  if (spec.chroma != Chroma::Yuv444 && (spec.width % 2 || (spec.chroma == Chroma::Yuv420 && spec.height % 2)))
+  if (spec.chroma != Chroma::Yuv444 && spec.chroma != Chroma::Rgb && (spec.width % 2 || (spec.chroma == Chroma::Yuv420 && spec.height % 2)))
     m.fail("a subsampled movie needs an even size, got " + std::to_string(spec.width) + "x" +
            std::to_string(spec.height));
   if (avformat_alloc_output_context2(&m.fmt, nullptr, nullptr, path.c_str()) < 0 || !m.fmt)
@@ -119,6 +126,7 @@ MovieWriter::MovieWriter(const std::string& path, const MovieSpec& spec) : impl_
 
   const AVPixelFormat pix = spec.chroma == Chroma::Yuv420   ? AV_PIX_FMT_YUV420P
                             : spec.chroma == Chroma::Yuv422 ? AV_PIX_FMT_YUV422P
+                            : spec.chroma == Chroma::Rgb    ? AV_PIX_FMT_RGB24
                                                             : AV_PIX_FMT_YUV444P;
   AVCodecContext* e = m.enc;
   e->width = spec.width;
@@ -128,8 +136,9 @@ MovieWriter::MovieWriter(const std::string& path, const MovieSpec& spec) : impl_
   e->framerate = AVRational{spec.fps, 1};
   e->gop_size = spec.fps;
   e->thread_count = spec.threads;
-  e->color_range = AVCOL_RANGE_MPEG;
-  e->colorspace = AVCOL_SPC_SMPTE170M;
+  const bool rgb = spec.chroma == Chroma::Rgb;  // the decoder hands back planar RGB, untouched
+  e->color_range = rgb ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+  e->colorspace = rgb ? AVCOL_SPC_RGB : AVCOL_SPC_SMPTE170M;
   e->color_primaries = AVCOL_PRI_SMPTE170M;
   e->color_trc = AVCOL_TRC_SMPTE170M;
   e->flags |= AV_CODEC_FLAG_BITEXACT;
@@ -141,7 +150,7 @@ MovieWriter::MovieWriter(const std::string& path, const MovieSpec& spec) : impl_
     av_dict_set_int(&opts, "qp", spec.qp, 0);
   else
     av_dict_set_int(&opts, "crf", spec.crf, 0);
-  if (spec.encoder == "libx264") av_dict_set(&opts, "x264-params", "log=0", 0);
+  if (spec.encoder == "libx264" || spec.encoder == "libx264rgb") av_dict_set(&opts, "x264-params", "log=0", 0);
   if (spec.encoder == "libx265") {
     std::string x265 = "log-level=error:info=0";
     if (spec.threads == 1) x265 += ":pools=none:frame-threads=1:wpp=0:lookahead-slices=0";

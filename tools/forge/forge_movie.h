@@ -8,7 +8,8 @@
 
 namespace le::forge {
 
-enum class Chroma { Yuv420, Yuv422, Yuv444 };
+// Rgb: the frames as given, packed RGB (encoder libx264rgb; lossless at qp 0).
+enum class Chroma { Yuv420, Yuv422, Yuv444, Rgb };
 
 struct MovieSpec {
   std::string encoder = "libx264";  // or "libx265"

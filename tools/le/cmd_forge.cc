@@ -43,6 +43,8 @@ const char kHelp[] =
     "  --imx               also pack the bundle into the container DIR.imx\n"
     "  --no-directors      leave out the director models (model_b1.onnx, ...)\n"
     "  --no-motion         leave out the motion directory (motion/: the speech-driven generator)\n"
+    "  --no-tessera        leave out the mouth-interior borrow members (tessera_bank.v1.mp4, ...)\n"
+    "  --tessera-donors N  donor mouth patches in the borrow bank (default 64, at most 1024)\n"
     "  --force             replace DIR when it exists and is not empty\n"
     "  --quiet             no progress on standard error\n";
 
@@ -84,8 +86,9 @@ void unsharpOf(const std::string& s, forge::Params& p) {
 
 int cmdForge(const std::vector<std::string>& argv) {
   using namespace le::forge;
-  const Args args(argv, {"fs-red", "alt-names", "frame-count-key", "crop-size-key", "long-stamp-keys", "imx", "force", "quiet", "no-directors", "no-motion"},
-                  {"nt", "frames", "size", "crop", "prior", "drive", "stamp", "unsharp", "seed", "break", "lips"});
+  const Args args(argv, {"fs-red", "alt-names", "frame-count-key", "crop-size-key", "long-stamp-keys", "imx", "force", "quiet", "no-directors", "no-motion",
+                   "no-tessera"},
+                  {"nt", "frames", "size", "crop", "prior", "drive", "stamp", "unsharp", "seed", "break", "lips", "tessera-donors"});
   if (args.help()) {
     std::fputs(kHelp, stdout);
     return kOk;
@@ -138,6 +141,8 @@ int cmdForge(const std::vector<std::string>& argv) {
   p.replace = args.flag("force");
   p.directors = !args.flag("no-directors");
   p.motion = !args.flag("no-motion");
+  p.tessera = !args.flag("no-tessera");
+  p.tesseraDonors = args.integer("tessera-donors", 64, 1, 1024);
 
   const bool quiet = args.flag("quiet");
   std::unique_ptr<Progress> bar;
