@@ -1,0 +1,65 @@
+// The member loader over an arbitrary manifest and sidecar: the first two bytes give the
+// manifest's length; the rest is the sidecar. Whatever loads must be self-consistent, and
+// nothing outside the bundle is ever named.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "le/le_imx.h"
+#include "le/tessera/le_bundle_tessera.h"
+
+namespace {
+
+void put(const std::string& path, const char* p, size_t n) {
+  if (std::FILE* f = std::fopen(path.c_str(), "wb")) {
+    std::fwrite(p, 1, n, f);
+    std::fclose(f);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 2) return 0;
+  static const std::string dir = "/tmp/le_tessera_members_fuzz." + std::to_string(::getpid());
+  static const bool made = [] {
+    std::atexit([] { le::imx::rmTree(dir); });
+    if (!le::imx::mkdirs(dir)) return false;
+    put(dir + "/tessera_bank.v1.mp4", "t", 1);
+    put(dir + "/tessera_head.v1.pt", "w", 1);
+    put(dir + "/tessera_head.v1.json", "{}", 2);
+    return true;
+  }();
+  if (!made) std::abort();
+  const size_t split = std::min<size_t>(size - 2, size_t(data[0]) | size_t(data[1]) << 8);
+  const char* text = reinterpret_cast<const char*>(data + 2);
+  put(dir + "/manifest.json", text, split);
+  put(dir + "/tessera_bank.v1.json", text + split, size - 2 - split);
+
+  try {
+    const le::TesseraCarriage c = le::tesseraCarriage(dir);
+    for (const std::string& p : c.paths)
+      if (p.compare(0, dir.size() + 1, dir + "/") != 0 || p.find("..") != std::string::npos) std::abort();
+  } catch (const std::runtime_error&) {
+  }
+  try {
+    const le::TesseraAttachInputs in = le::loadTesseraMembers(dir);
+    const size_t n = static_cast<size_t>(in.n_donors);
+    if (n < 1 || n > 1024 || in.track_order.size() != n || in.cent.size() != 2 * n || in.aperture.size() != n)
+      std::abort();
+    std::vector<char> seen(n, 0);
+    for (int32_t v : in.track_order) {
+      if (v < 0 || static_cast<size_t>(v) >= n || seen[static_cast<size_t>(v)]) std::abort();
+      seen[static_cast<size_t>(v)] = 1;
+    }
+    if (in.band_w < 1 || in.band_h < 1 || in.bank_pix_fmt.empty()) std::abort();
+  } catch (const std::runtime_error&) {
+  }
+  return 0;
+}
