@@ -12,8 +12,12 @@
 #include "tests/bundle_fixture.h"
 #include "tools/forge/forge_movie.h"
 
+#include "le/tessera/le_bankdec_ff.h"
+
 extern "C" {
 #include <libavcodec/version.h>
+#include <libavformat/avio.h>
+#include <libavutil/error.h>
 }
 
 namespace {
@@ -164,6 +168,24 @@ TEST(TesseraBankDecode, Refusals) {
   const std::string build = le::tessera::bankDecoderBuild();
   EXPECT_EQ(build.rfind("libavcodec " + std::to_string(LIBAVCODEC_VERSION_MAJOR) + ".", 0), 0u) << build;
   EXPECT_NE(build.find(" / "), std::string::npos);
+}
+
+TEST(TesseraBankDecode, InMemoryReaderStaysInsideTheBytes) {
+  using namespace le::tessera::bankio;
+  const uint8_t bytes[10] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+  MemReader r{bytes, 10, 0};
+  uint8_t buf[4];
+  EXPECT_EQ(memSeek(&r, 0, AVSEEK_SIZE), 10);
+  EXPECT_EQ(memSeek(&r, 10, SEEK_SET), 10);  // exactly at the end is a position
+  EXPECT_EQ(memRead(&r, buf, 4), AVERROR_EOF);
+  EXPECT_EQ(memSeek(&r, 11, SEEK_SET), -1);  // past it is not, and nothing moves
+  EXPECT_EQ(r.pos, 10);
+  EXPECT_EQ(memSeek(&r, -3, SEEK_END), 7);
+  EXPECT_EQ(memRead(&r, buf, 4), 3);
+  EXPECT_EQ(buf[0], 7);
+  EXPECT_EQ(memSeek(&r, -8, SEEK_CUR), 2);
+  EXPECT_EQ(memSeek(&r, -3, SEEK_CUR), -1);
+  EXPECT_EQ(r.pos, 2);
 }
 
 }  // namespace

@@ -13,20 +13,11 @@ extern "C" {
 #include "le/le.h"
 #include "le/le_ff.h"
 #include "le/le_moviedec_ff.h"
+#include "le/tessera/le_bankdec_ff.h"
 
 namespace le::tessera {
 
-namespace {
-
-[[noreturn]] void refuse(const std::string& msg) { throw std::runtime_error(msg); }
-
-constexpr int kIoBuffer = 0x10000;
-
-struct MemReader {
-  const uint8_t* data;
-  int64_t size;
-  int64_t pos;
-};
+namespace bankio {
 
 int memRead(void* opaque, uint8_t* buf, int want) {
   auto* r = static_cast<MemReader*>(opaque);
@@ -54,6 +45,18 @@ int64_t memSeek(void* opaque, int64_t offset, int whence) {
   r->pos = to;
   return to;
 }
+
+}  // namespace bankio
+
+namespace {
+
+using bankio::MemReader;
+using bankio::memRead;
+using bankio::memSeek;
+
+[[noreturn]] void refuse(const std::string& msg) { throw std::runtime_error(msg); }
+
+constexpr int kIoBuffer = 0x10000;
 
 // The custom I/O context and the buffer FFmpeg may have replaced while reading.
 struct IoFreer {
