@@ -224,6 +224,9 @@ std::vector<uint8_t> bytesOfText(const std::string& s) { return std::vector<uint
 
 le::tessera::GeometryStamp tesseraStamp(const Params& p) {
   checkGeometry(p);
+  if (p.crop < 32)
+    throw std::runtime_error("forge: the borrow members need a crop of at least 32, got " + std::to_string(p.crop) +
+                             " (leave them out for smaller crops)");
   const double c = p.crop;
   le::tessera::GeometryStamp s;
   s.canvas_w = s.canvas_h = p.crop;
