@@ -11,7 +11,7 @@ ort_dir="$root/third_party/onnxruntime"
 
 apt_packages=(
   build-essential cmake pkg-config git
-  libavformat-dev libavcodec-dev libswscale-dev libavutil-dev ffmpeg
+  libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libswresample-dev ffmpeg
   libhwy-dev libstb-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libonnx-testdata

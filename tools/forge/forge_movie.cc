@@ -1,5 +1,6 @@
 #include "tools/forge/forge_movie.h"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
@@ -37,13 +38,21 @@ struct MovieWriter::Impl {
   AVFrame* frame = nullptr;
   AVPacket* pkt = nullptr;
   int64_t pts = 0;
+  // audio track (spec.audioRate > 0)
+  AVCodecContext* aenc = nullptr;
+  AVStream* astream = nullptr;
+  AVFrame* aframe = nullptr;
+  std::vector<float> apending;
+  int64_t apts = 0;
   bool headerWritten = false;
   bool finished = false;
 
   ~Impl() {
     av_frame_free(&frame);
+    av_frame_free(&aframe);
     av_packet_free(&pkt);
     avcodec_free_context(&enc);
+    avcodec_free_context(&aenc);
     if (fmt) {
       if (!(fmt->oformat->flags & AVFMT_NOFILE)) avio_closep(&fmt->pb);
       avformat_free_context(fmt);
@@ -52,20 +61,62 @@ struct MovieWriter::Impl {
 
   [[noreturn]] void fail(const std::string& what) { throw std::runtime_error(path + ": " + what); }
 
-  void drain(const AVFrame* f) {
-    int rc = avcodec_send_frame(enc, f);
+  void drain(AVCodecContext* e, AVStream* st, const AVFrame* f) {
+    int rc = avcodec_send_frame(e, f);
     if (rc < 0) fail("encoder refused a frame (" + avText(rc) + ")");
     for (;;) {
-      rc = avcodec_receive_packet(enc, pkt);
+      rc = avcodec_receive_packet(e, pkt);
       if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return;
       if (rc < 0) fail("encode failed (" + avText(rc) + ")");
       // Every frame lasts one tick; without it the muxer's edit list drops the last frame.
-      if (pkt->duration <= 0) pkt->duration = 1;
-      av_packet_rescale_ts(pkt, enc->time_base, stream->time_base);
-      pkt->stream_index = stream->index;
+      if (e == enc && pkt->duration <= 0) pkt->duration = 1;
+      av_packet_rescale_ts(pkt, e->time_base, st->time_base);
+      pkt->stream_index = st->index;
       rc = av_interleaved_write_frame(fmt, pkt);
       if (rc < 0) fail("write failed (" + avText(rc) + ")");
     }
+  }
+
+  void openAudio() {
+    const AVCodec* codec = avcodec_find_encoder_by_name("aac");
+    if (!codec) fail("encoder aac is not available in this FFmpeg");
+    astream = avformat_new_stream(fmt, nullptr);
+    aenc = avcodec_alloc_context3(codec);
+    aframe = av_frame_alloc();
+    if (!astream || !aenc || !aframe) fail("out of memory");
+    aenc->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    aenc->sample_rate = spec.audioRate;
+    av_channel_layout_default(&aenc->ch_layout, 1);
+    aenc->bit_rate = 64000;
+    aenc->time_base = AVRational{1, spec.audioRate};
+    aenc->flags |= AV_CODEC_FLAG_BITEXACT;
+    if (fmt->oformat->flags & AVFMT_GLOBALHEADER) aenc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    const int rc = avcodec_open2(aenc, codec, nullptr);
+    if (rc < 0) fail("cannot open encoder aac (" + avText(rc) + ")");
+    if (avcodec_parameters_from_context(astream->codecpar, aenc) < 0) fail("cannot copy encoder parameters");
+    astream->time_base = aenc->time_base;
+  }
+
+  // Encodes the pending samples in whole encoder frames; at the end also the short remainder.
+  void encodeAudio(bool last) {
+    const size_t fs = static_cast<size_t>(aenc->frame_size);
+    size_t at = 0;
+    while (apending.size() - at >= fs || (last && apending.size() > at)) {
+      const size_t n = std::min(fs, apending.size() - at);
+      av_frame_unref(aframe);
+      aframe->format = AV_SAMPLE_FMT_FLTP;
+      aframe->sample_rate = spec.audioRate;
+      aframe->nb_samples = static_cast<int>(n);
+      if (av_channel_layout_copy(&aframe->ch_layout, &aenc->ch_layout) < 0 || av_frame_get_buffer(aframe, 0) < 0)
+        fail("out of memory");
+      std::copy(apending.begin() + static_cast<std::ptrdiff_t>(at),
+                apending.begin() + static_cast<std::ptrdiff_t>(at + n), reinterpret_cast<float*>(aframe->data[0]));
+      aframe->pts = apts;
+      apts += static_cast<int64_t>(n);
+      at += n;
+      drain(aenc, astream, aframe);
+    }
+    apending.erase(apending.begin(), apending.begin() + static_cast<std::ptrdiff_t>(at));
   }
 
   void convert(const uint8_t* rgb) {
@@ -161,6 +212,7 @@ MovieWriter::MovieWriter(const std::string& path, const MovieSpec& spec) : impl_
   if (rc < 0) m.fail("cannot open encoder " + spec.encoder + " (" + avText(rc) + ")");
   if (avcodec_parameters_from_context(m.stream->codecpar, e) < 0) m.fail("cannot copy encoder parameters");
   m.stream->time_base = e->time_base;
+  if (spec.audioRate > 0) m.openAudio();
 
   m.frame->format = pix;
   m.frame->width = spec.width;
@@ -193,14 +245,26 @@ void MovieWriter::write(const uint8_t* rgb) {
   if (av_frame_make_writable(m.frame) < 0) m.fail("out of memory");
   m.convert(rgb);
   m.frame->pts = m.pts++;
-  m.drain(m.frame);
+  m.drain(m.enc, m.stream, m.frame);
+}
+
+void MovieWriter::writeAudio(const int16_t* pcm, size_t n) {
+  Impl& m = *impl_;
+  if (!m.aenc) m.fail("audio written to a movie without an audio track");
+  if (m.finished) m.fail("audio after finish");
+  for (size_t i = 0; i < n; ++i) m.apending.push_back(static_cast<float>(pcm[i]) * (1.0f / 32768.0f));
+  m.encodeAudio(false);
 }
 
 void MovieWriter::finish() {
   Impl& m = *impl_;
   if (m.finished) return;
   m.finished = true;
-  m.drain(nullptr);
+  m.drain(m.enc, m.stream, nullptr);
+  if (m.aenc) {
+    m.encodeAudio(true);
+    m.drain(m.aenc, m.astream, nullptr);
+  }
   const int rc = av_write_trailer(m.fmt);
   if (rc < 0) m.fail("cannot write the container trailer (" + avText(rc) + ")");
   if (!(m.fmt->oformat->flags & AVFMT_NOFILE)) {

@@ -20,9 +20,10 @@ struct MovieSpec {
   int qp = -1;         // constant quantiser when >= 0
   int threads = 1;     // 1 keeps the output deterministic
   std::string preset = "veryfast";
+  int audioRate = 0;   // > 0: also a mono AAC track of this many samples per second (writeAudio)
 };
 
-// Writes one video stream into the container chosen by the file name (.mp4, .mov, ...).
+// Writes one video stream (and optionally one audio stream) into the container chosen by the file name (.mp4, .mov, ...).
 // Frames arrive as packed RGB and are converted with BT.601 limited range, the matrix the
 // engine decodes with. Throws std::runtime_error with a one-line reason.
 class MovieWriter {
@@ -34,6 +35,9 @@ class MovieWriter {
 
   // One frame of width×height×3 bytes.
   void write(const uint8_t* rgb);
+  // Mono 16-bit samples of the audio track, in order; the muxer interleaves them with the
+  // frames, so feed them in step with the frames to keep memory flat.
+  void writeAudio(const int16_t* pcm, size_t n);
   // Drains the encoder and writes the trailer; the destructor does it when not called.
   void finish();
   int frames() const;

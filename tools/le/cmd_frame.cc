@@ -13,6 +13,7 @@
 #include "le/le_image.h"
 #include "le/tessera/le_lip_contour.h"
 #include "tools/le/le_cli.h"
+#include "tools/le/le_host.h"
 
 namespace le::cli {
 namespace {
@@ -52,12 +53,6 @@ void openMouth(std::vector<float>& xd, float amount) {
   for (int k : kUpperLip) xd[3 * k] -= step * dx, xd[3 * k + 1] -= step * dy;
   for (int k : kLowerLip) xd[3 * k] += step * dx, xd[3 * k + 1] += step * dy;
 }
-
-std::string lastError() { return le_last_error(); }
-
-struct CtxDeleter {
-  void operator()(le_ctx* c) const { le_destroy(c); }
-};
 
 // The crop, and beside it the contour plane in grey with the crop showing through where the
 // plane lets the face in.
@@ -115,8 +110,7 @@ int cmdFrame(const std::vector<std::string>& argv) {
       throw std::runtime_error("--lip: " + m.dir + " carries no lip_template.v1.json, so the director serves its own ellipse");
     lips = std::make_unique<tessera::LipContour>(tessera::LipContour::fromTemplateJson(m.lip_template, m.crop));
   }
-  std::unique_ptr<le_ctx, CtxDeleter> ctx(le_create(bundle.c_str(), model.c_str(), threads, ep.c_str()));
-  if (!ctx) throw std::runtime_error(lastError());
+  const CtxPtr ctx = openContext(bundle, model, threads, ep);
 
   int si = 0;
   std::vector<float> xs, xd;
@@ -136,10 +130,10 @@ int cmdFrame(const std::vector<std::string>& argv) {
   if (open != 0.0f) openMouth(xd, open);
 
   const float* crop = le_render_kp_crop(ctx.get(), si, xs.data(), xd.data());
-  if (!crop) throw std::runtime_error(lastError());
+  if (!crop) throw std::runtime_error(engineError());
   if (lips) writeLipDelivery(args.str("lip", ""), *lips, crop, xd.data());
   const uint8_t* frame = le_paste_last(ctx.get(), si);
-  if (!frame) throw std::runtime_error(lastError());
+  if (!frame) throw std::runtime_error(engineError());
   writePNG(out, frame, le_width(ctx.get()), le_height(ctx.get()));
   std::fprintf(stderr, "wrote %s: source frame %d, %dx%d\n", out.c_str(), si, le_width(ctx.get()),
                le_height(ctx.get()));

@@ -10,6 +10,7 @@
 #include "le/le_simd.h"
 #include "tools/forge/forge_movie.h"
 #include "tools/le/le_cli.h"
+#include "tools/le/le_host.h"
 
 namespace le::cli {
 namespace {
@@ -30,15 +31,6 @@ const char kHelp[] =
     "  --crf N             H.264 quality, 0 (lossless) .. 51 (default 18)\n"
     "  --quiet             no progress bar on standard error\n";
 
-struct CtxDeleter {
-  void operator()(le_ctx* c) const { le_destroy(c); }
-};
-
-std::string engineError() {
-  const std::string e = le_last_error();
-  return e.empty() ? "unknown engine failure" : e;
-}
-
 }  // namespace
 
 int cmdPaste(const std::vector<std::string>& argv) {
@@ -58,8 +50,7 @@ int cmdPaste(const std::vector<std::string>& argv) {
   const int crf = args.integer("crf", 18, 0, 51);
   const int wanted = args.integer("frames", -1, 1, 10000000);
 
-  std::unique_ptr<le_ctx, CtxDeleter> ctx(le_create(bundle.c_str(), "b1", threads, nullptr));
-  if (!ctx) throw std::runtime_error(engineError());
+  const CtxPtr ctx = openContext(bundle, "b1", threads);
   // The prior rows and the drive track come from the same bundle the context opened.
   const Manifest manifest = loadManifest(bundle);
   const Identity identity(manifest);
@@ -70,19 +61,7 @@ int cmdPaste(const std::vector<std::string>& argv) {
   const int W = le_width(ctx.get()), H = le_height(ctx.get()), crop = le_crop(ctx.get());
   const int n = wanted > 0 ? wanted : drive.frames;
   if (n < 1) throw std::runtime_error("the bundle's drive track has no frames; pass --frames N");
-  if (W % 2 || H % 2)
-    throw std::runtime_error("the frames are " + std::to_string(W) + "x" + std::to_string(H) +
-                             "; an H.264 4:2:0 movie needs an even width and height");
-
-  forge::MovieSpec spec;
-  spec.encoder = "libx264";
-  spec.chroma = forge::Chroma::Yuv420;
-  spec.width = W;
-  spec.height = H;
-  spec.crf = crf;
-  spec.threads = 2;
-  spec.preset = "veryfast";
-  forge::MovieWriter movie(out, spec);
+  forge::MovieWriter movie(out, h264Spec(W, H, crf));
 
   const size_t plane = static_cast<size_t>(crop) * crop;
   std::vector<float> planes(plane * 3);

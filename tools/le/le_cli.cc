@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
@@ -68,6 +69,19 @@ int Args::integer(const std::string& name, int def, int lo, int hi) const {
     throw UsageError("--" + name + " wants an integer in [" + std::to_string(lo) + ", " + std::to_string(hi) +
                      "], got '" + s + "'");
   return static_cast<int>(v);
+}
+
+double Args::number(const std::string& name, double def, double lo, double hi) const {
+  if (!has(name)) return def;
+  const std::string s = str(name, "");
+  char* end = nullptr;
+  const double v = std::strtod(s.c_str(), &end);
+  if (s.empty() || *end != '\0' || !std::isfinite(v) || v < lo || v > hi) {
+    char range[64];
+    std::snprintf(range, sizeof range, "[%g, %g]", lo, hi);
+    throw UsageError("--" + name + " wants a number in " + range + ", got '" + s + "'");
+  }
+  return v;
 }
 
 void parseSize(const std::string& option, const std::string& text, int& w, int& h) {

@@ -31,6 +31,8 @@ class Args {
   std::vector<std::string> all(const std::string& name) const;
   // An integer in [lo, hi]; anything else is a usage error naming the option.
   int integer(const std::string& name, int def, int lo, int hi) const;
+  // A finite number in [lo, hi]; anything else is a usage error naming the option.
+  double number(const std::string& name, double def, double lo, double hi) const;
   const std::vector<std::string>& positional() const { return positional_; }
 
  private:
@@ -63,5 +65,7 @@ int cmdPack(const std::vector<std::string>& argv);
 int cmdInfo(const std::vector<std::string>& argv);
 int cmdPaste(const std::vector<std::string>& argv);
 int cmdFrame(const std::vector<std::string>& argv);
+int cmdSpeak(const std::vector<std::string>& argv);
+int cmdLive(const std::vector<std::string>& argv);
 
 }  // namespace le::cli
