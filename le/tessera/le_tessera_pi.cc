@@ -260,29 +260,47 @@ void UnifiedPi::piU8(const float* kp, uint8_t* out) const {
 }
 
 // Pi bytes inside box only (clipped to the canvas; the caller cleared the rest). With a bound,
-// min(bound, pi) where bound > 0 and 0 elsewhere.
+// min(bound, pi) where bound > 0 and 0 elsewhere. Outside its own box an ellipse is exactly
+// zero; the squared column offsets are computed once per call, which keeps every value's bits.
 void UnifiedPi::piRows(const float* kp, const Box& box, const float* bound, uint8_t* out) const {
   const LipStats st = lipStats(kp);
   float g = 0.f;
   const EllParams le = lipParamsOf(kp, st), ge = gateParamsOf(st, g);
-  const Box lb = ellBox(le), gb = g > 0.f ? ellBox(ge) : Box{};
   const Box b = clipped(box, canvas);
-  const size_t n = static_cast<size_t>(canvas);
+  if (b.empty()) return;
+  const Box lb = intersect(ellBox(le), b), gb = g > 0.f ? intersect(ellBox(ge), b) : Box{};
+  const size_t n = static_cast<size_t>(canvas), w = static_cast<size_t>(b.x1 - b.x0);
+  std::vector<float> scratch(3 * w);
+  float *lx2 = scratch.data() - b.x0, *gx2 = lx2 + w, *pi = gx2 + w;
+  for (int32_t x = lb.x0; x < lb.x1; ++x) {
+    const float dx = (xs[x] - le.cx) / le.rx;
+    lx2[x] = dx * dx;
+  }
+  for (int32_t x = gb.x0; x < gb.x1; ++x) {
+    const float dx = (xs[x] - ge.cx) / ge.rx;
+    gx2[x] = dx * dx;
+  }
+  auto ell = [](float d2, float R) {
+    if (!(d2 < 1.f)) return 0.f;  // on or outside the ellipse
+    const float t = (1.f - std::sqrt(d2)) * R / 10.f;
+    return smoothstep01(std::min(t, 1.f));
+  };
   for (int32_t y = b.y0; y < b.y1; ++y) {
-    const bool lipRow = y >= lb.y0 && y < lb.y1, gateRow = y >= gb.y0 && y < gb.y1;
-    const float ldy = (ys[y] - le.cy) / le.ry, gdy = (ys[y] - ge.cy) / ge.ry;
+    std::fill(pi + b.x0, pi + b.x1, 0.f);
+    if (y >= lb.y0 && y < lb.y1) {
+      const float dy = (ys[y] - le.cy) / le.ry, dy2 = dy * dy;
+      for (int32_t x = lb.x0; x < lb.x1; ++x) pi[x] = ell(lx2[x] + dy2, le.R);
+    }
+    if (y >= gb.y0 && y < gb.y1) {
+      const float dy = (ys[y] - ge.cy) / ge.ry, dy2 = dy * dy;
+      for (int32_t x = gb.x0; x < gb.x1; ++x) pi[x] = std::max(pi[x], ell(gx2[x] + dy2, ge.R) * g);
+    }
     uint8_t* row = out + static_cast<size_t>(y) * n;
-    const float* brow = bound ? bound + static_cast<size_t>(y) * n : nullptr;
-    for (int32_t x = b.x0; x < b.x1; ++x) {
-      if (brow && !(brow[x] > 0.f)) {
-        row[x] = 0;
-        continue;
-      }
-      // Outside its own box an ellipse is exactly zero.
-      float pi = 0.f;
-      if (lipRow && x >= lb.x0 && x < lb.x1) pi = softEll((xs[x] - le.cx) / le.rx, ldy, le.R);
-      if (gateRow && x >= gb.x0 && x < gb.x1) pi = std::max(pi, softEll((xs[x] - ge.cx) / ge.rx, gdy, ge.R) * g);
-      row[x] = piByte(brow ? std::min(brow[x], pi) : pi);
+    if (bound) {
+      const float* brow = bound + static_cast<size_t>(y) * n;
+      for (int32_t x = b.x0; x < b.x1; ++x) row[x] = brow[x] > 0.f ? piByte(std::min(brow[x], pi[x])) : 0;
+    } else {
+      for (int32_t x = b.x0; x < b.x1; ++x) row[x] = piByte(pi[x]);
     }
   }
 }
