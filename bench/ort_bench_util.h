@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "le/render/gridsample_fast.h"
+#include "le/render/int8conv_vnni.h"
 #include "tests/onnx_ort.h"
 
 namespace le::bench {
@@ -39,6 +40,7 @@ class BoundSession {
     so.SetInterOpNumThreads(1);
     so.SetGraphOptimizationLevel(GraphOptimizationLevel::ORT_ENABLE_ALL);
     le::registerGridSampleFast(so);
+    le::registerInt8ConvVNNI(so);
     return Ort::Session(e, model.data(), model.size(), so);
   }
   void bind(const Ort::MemoryInfo& mi, Tensor& t, bool input) {
