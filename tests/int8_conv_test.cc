@@ -298,7 +298,7 @@ TEST(Int8Conv, ConcurrentFirstRunsPrepareOnce) {
   s.pads = {1, 1, 1, 1};
   const Problem p = problem(s, 41);
   const std::vector<float> ref = reference(p.x, p.w, p.bias, s);
-  Ort::Session session = int8Session(le::forge::int8ConvModel(s, p.w, p.bias), 2);
+  Ort::Session session = int8Session(le::forge::int8ConvModel(s, p.w, p.bias));
   const uint64_t before = ic::preparations();
   constexpr int kThreads = 4;
   std::vector<std::vector<float>> ys(kThreads);

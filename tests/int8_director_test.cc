@@ -24,9 +24,11 @@ TEST(Int8Director, CropsMatchTheFloatDirector) {
   const le::Manifest m = le::loadManifest(dir.path() + "/b");
   const le::Identity id(m);
 
+  // One intra-op thread: ONNX Runtime's own workers are not instrumented for the race checker;
+  // the operator's rows still spread over the engine's pool.
   ::testing::internal::CaptureStderr();
-  le::Renderer ref(m, id, "b1_heavy", 2, "");
-  le::Renderer q(m, id, "b1_int8", 2, "");
+  le::Renderer ref(m, id, "b1_heavy", 1, "");
+  le::Renderer q(m, id, "b1_int8", 1, "");
   const std::string log = ::testing::internal::GetCapturedStderr();
   // The int8 graph keeps the Conv the cubic rewrite keys on: both sessions get the rewrite.
   size_t cubic = 0;

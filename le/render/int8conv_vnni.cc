@@ -471,12 +471,23 @@ void pixelScalar(const RowJob& j, const uint8_t* image, const int64_t* off, cons
   }
 }
 
-void convRow(const RowJob& j, int64_t n, int64_t oy, std::vector<int32_t>& acc,
-             std::vector<int32_t>& tile) {
+// One worker's buffers, reused row to row.
+struct RowScratch {
+  std::vector<int32_t> acc;   // corrected sums of the row, [channels of a group][OW]
+  std::vector<int32_t> tile;  // one tile's [4][16] sums
+  std::vector<int64_t> off;   // a border pixel's valid taps: byte offsets ...
+  std::vector<int32_t> idx;   // ... and tap indices
+  std::vector<int32_t> pix;   // a border pixel's sums per channel
+  RowScratch(const Geometry& g, const PreparedWeights& w)
+      : acc(size_t(w.ocBlocks() * 16 * g.OW)), tile(64), off(size_t(g.taps())), idx(size_t(g.taps())),
+        pix(size_t(w.ocBlocks() * 16)) {}
+};
+
+void convRow(const RowJob& j, int64_t n, int64_t oy, RowScratch& rs) {
   const Geometry& g = *j.g;
   const PreparedWeights& w = *j.w;
   const int64_t icp = g.icPadded(), taps = g.taps(), ocg = g.ocPerGroup(), icg = g.icPerGroup();
-  const int64_t ocgp = w.ocBlocks() * 16, OW = g.OW;
+  const int64_t OW = g.OW;
   const int quads = static_cast<int>(w.icQuads()), blocks = static_cast<int>(w.ocBlocks());
   const int64_t iy0 = oy * g.strideH - g.padTop;
   const bool rowInside = iy0 >= 0 && iy0 + g.dilH * (g.KH - 1) < g.H;
@@ -485,9 +496,9 @@ void convRow(const RowJob& j, int64_t n, int64_t oy, std::vector<int32_t>& acc,
   const int32_t* sums = w.sums().data();
   const int32_t* tapSums = w.tapSums().data();
 
-  std::vector<int64_t> off(static_cast<size_t>(taps));
-  std::vector<int32_t> idx(static_cast<size_t>(taps));
-  std::vector<int32_t> corr(static_cast<size_t>(ocgp));
+  std::vector<int32_t>& acc = rs.acc;
+  int64_t* off = rs.off.data();
+  int32_t* idx = rs.idx.data();
   for (int64_t gi = 0; gi < g.group; ++gi) {
     const int8_t* packed = w.packed() + size_t(gi * blocks) * blockBytes;
     const uint32_t zp = static_cast<uint32_t>(j.zp);
@@ -499,12 +510,12 @@ void convRow(const RowJob& j, int64_t n, int64_t oy, std::vector<int32_t>& acc,
       if (j.tile && rowInside && ox >= j.oxLo && ox + 4 <= j.oxHi) {
         for (int b = 0; b < blocks; ++b) {
           j.tile(image + origin, packed + size_t(b) * blockBytes, j.tapOff.data(), int(taps), quads,
-                 g.strideW * icp, tile.data());
+                 g.strideW * icp, rs.tile.data());
           for (int p = 0; p < 4; ++p)
             for (int o = 0; o < 16 && b * 16 + o < ocg; ++o) {
               const int64_t oc = gi * ocg + b * 16 + o;
               acc[size_t((b * 16 + o) * OW + ox + p)] =
-                  static_cast<int32_t>(uint32_t(tile[size_t(p * 16 + o)]) - zp * uint32_t(sums[oc]));
+                  static_cast<int32_t>(uint32_t(rs.tile[size_t(p * 16 + o)]) - zp * uint32_t(sums[oc]));
             }
         }
         ox += 4;
@@ -518,20 +529,20 @@ void convRow(const RowJob& j, int64_t n, int64_t oy, std::vector<int32_t>& acc,
         for (int64_t kx = 0; kx < g.KW; ++kx) {
           const int64_t ix = ix0 + kx * g.dilW;
           if (ix < 0 || ix >= g.W) continue;
-          off[size_t(valid)] = origin + ((ky * g.dilH) * g.W + kx * g.dilW) * icp;
-          idx[size_t(valid)] = static_cast<int32_t>(ky * g.KW + kx);
+          off[valid] = origin + ((ky * g.dilH) * g.W + kx * g.dilW) * icp;
+          idx[valid] = static_cast<int32_t>(ky * g.KW + kx);
           ++valid;
         }
       }
       if (j.pixel)
-        j.pixel(image, packed, off.data(), idx.data(), valid, int(taps), quads, blocks, corr.data());
+        j.pixel(image, packed, off, idx, valid, int(taps), quads, blocks, rs.pix.data());
       else
-        pixelScalar(j, image, off.data(), idx.data(), valid, gi, corr.data());
+        pixelScalar(j, image, off, idx, valid, gi, rs.pix.data());
       for (int64_t o = 0; o < ocg; ++o) {
         const int64_t oc = gi * ocg + o;
         uint32_t ws = 0;
-        for (int i = 0; i < valid; ++i) ws += uint32_t(tapSums[size_t(idx[size_t(i)]) * size_t(g.OC) + size_t(oc)]);
-        acc[size_t(o * OW + ox)] = static_cast<int32_t>(uint32_t(corr[size_t(o)]) - zp * ws);
+        for (int i = 0; i < valid; ++i) ws += uint32_t(tapSums[size_t(idx[i]) * size_t(g.OC) + size_t(oc)]);
+        acc[size_t(o * OW + ox)] = static_cast<int32_t>(uint32_t(rs.pix[size_t(o)]) - zp * ws);
       }
       ++ox;
     }
@@ -595,8 +606,8 @@ void conv(const float* x, const PreparedWeights& w, const float* weightScale, co
 
   const size_t rows = size_t(g.N * g.OH);
   pool::parallelRange(rows, 1, [&](size_t b, size_t e) {
-    std::vector<int32_t> acc(size_t(w.ocBlocks() * 16 * g.OW)), tile(64);
-    for (size_t r = b; r < e; ++r) convRow(j, int64_t(r) / g.OH, int64_t(r) % g.OH, acc, tile);
+    RowScratch rs(g, w);
+    for (size_t r = b; r < e; ++r) convRow(j, int64_t(r) / g.OH, int64_t(r) % g.OH, rs);
   });
 }
 
