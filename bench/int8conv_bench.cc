@@ -134,7 +134,7 @@ void BM_Int8ConvPath(benchmark::State& state) {
   }
   state.SetLabel(path == le::int8conv::Path::Scalar ? "plain loops"
                  : path == le::int8conv::Path::AvxVnni ? "AVX-VNNI (VEX)"
-                                                       : "AVX-512 VNNI (EVEX, 256-bit)");
+                                                       : "AVX-512 VNNI (512-bit tiles)");
 }
 BENCHMARK(BM_Int8ConvPath)
     ->Arg(int(le::int8conv::Path::Scalar))

@@ -126,25 +126,40 @@ void quantRowScalar(const float* x, size_t hw, int64_t W, int64_t c, int64_t IC,
 
 // ---- dot-product kernels ------------------------------------------------------------------
 //
-// Two encodings of the same 256-bit u8 x s8 dot products: VEX (AVX-VNNI) and EVEX (AVX-512
-// VNNI + VL). One body, instantiated per encoding under its own target attribute.
-
-using TileFn = void (*)(const uint8_t*, const int8_t*, const int64_t*, int, int, int64_t, int32_t*);
-// One pixel: valid taps only (offsets and tap indices), blocks [0, blocks) of 16 channels.
+// The same u8 x s8 dot products in three forms: 256-bit VEX (AVX-VNNI), 256-bit EVEX (AVX-512
+// VNNI + VL) and, for two blocks at once, 512-bit EVEX. One register of weights holds 8 (or 16)
+// output channels x 4 input channels, so one packed layout serves every width.
+//
+// A tile is 4 output pixels pixelStep bytes apart; taps are given as byte offsets from the
+// first pixel's receptive-field origin with their tap indices. Its sums minus corr (one value
+// per channel) go to out, pixel p at out + p * outStride.
+struct TileArgs {
+  const uint8_t* in;
+  const int8_t* packed;  // the first block's weights
+  const int64_t* tapOff;
+  const int32_t* tapIdx;
+  int taps, quads;
+  int64_t pixelStep;
+  size_t blockBytes;     // between consecutive blocks
+  const int32_t* corr;
+  int32_t* out;
+  int64_t outStride;
+};
+using TileFn = void (*)(const TileArgs&);
+// One pixel, blocks [0, blocks) of 16 channels, raw sums into acc.
 using PixelFn = void (*)(const uint8_t*, const int8_t*, const int64_t*, const int32_t*, int, int,
                          int, int, int32_t*);
 
 #if LE_INT8_X86
 #define LE_INT8_DOT_KERNELS(NAME, TARGET, DPBUSD)                                                  \
-  __attribute__((target(TARGET))) void NAME##Tile(const uint8_t* in, const int8_t* packed,        \
-                                                  const int64_t* tapOff, int taps, int quads,     \
-                                                  int64_t step, int32_t* acc) {                   \
+  __attribute__((target(TARGET))) void NAME##Tile(const TileArgs& a) {                            \
     __m256i a00 = _mm256_setzero_si256(), a01 = a00, a10 = a00, a11 = a00;                        \
     __m256i a20 = a00, a21 = a00, a30 = a00, a31 = a00;                                           \
-    for (int t = 0; t < taps; ++t) {                                                              \
-      const uint8_t* p = in + tapOff[t];                                                          \
-      const int8_t* w = packed + size_t(t) * size_t(quads) * 64;                                  \
-      for (int g = 0; g < quads; ++g, p += 4, w += 64) {                                          \
+    const int64_t step = a.pixelStep;                                                             \
+    for (int t = 0; t < a.taps; ++t) {                                                            \
+      const uint8_t* p = a.in + a.tapOff[t];                                                      \
+      const int8_t* w = a.packed + size_t(a.tapIdx[t]) * size_t(a.quads) * 64;                    \
+      for (int g = 0; g < a.quads; ++g, p += 4, w += 64) {                                        \
         const __m256i w0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w));              \
         const __m256i w1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w + 32));         \
         int32_t v0, v1, v2, v3;                                                                   \
@@ -164,15 +179,14 @@ using PixelFn = void (*)(const uint8_t*, const int8_t*, const int64_t*, const in
         a31 = DPBUSD(a31, b3, w1);                                                                \
       }                                                                                           \
     }                                                                                             \
-    __m256i* o = reinterpret_cast<__m256i*>(acc);                                                 \
-    _mm256_storeu_si256(o + 0, a00);                                                              \
-    _mm256_storeu_si256(o + 1, a01);                                                              \
-    _mm256_storeu_si256(o + 2, a10);                                                              \
-    _mm256_storeu_si256(o + 3, a11);                                                              \
-    _mm256_storeu_si256(o + 4, a20);                                                              \
-    _mm256_storeu_si256(o + 5, a21);                                                              \
-    _mm256_storeu_si256(o + 6, a30);                                                              \
-    _mm256_storeu_si256(o + 7, a31);                                                              \
+    const __m256i c0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a.corr));             \
+    const __m256i c1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a.corr + 8));         \
+    const __m256i r[8] = {a00, a01, a10, a11, a20, a21, a30, a31};                                \
+    for (int k = 0; k < 4; ++k) {                                                                 \
+      auto* o = reinterpret_cast<__m256i*>(a.out + k * a.outStride);                              \
+      _mm256_storeu_si256(o, _mm256_sub_epi32(r[2 * k], c0));                                     \
+      _mm256_storeu_si256(o + 1, _mm256_sub_epi32(r[2 * k + 1], c1));                             \
+    }                                                                                             \
   }                                                                                               \
   /* Up to four blocks per pass keep eight independent sums in flight. */                         \
   __attribute__((target(TARGET))) void NAME##Pixel(                                               \
@@ -220,12 +234,57 @@ using PixelFn = void (*)(const uint8_t*, const int8_t*, const int64_t*, const in
 LE_INT8_DOT_KERNELS(avxVnni, "avx2,avxvnni", _mm256_dpbusd_avx_epi32)
 LE_INT8_DOT_KERNELS(avx512Vnni, "avx2,avx512f,avx512vl,avx512vnni", _mm256_dpbusd_epi32)
 #undef LE_INT8_DOT_KERNELS
+
+// Two blocks (32 channels) per tile with 512-bit dot products.
+__attribute__((target("avx512f,avx512vnni"))) void avx512VnniTile2(const TileArgs& a) {
+  __m512i a00 = _mm512_setzero_si512(), a01 = a00, a10 = a00, a11 = a00;
+  __m512i a20 = a00, a21 = a00, a30 = a00, a31 = a00;
+  const int64_t step = a.pixelStep;
+  for (int t = 0; t < a.taps; ++t) {
+    const uint8_t* p = a.in + a.tapOff[t];
+    const int8_t* w = a.packed + size_t(a.tapIdx[t]) * size_t(a.quads) * 64;
+    for (int g = 0; g < a.quads; ++g, p += 4, w += 64) {
+      const __m512i w0 = _mm512_loadu_si512(w);
+      const __m512i w1 = _mm512_loadu_si512(w + a.blockBytes);
+      int32_t v0, v1, v2, v3;
+      std::memcpy(&v0, p, 4);
+      std::memcpy(&v1, p + step, 4);
+      std::memcpy(&v2, p + 2 * step, 4);
+      std::memcpy(&v3, p + 3 * step, 4);
+      const __m512i b0 = _mm512_set1_epi32(v0), b1 = _mm512_set1_epi32(v1);
+      const __m512i b2 = _mm512_set1_epi32(v2), b3 = _mm512_set1_epi32(v3);
+      a00 = _mm512_dpbusd_epi32(a00, b0, w0);
+      a01 = _mm512_dpbusd_epi32(a01, b0, w1);
+      a10 = _mm512_dpbusd_epi32(a10, b1, w0);
+      a11 = _mm512_dpbusd_epi32(a11, b1, w1);
+      a20 = _mm512_dpbusd_epi32(a20, b2, w0);
+      a21 = _mm512_dpbusd_epi32(a21, b2, w1);
+      a30 = _mm512_dpbusd_epi32(a30, b3, w0);
+      a31 = _mm512_dpbusd_epi32(a31, b3, w1);
+    }
+  }
+  const __m512i c0 = _mm512_loadu_si512(a.corr), c1 = _mm512_loadu_si512(a.corr + 16);
+  const __m512i r[8] = {a00, a01, a10, a11, a20, a21, a30, a31};
+  for (int k = 0; k < 4; ++k) {
+    int32_t* o = a.out + k * a.outStride;
+    _mm512_storeu_si512(o, _mm512_sub_epi32(r[2 * k], c0));
+    _mm512_storeu_si512(o + 16, _mm512_sub_epi32(r[2 * k + 1], c1));
+  }
+}
 #endif
 
 TileFn tileFn(int8conv::Path p) {
 #if LE_INT8_X86
   if (p == int8conv::Path::AvxVnni) return avxVnniTile;
   if (p == int8conv::Path::Avx512Vnni) return avx512VnniTile;
+#endif
+  (void)p;
+  return nullptr;
+}
+
+TileFn tile2Fn(int8conv::Path p) {
+#if LE_INT8_X86
+  if (p == int8conv::Path::Avx512Vnni) return avx512VnniTile2;
 #endif
   (void)p;
   return nullptr;
@@ -426,7 +485,10 @@ void interior_tile(Path path, const uint8_t* in, const int8_t* packed, const int
                    int taps, int quads, int64_t pixelStep, int32_t* acc) {
   const TileFn f = pathAvailable(path) ? tileFn(path) : nullptr;
   if (!f) throw std::runtime_error("interior_tile: the processor has no such dot-product path");
-  f(in, packed, tapOffsets, taps, quads, pixelStep, acc);
+  std::vector<int32_t> idx(static_cast<size_t>(taps));
+  for (int t = 0; t < taps; ++t) idx[size_t(t)] = t;
+  const int32_t zeros[16] = {0};
+  f(TileArgs{in, packed, tapOffsets, idx.data(), taps, quads, pixelStep, 0, zeros, acc, 16});
 }
 
 // ---- the convolution ---------------------------------------------------------------------------
@@ -441,23 +503,49 @@ struct RowJob {
   const float* scale;  // per output channel: quant scale x weight scale
   const float* bias;
   float* y;
-  int32_t zp;
+  uint32_t zp;
   TileFn tile;    // null on the plain path
+  TileFn tile2;   // two blocks per tile, where the processor has 512-bit dot products
   PixelFn pixel;  // null on the plain path
-  int64_t oxLo, oxHi;            // columns whose taps all fall inside
-  std::vector<int64_t> tapOff;   // byte offset of each tap from the receptive-field origin
+  int64_t oxLo, oxHi;  // columns whose horizontal taps all fall inside
 };
 
-// Corrected sums of one output pixel over its valid taps, plain loops; acc[o] for o < ocg.
+// One worker's buffers, reused row to row. Sums are kept pixel-major: [OW][channels of a group
+// rounded up to 16], corrected.
+struct RowScratch {
+  std::vector<int32_t> acc;
+  std::vector<int64_t> off;   // valid taps: byte offsets ...
+  std::vector<int32_t> idx;   // ... and tap indices
+  std::vector<int32_t> corr;  // zero point x the weights of those taps, per channel
+  std::vector<int32_t> pix;   // a lone pixel's raw sums
+  RowScratch(const Geometry& g, const PreparedWeights& w)
+      : acc(size_t(w.ocBlocks() * 16 * g.OW)), off(size_t(g.taps())), idx(size_t(g.taps())),
+        corr(size_t(w.ocBlocks() * 16)), pix(size_t(w.ocBlocks() * 16)) {}
+};
+
+// corr[o] = zp x the sum of group gi's channel o weights over the listed taps (wrapping like
+// the sums themselves); channels past the group's stay 0.
+void correction(const RowJob& j, int64_t gi, const int32_t* idx, int valid, int32_t* corr) {
+  const Geometry& g = *j.g;
+  const int64_t ocg = g.ocPerGroup();
+  const int32_t* tapSums = j.w->tapSums().data() + gi * ocg;
+  uint32_t* c = reinterpret_cast<uint32_t*>(corr);
+  std::fill(c, c + j.w->ocBlocks() * 16, 0u);
+  for (int i = 0; i < valid; ++i) {
+    const int32_t* ts = tapSums + size_t(idx[i]) * size_t(g.OC);
+    for (int64_t o = 0; o < ocg; ++o) c[o] += uint32_t(ts[o]);
+  }
+  for (int64_t o = 0; o < ocg; ++o) c[o] *= j.zp;
+}
+
+// Raw sums of one output pixel over its valid taps, plain loops.
 void pixelScalar(const RowJob& j, const uint8_t* image, const int64_t* off, const int32_t* idx,
                  int valid, int64_t gi, int32_t* acc) {
   const Geometry& g = *j.g;
-  const int64_t icg = g.icPerGroup(), ocg = g.ocPerGroup(), taps = g.taps();
-  const int8_t* packed = j.w->packed();
-  const int64_t quads = j.w->icQuads();
-  for (int64_t b = 0; b < j.w->ocBlocks(); ++b) {
+  const int64_t icg = g.icPerGroup(), taps = g.taps(), blocks = j.w->ocBlocks(), quads = j.w->icQuads();
+  for (int64_t b = 0; b < blocks; ++b) {
     uint32_t s[16] = {0};
-    const int8_t* block = packed + size_t((gi * j.w->ocBlocks() + b) * taps * quads * 64);
+    const int8_t* block = j.w->packed() + size_t((gi * blocks + b) * taps * quads * 64);
     for (int i = 0; i < valid; ++i) {
       const uint8_t* p = image + off[i];
       const int8_t* wt = block + size_t(idx[i]) * size_t(quads) * 64;
@@ -467,61 +555,64 @@ void pixelScalar(const RowJob& j, const uint8_t* image, const int64_t* off, cons
         for (int o = 0; o < 16; ++o) s[o] += static_cast<uint32_t>(v * wk[4 * o]);
       }
     }
-    for (int o = 0; o < 16 && b * 16 + o < ocg; ++o) acc[b * 16 + o] = static_cast<int32_t>(s[o]);
+    for (int o = 0; o < 16; ++o) acc[b * 16 + o] = static_cast<int32_t>(s[o]);
   }
 }
-
-// One worker's buffers, reused row to row.
-struct RowScratch {
-  std::vector<int32_t> acc;   // corrected sums of the row, [channels of a group][OW]
-  std::vector<int32_t> tile;  // one tile's [4][16] sums
-  std::vector<int64_t> off;   // a border pixel's valid taps: byte offsets ...
-  std::vector<int32_t> idx;   // ... and tap indices
-  std::vector<int32_t> pix;   // a border pixel's sums per channel
-  RowScratch(const Geometry& g, const PreparedWeights& w)
-      : acc(size_t(w.ocBlocks() * 16 * g.OW)), tile(64), off(size_t(g.taps())), idx(size_t(g.taps())),
-        pix(size_t(w.ocBlocks() * 16)) {}
-};
 
 void convRow(const RowJob& j, int64_t n, int64_t oy, RowScratch& rs) {
   const Geometry& g = *j.g;
   const PreparedWeights& w = *j.w;
   const int64_t icp = g.icPadded(), taps = g.taps(), ocg = g.ocPerGroup(), icg = g.icPerGroup();
-  const int64_t OW = g.OW;
+  const int64_t OW = g.OW, chans = w.ocBlocks() * 16;
   const int quads = static_cast<int>(w.icQuads()), blocks = static_cast<int>(w.ocBlocks());
   const int64_t iy0 = oy * g.strideH - g.padTop;
-  const bool rowInside = iy0 >= 0 && iy0 + g.dilH * (g.KH - 1) < g.H;
   const uint8_t* image = j.q + size_t(n * g.H * g.W * icp);
   const size_t blockBytes = size_t(taps) * size_t(quads) * 64;
-  const int32_t* sums = w.sums().data();
-  const int32_t* tapSums = w.tapSums().data();
-
-  std::vector<int32_t>& acc = rs.acc;
+  int32_t* acc = rs.acc.data();
   int64_t* off = rs.off.data();
   int32_t* idx = rs.idx.data();
+
   for (int64_t gi = 0; gi < g.group; ++gi) {
     const int8_t* packed = w.packed() + size_t(gi * blocks) * blockBytes;
-    const uint32_t zp = static_cast<uint32_t>(j.zp);
-    int64_t ox = 0;
-    while (ox < OW) {
-      const int64_t ix0 = ox * g.strideW - g.padLeft;
-      // Receptive-field origin; it may lie outside the image, only valid taps are read.
-      const int64_t origin = (iy0 * g.W + ix0) * icp + gi * icg;
-      if (j.tile && rowInside && ox >= j.oxLo && ox + 4 <= j.oxHi) {
-        for (int b = 0; b < blocks; ++b) {
-          j.tile(image + origin, packed + size_t(b) * blockBytes, j.tapOff.data(), int(taps), quads,
-                 g.strideW * icp, rs.tile.data());
-          for (int p = 0; p < 4; ++p)
-            for (int o = 0; o < 16 && b * 16 + o < ocg; ++o) {
-              const int64_t oc = gi * ocg + b * 16 + o;
-              acc[size_t((b * 16 + o) * OW + ox + p)] =
-                  static_cast<int32_t>(uint32_t(rs.tile[size_t(p * 16 + o)]) - zp * uint32_t(sums[oc]));
-            }
+    // Columns with every horizontal tap inside go in tiles of 4 pixels over the kernel rows
+    // that fall inside this output row (the last tile may overlap its neighbour).
+    int64_t tiledLo = 0, tiledHi = 0;
+    if (j.tile && j.oxHi - j.oxLo >= 4) {
+      int valid = 0;
+      for (int64_t ky = 0; ky < g.KH; ++ky) {
+        const int64_t iy = iy0 + ky * g.dilH;
+        if (iy < 0 || iy >= g.H) continue;
+        for (int64_t kx = 0; kx < g.KW; ++kx) {
+          off[valid] = (ky * g.dilH * g.W + kx * g.dilW) * icp;
+          idx[valid] = static_cast<int32_t>(ky * g.KW + kx);
+          ++valid;
         }
-        ox += 4;
-        continue;
       }
-      // A pixel on its own: only the taps inside the input, corrected by exactly their weights.
+      correction(j, gi, idx, valid, rs.corr.data());
+      tiledLo = j.oxLo, tiledHi = j.oxHi;
+      for (int64_t ox = tiledLo;; ox += 4) {
+        const int64_t x = std::min(ox, tiledHi - 4);
+        const int64_t ix0 = x * g.strideW - g.padLeft;
+        TileArgs a{image + (iy0 * g.W + ix0) * icp + gi * icg, packed, off, idx, valid, quads,
+                   g.strideW * icp, blockBytes, rs.corr.data(), acc + x * chans, chans};
+        for (int b = 0; b < blocks;) {
+          const int nb = j.tile2 && b + 2 <= blocks ? 2 : 1;
+          a.packed = packed + size_t(b) * blockBytes;
+          a.corr = rs.corr.data() + b * 16;
+          a.out = acc + x * chans + b * 16;
+          (nb == 2 ? j.tile2 : j.tile)(a);
+          b += nb;
+        }
+        if (x == tiledHi - 4) break;
+      }
+    }
+    // The other pixels one by one: only the taps inside the input, corrected by exactly
+    // their weights.
+    for (int64_t ox = 0; ox < OW; ++ox) {
+      if (ox == tiledLo && tiledHi > tiledLo) ox = tiledHi;
+      if (ox >= OW) break;
+      const int64_t ix0 = ox * g.strideW - g.padLeft;
+      const int64_t origin = (iy0 * g.W + ix0) * icp + gi * icg;  // may lie outside the image
       int valid = 0;
       for (int64_t ky = 0; ky < g.KH; ++ky) {
         const int64_t iy = iy0 + ky * g.dilH;
@@ -529,7 +620,7 @@ void convRow(const RowJob& j, int64_t n, int64_t oy, RowScratch& rs) {
         for (int64_t kx = 0; kx < g.KW; ++kx) {
           const int64_t ix = ix0 + kx * g.dilW;
           if (ix < 0 || ix >= g.W) continue;
-          off[valid] = origin + ((ky * g.dilH) * g.W + kx * g.dilW) * icp;
+          off[valid] = origin + (ky * g.dilH * g.W + kx * g.dilW) * icp;
           idx[valid] = static_cast<int32_t>(ky * g.KW + kx);
           ++valid;
         }
@@ -538,21 +629,17 @@ void convRow(const RowJob& j, int64_t n, int64_t oy, RowScratch& rs) {
         j.pixel(image, packed, off, idx, valid, int(taps), quads, blocks, rs.pix.data());
       else
         pixelScalar(j, image, off, idx, valid, gi, rs.pix.data());
-      for (int64_t o = 0; o < ocg; ++o) {
-        const int64_t oc = gi * ocg + o;
-        uint32_t ws = 0;
-        for (int i = 0; i < valid; ++i) ws += uint32_t(tapSums[size_t(idx[i]) * size_t(g.OC) + size_t(oc)]);
-        acc[size_t(o * OW + ox)] = static_cast<int32_t>(uint32_t(rs.pix[size_t(o)]) - zp * ws);
-      }
-      ++ox;
+      correction(j, gi, idx, valid, rs.corr.data());
+      int32_t* a = acc + ox * chans;
+      for (int64_t o = 0; o < chans; ++o)
+        a[o] = static_cast<int32_t>(uint32_t(rs.pix[size_t(o)]) - uint32_t(rs.corr[size_t(o)]));
     }
     // Dequantise the group's channels of this row.
     for (int64_t o = 0; o < ocg; ++o) {
       const int64_t oc = gi * ocg + o;
       const float s = j.scale[oc], bias = j.bias[oc];
-      const int32_t* a = acc.data() + size_t(o * OW);
       float* dst = j.y + size_t(((n * g.OC + oc) * g.OH + oy) * OW);
-      for (int64_t x = 0; x < OW; ++x) dst[x] = static_cast<float>(a[x]) * s + bias;
+      for (int64_t x = 0; x < OW; ++x) dst[x] = static_cast<float>(acc[x * chans + o]) * s + bias;
     }
   }
 }
@@ -591,15 +678,11 @@ void conv(const float* x, const PreparedWeights& w, const float* weightScale, co
   j.scale = scale.data();
   j.bias = bias;
   j.y = y;
-  j.zp = qp.zeroPoint;
+  j.zp = static_cast<uint32_t>(qp.zeroPoint);
   j.tile = tileFn(path);
+  j.tile2 = tile2Fn(path);
   j.pixel = pixelFn(path);
-  const int64_t icp = g.icPadded();
-  j.tapOff.resize(size_t(g.taps()));
-  for (int64_t ky = 0; ky < g.KH; ++ky)
-    for (int64_t kx = 0; kx < g.KW; ++kx)
-      j.tapOff[size_t(ky * g.KW + kx)] = ((ky * g.dilH) * g.W + kx * g.dilW) * icp;
-  // Columns whose receptive field lies wholly inside: ix0 >= 0 and ix0 + span < W.
+  // Columns whose horizontal taps all fall inside: ix0 >= 0 and ix0 + span < W.
   j.oxLo = std::min(g.OW, (g.padLeft + g.strideW - 1) / g.strideW);
   const int64_t lastStart = g.W - 1 - g.dilW * (g.KW - 1) + g.padLeft;
   j.oxHi = lastStart < 0 ? j.oxLo : std::clamp(lastStart / g.strideW + 1, j.oxLo, g.OW);

@@ -75,7 +75,7 @@ enum class Path {
   Auto,        // the best the processor has (AVX-512 VNNI, else AVX-VNNI, else plain loops)
   Scalar,      // plain loops
   AvxVnni,     // 256-bit dot products, VEX encoding (AVX2 + AVX-VNNI)
-  Avx512Vnni,  // 256-bit dot products, EVEX encoding (AVX-512 VNNI + VL)
+  Avx512Vnni,  // 512-bit tiles of 32 channels, 256-bit EVEX for the rest (AVX-512 VNNI + VL)
 };
 // True when the processor can run the path (Auto and Scalar always can).
 bool pathAvailable(Path p);
