@@ -4,8 +4,6 @@
 // run. Then the kernel's paths, and the whole heavy director int8 against float per frame.
 #include <benchmark/benchmark.h>
 
-#include <time.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -28,41 +26,6 @@ namespace fs = std::filesystem;
 
 // Both sides get the engine's thread budget (LE_CORE_THREADS=1 compares single threads).
 int threads() { return le::pool::threads(); }
-
-double processCpuSeconds() {
-  timespec t{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
-}
-
-// Their cost per call, then ours in the benchmark loop. On a loaded machine wall time swings
-// with the neighbours; the process's CPU time per call ("cpu_speedup", and with one thread
-// "speedup" too) is the steadier ratio.
-template <typename Ours, typename Theirs>
-void compare(benchmark::State& state, Ours&& ours, Theirs&& theirs, const char* theirName) {
-  using clock = std::chrono::steady_clock;
-  theirs();
-  size_t n = 0;
-  const double c0 = processCpuSeconds();
-  const auto t0 = clock::now();
-  double wall = 0;
-  do {
-    theirs();
-    ++n;
-    wall = std::chrono::duration<double>(clock::now() - t0).count();
-  } while (wall < 0.3);
-  const double theirWall = wall / double(n), theirCpu = (processCpuSeconds() - c0) / double(n);
-  ours();
-  const double c1 = processCpuSeconds();
-  const auto t1 = clock::now();
-  for (auto _ : state) ours();
-  const double it = double(state.iterations());
-  const double ourWall = std::chrono::duration<double>(clock::now() - t1).count() / it;
-  const double ourCpu = (processCpuSeconds() - c1) / it;
-  state.counters["speedup"] = theirWall / ourWall;
-  state.counters["cpu_speedup"] = theirCpu / ourCpu;
-  state.counters[std::string(theirName) + "_ms"] = theirWall * 1e3;
-}
 
 // The heavy director's convolutions: its 64-channel trunk layer, its 3x3 head, its 1x1 exit,
 // its 1x1 face mix at crop 512.
@@ -98,7 +61,7 @@ void BM_Int8Conv_vs_OrtFloatConv(benchmark::State& state) {
   Layer l(state.range(0));
   le::bench::BoundSession ours(le::forge::int8ConvModel(l.s, l.q, l.bias), threads(), {&l.x}, {&l.y});
   le::bench::BoundSession ort(le::forge::floatConvModel(l.s, l.w, l.bias), threads(), {&l.x}, {&l.y});
-  compare(state, [&] { ours.run(); }, [&] { ort.run(); }, "ort_conv");
+  state.counters["ort_conv_ms"] = 1e3 * le::bench::timeAgainst(state, [&] { ours.run(); }, [&] { ort.run(); });
   state.SetLabel(l.label());
 }
 BENCHMARK(BM_Int8Conv_vs_OrtFloatConv)->DenseRange(0, 3)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -107,7 +70,8 @@ void BM_Int8Conv_vs_OrtConvInteger(benchmark::State& state) {
   Layer l(state.range(0));
   le::bench::BoundSession ours(le::forge::int8ConvModel(l.s, l.q, l.bias), threads(), {&l.x}, {&l.y});
   le::bench::BoundSession ort(le::forge::convIntegerModel(l.s, l.q, l.bias), threads(), {&l.x}, {&l.y});
-  compare(state, [&] { ours.run(); }, [&] { ort.run(); }, "ort_convinteger");
+  state.counters["ort_convinteger_ms"] =
+      1e3 * le::bench::timeAgainst(state, [&] { ours.run(); }, [&] { ort.run(); });
   state.SetLabel(l.label());
 }
 BENCHMARK(BM_Int8Conv_vs_OrtConvInteger)->DenseRange(0, 3)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -130,7 +94,8 @@ void BM_Int8ConvPath(benchmark::State& state) {
   if (path == le::int8conv::Path::Scalar) {
     for (auto _ : state) run(path);
   } else {
-    compare(state, [&] { run(path); }, [&] { run(le::int8conv::Path::Scalar); }, "plain_loops");
+    state.counters["plain_loops_ms"] =
+        1e3 * le::bench::timeAgainst(state, [&] { run(path); }, [&] { run(le::int8conv::Path::Scalar); });
   }
   state.SetLabel(path == le::int8conv::Path::Scalar ? "plain loops"
                  : path == le::int8conv::Path::AvxVnni ? "AVX-VNNI (VEX)"
@@ -167,9 +132,10 @@ void BM_HeavyDirector_int8_vs_float(benchmark::State& state) {
   le::Renderer fp32(m, id, "b1_heavy", threads(), "");
   const std::vector<float> ks = le::forge::forgeFaceKeypoints(), kd = le::forge::forgeFaceKeypointsMouthOpen(0.1f);
   const int32_t si = 1;
-  compare(
-      state, [&] { benchmark::DoNotOptimize(int8.render(&si, ks.data(), kd.data(), 1)); },
-      [&] { benchmark::DoNotOptimize(fp32.render(&si, ks.data(), kd.data(), 1)); }, "float_per_frame");
+  state.counters["float_ms_per_frame"] =
+      1e3 * le::bench::timeAgainst(
+                state, [&] { benchmark::DoNotOptimize(int8.render(&si, ks.data(), kd.data(), 1)); },
+                [&] { benchmark::DoNotOptimize(fp32.render(&si, ks.data(), kd.data(), 1)); });
   state.SetLabel("crop 512, " + std::to_string(threads()) + " intra-op thread(s)");
 }
 BENCHMARK(BM_HeavyDirector_int8_vs_float)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <benchmark/benchmark.h>
+#include <time.h>
 
 #include <chrono>
 #include <cmath>
@@ -56,12 +57,21 @@ class BoundSession {
   std::vector<Ort::Value> values_;
 };
 
-// Seconds per call of fn, over at least minSeconds of calls.
+// The process's CPU seconds so far (every thread).
+inline double processCpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return double(t.tv_sec) + 1e-9 * double(t.tv_nsec);
+}
+
+// Seconds per call of fn, over at least minSeconds of calls; cpuSeconds (when given) receives
+// the process's CPU seconds per call.
 template <typename Fn>
-double secondsPerCall(Fn&& fn, double minSeconds = 0.2) {
+double secondsPerCall(Fn&& fn, double minSeconds = 0.2, double* cpuSeconds = nullptr) {
   using clock = std::chrono::steady_clock;
   fn();  // warm
   size_t n = 0;
+  const double c0 = processCpuSeconds();
   const auto t0 = clock::now();
   double el = 0;
   do {
@@ -69,20 +79,26 @@ double secondsPerCall(Fn&& fn, double minSeconds = 0.2) {
     ++n;
     el = std::chrono::duration<double>(clock::now() - t0).count();
   } while (el < minSeconds);
+  if (cpuSeconds) *cpuSeconds = (processCpuSeconds() - c0) / double(n);
   return el / double(n);
 }
 
 // Runs ours in the benchmark loop after timing the alternative in the same process; returns
-// the alternative's seconds per call over ours (the "speedup" counter).
+// the alternative's seconds per call over ours (the "speedup" counter). On a loaded machine
+// wall time swings with the neighbours: "cpu_speedup" is the same ratio of the process's CPU
+// time per call.
 template <typename Ours, typename Theirs>
 double timeAgainst(benchmark::State& state, Ours&& ours, Theirs&& theirs) {
-  const double theirSec = secondsPerCall(theirs);
+  double theirCpu = 0;
+  const double theirSec = secondsPerCall(theirs, 0.2, &theirCpu);
   ours();
+  const double c0 = processCpuSeconds();
   const auto t0 = std::chrono::steady_clock::now();
   for (auto _ : state) ours();
-  const double ourSec =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() / double(state.iterations());
+  const double it = double(state.iterations());
+  const double ourSec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count() / it;
   state.counters["speedup"] = theirSec / ourSec;
+  state.counters["cpu_speedup"] = theirCpu / ((processCpuSeconds() - c0) / it);
   return theirSec;
 }
 
