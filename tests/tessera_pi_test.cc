@@ -121,31 +121,6 @@ TEST(TesseraPi, MasksAgreeWithReferenceAndBoxes) {
   }
 }
 
-// A bound cuts the mask to min(bound, pi) where it is positive, inside the given box only.
-TEST(TesseraPi, ShrunkByBoundAndBox) {
-  const int n = 64;
-  const UnifiedPi m(n, false, 1.f, kLips, 0.10f, 0.08f, 0.074f);
-  std::mt19937 rng(3);
-  const std::vector<float> kp = lipFrame(rng, false);
-  std::vector<float> bound(size_t(n) * n);
-  for (size_t i = 0; i < bound.size(); ++i) bound[i] = float(int(i % 7) - 2) * 0.2f;
-  std::vector<uint8_t> full(bound.size()), cut(bound.size());
-  m.piU8(kp.data(), full.data());
-  const Box box{10, 20, 50, 45};
-  m.piU8ShrunkBy(kp.data(), bound.data(), box, cut.data());
-  int kept = 0;
-  for (int y = 0; y < n; ++y)
-    for (int x = 0; x < n; ++x) {
-      const size_t i = size_t(y) * n + x;
-      uint8_t want = 0;
-      const bool inside = x >= box.x0 && x < box.x1 && y >= box.y0 && y < box.y1;
-      if (inside && bound[i] > 0) want = std::min<uint8_t>(full[i], le::tessera::piByte(bound[i]));
-      ASSERT_EQ(cut[i], want) << x << "," << y;
-      kept += want != 0;
-    }
-  EXPECT_GT(kept, 20);
-}
-
 TEST(TesseraPi, ClosedMouthGateAndSmallCanvas) {
   const int n = 80;
   const UnifiedPi m(n, false, 1.f, kLips, 0.10f, 0.08f, 0.074f);

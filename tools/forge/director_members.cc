@@ -159,6 +159,24 @@ constexpr int kMotionGrid = 64;
 
 std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int layers) {
   const std::string base = "/heavy_base";
+  // The trunk's detail joins the face before the compose tail, so the tail stays the graph's
+  // last step (the lip-contour binding looks for it there): rgb = Add(Mul(face, a), ...).
+  const Parts p = split(b1);
+  auto producer = [&](const std::string& v) -> GsSlice {
+    for (GsSlice n : p.nodes) {
+      std::vector<std::string> outs;
+      gsAllStr(n, f::kNodeOutput, outs);
+      if (!outs.empty() && outs[0] == v) return n;
+    }
+    throw std::runtime_error("director surgery: nothing produces " + v);
+  };
+  auto inputsOf = [](GsSlice n) {
+    std::vector<std::string> ins;
+    gsAllStr(n, f::kNodeInput, ins);
+    return ins;
+  };
+  const GsSlice faceMul = producer(inputsOf(producer("rgb")).at(0));
+  const std::string face = inputsOf(faceMul).at(0);
   OnnxBuilder t("heavy_trunk");
   t.input("pooled64", {1, 64, 32, 32});
   t.input(base, {1, 3, crop, crop});
@@ -183,17 +201,22 @@ std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int
     y = t.op("Resize", {y, "", "", t.initI64("sizes", {4}, {1, 3, crop, crop})},
              {Attr::s("mode", "linear"), Attr::s("coordinate_transformation_mode", "half_pixel")});
   const std::string detail = t.op("Mul", {t.op("Tanh", {y}), t.initializer(Tensor::scalar(0.03f, "gain"))});
-  t.node("Add", {base, detail}, {"rgb"}, {}, "add");
-  t.output("rgb", {1, 3, crop, crop});
+  t.node("Add", {base, detail}, {face}, {}, "add");
+  t.output(face, {1, 3, crop, crop});
   const std::vector<uint8_t> trunkBytes = t.build();
   const Parts trunk = split(trunkBytes);
 
-  const Parts p = split(b1);
   std::vector<uint8_t> g;
-  // The director's own "rgb" becomes the trunk's base.
-  const Rename value = [&](const std::string& v) { return v == "rgb" ? base : v; };
-  for (GsSlice n : p.nodes) putNode(g, n, value, kSame);
-  putSubgraph(g, trunk, {"pooled64", base, "rgb"}, "/heavy/");
+  // The director's face becomes the trunk's base; the trunk runs right before the compose.
+  const Rename value = [&](const std::string& v) { return v == face ? base : v; };
+  for (GsSlice n : p.nodes) {
+    if (n.p == faceMul.p) {
+      putSubgraph(g, trunk, {"pooled64", base, face}, "/heavy/");
+      putNode(g, n, kSame, kSame);
+    } else {
+      putNode(g, n, value, kSame);
+    }
+  }
   for (GsSlice o : p.others) gsPutRaw(g, o);
   for (GsSlice i : p.inits) gsPutBytes(g, f::kGraphInitializer, i.p, i.n);
   for (const Decl& d : p.inputs) putDecl(g, f::kGraphInput, d);
