@@ -282,6 +282,12 @@ std::vector<Member> directorMembers(const Params& p, const DirectorMemberOptions
     m.push_back({alt ? "render_model.batch1.heavy.onnx" : "model_b1_heavy.onnx", heavy});
     m.push_back({alt ? "render_model.batch1.int8.onnx" : "model_b1_int8.onnx", int8Director(heavy)});
   }
+  if (o.steadyBatch > 0) {
+    gopt.batch = o.steadyBatch;
+    const std::string n = std::to_string(o.steadyBatch);
+    m.push_back({alt ? "render_model.batch" + n + ".fp32.onnx" : "model_b" + n + "_fp32.onnx",
+                 forgeDirectorGraph(gopt)});
+  }
   return m;
 }
 

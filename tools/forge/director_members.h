@@ -9,6 +9,8 @@
 //                          prior is decoded from "fs_red" inside the graph
 //   "model_b1_heavy.onnx"  standard form with a convolution trunk at 64 channels on the pooled
 //                          features, so a frame costs about what a real director's does
+//   "model_b24_fp32.onnx"  the standard director on 24 frames per call: the steady chunk
+//                          renderer of the utterance pipeline
 #pragma once
 
 #include <cstdint>
@@ -32,6 +34,9 @@ struct DirectorMemberOptions {
   int heavyLayers = 6;   // convolutions of the heavy member's trunk
   bool featSynth = true;
   bool heavy = true;
+  // frames per call of the steady chunk member "model_b<steadyBatch>_fp32.onnx" (the pipeline's
+  // default steady key is "b24_fp32"); 0 leaves it out
+  int steadyBatch = 24;
 };
 
 // The director members of a bundle forged with p (crop p.crop), ready for Params::extraMembers.
