@@ -1,0 +1,109 @@
+#include "tests/support/utt_soak.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "le/le.h"
+
+namespace le::testmedia {
+
+double residentMiB() {
+  std::ifstream f("/proc/self/statm");
+  size_t pages = 0, resident = 0;
+  f >> pages >> resident;
+  return double(resident) * double(::sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
+}
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Host {
+  le_utt* u;
+  std::vector<uint8_t> frame;
+  SoakSample counts;
+
+  // Pulls what is waiting; throws when nothing arrives for 20 s.
+  void pull(Clock::time_point& lastFrame) {
+    le_utt_frame_info info{};
+    bool any = false;
+    while (le_utt_pull_frame(u, frame.data(), frame.size(), &info)) {
+      any = true;
+      ++counts.frames;
+      if (info.kind == LE_UTT_KIND_SPEECH) ++counts.speechFrames;
+    }
+    const auto now = Clock::now();
+    if (any) lastFrame = now;
+    else if (now - lastFrame > std::chrono::seconds(20))
+      throw std::runtime_error("soak: the pipeline delivered no frame for 20 s");
+    else
+      std::this_thread::sleep_for(std::chrono::microseconds(500));
+  }
+};
+
+}  // namespace
+
+std::vector<SoakSample> soakUtterances(le_ctx* ctx, const le_utt_opts& opts,
+                                       const std::vector<int16_t>& clip, double seconds,
+                                       double every,
+                                       const std::function<void(const SoakSample&)>& onSample) {
+  le_utt* u = le_utt_create(ctx, &opts);
+  if (!u) throw std::runtime_error(le_utt_last_error());
+  Host h{u, std::vector<uint8_t>(size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3), {}};
+  std::vector<SoakSample> samples;
+  const auto t0 = Clock::now();
+  auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - t0).count(); };
+  double nextSample = 0;
+  auto sample = [&] {
+    SoakSample s = h.counts;
+    s.seconds = elapsed();
+    s.rssMiB = residentMiB();
+    samples.push_back(s);
+    if (onSample) onSample(s);
+  };
+  auto lastFrame = Clock::now();
+  try {
+    while (le_utt_ready(u) == 0) h.pull(lastFrame);
+    if (le_utt_ready(u) < 0) throw std::runtime_error(le_utt_last_error());
+    while (elapsed() < seconds) {
+      if (elapsed() >= nextSample) {
+        sample();
+        nextSample += every;
+      }
+      const int mode = int(h.counts.cycles % 3);  // 0 end mark, 1 interrupt, 2 end by silence
+      const size_t stopAt = mode == 1 ? clip.size() / 2 : clip.size();
+      for (size_t at = 0; at < stopAt; at += 640) {
+        le_utt_push_audio(u, clip.data() + at, int(std::min<size_t>(640, stopAt - at)));
+        h.pull(lastFrame);
+      }
+      if (mode == 0) le_utt_end_utterance(u);
+      if (mode == 1) {
+        for (int k = 0; k < 5; ++k) h.pull(lastFrame);
+        le_utt_interrupt(u);
+      }
+      // Back to idle: the ramp is over and idle frames flow again.
+      le_utt_stats st{};
+      uint64_t idleSeen = 0;
+      while (idleSeen < 10) {
+        const uint64_t before = h.counts.frames - h.counts.speechFrames;
+        h.pull(lastFrame);
+        le_utt_get_stats(u, &st);
+        if (st.state == 0) idleSeen += h.counts.frames - h.counts.speechFrames - before;
+      }
+      ++h.counts.cycles;
+    }
+    sample();
+  } catch (...) {
+    le_utt_destroy(u);
+    throw;
+  }
+  le_utt_destroy(u);
+  return samples;
+}
+
+}  // namespace le::testmedia
