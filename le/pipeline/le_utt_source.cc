@@ -6,7 +6,7 @@
 #include "le/le_a2x.h"
 #include "le/le_bundle.h"
 
-// Until the keypoint sources are built into the library their functions resolve to null.
+// Until the audio-to-expression stream is built into the library its functions resolve to null.
 #pragma weak le_a2x_create
 #pragma weak le_a2x_destroy
 #pragma weak le_a2x_last_error
@@ -17,16 +17,6 @@
 #pragma weak le_a2x_avail
 #pragma weak le_a2x_pull
 #pragma weak le_a2x_total
-#pragma weak le_motion_create
-#pragma weak le_motion_destroy
-#pragma weak le_motion_last_error
-#pragma weak le_motion_reset
-#pragma weak le_motion_set_eager
-#pragma weak le_motion_push
-#pragma weak le_motion_finish
-#pragma weak le_motion_avail
-#pragma weak le_motion_pull
-#pragma weak le_motion_total
 
 namespace le::utt {
 
@@ -73,9 +63,7 @@ class A2xSource final : public KeypointSource {
 class MotionSource final : public KeypointSource {
  public:
   MotionSource(const std::string& dir, int threads, const std::string& ep)
-      : h_(&le_motion_create ? le_motion_create(dir.c_str(), threads, ep.c_str()) : nullptr) {
-    if (!&le_motion_create)
-      throw std::runtime_error("le_motion_create: not built into this library");
+      : h_(le_motion_create(dir.c_str(), threads, ep.c_str())) {
     if (!h_) throw std::runtime_error(le_motion_last_error());
   }
   ~MotionSource() override { le_motion_destroy(h_); }
