@@ -247,9 +247,18 @@ extern "C" const int le_test_suppressions_anchor = 1;
 #if defined(__SANITIZE_THREAD__)
 // FFmpeg and the encoders are not instrumented: their frame threads hand buffers over through
 // atomics ThreadSanitizer cannot see, so the allocator calls they make look racy. Our own
-// accesses to decoded frames stay checked.
+// accesses to decoded frames stay checked. ONNX Runtime is not instrumented either: its intra-op
+// pool runs the custom operator kernels and joins them through synchronisation ThreadSanitizer
+// cannot see, so a session's own buffers look shared between the caller and the pool threads, and
+// the pool's condition waits unlock mutexes ThreadSanitizer never saw locked.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
-  return "called_from_lib:libavcodec.so\n"
+  return "called_from_lib:libonnxruntime.so\n"
+         "race:libonnxruntime.so\n"
+         "mutex:libonnxruntime.so\n"
+         "mutex:std::condition_variable::wait\n"
+         "mutex:Ort::detail::OrtRelease\n"
+         "mutex:__run_exit_handlers\n"
+         "called_from_lib:libavcodec.so\n"
          "called_from_lib:libavutil.so\n"
          "called_from_lib:libavformat.so\n"
          "called_from_lib:libswscale.so\n"
