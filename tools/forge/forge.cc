@@ -14,6 +14,7 @@
 #include "tools/forge/director_members.h"
 #include "tools/forge/forge_lip.h"
 #include "tools/forge/forge_motion.h"
+#include "tools/forge/forge_audio.h"
 #include "tools/forge/forge_movie.h"
 #include "tools/forge/forge_tessera.h"
 
@@ -382,6 +383,8 @@ Result forgeBundle(const std::string& dir, const Params& p) {
     for (const Member& m : motionMembers(p)) w.put(m.name, m.bytes);
   if (p.tessera)
     for (const std::string& name : writeTessera(p, dir)) w.noted(name);
+  if (p.audio)
+    for (const Member& m : audioMembers(p)) w.put(m.name, m.bytes);
   return r;
 }
 

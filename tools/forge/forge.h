@@ -99,6 +99,8 @@ struct Params {
   // also write the mouth-interior borrow members (forge_tessera.h) with this many donors
   bool tessera = false;
   int tesseraDonors = 48;
+  // also write the audio members with their defaults (forge_audio.h): speech encoders, a2x
+  bool audio = false;
   // pictures and encoders
   uint32_t seed = 1;
   int jpegQuality = 92;
