@@ -45,6 +45,7 @@ const char kHelp[] =
     "  --no-motion         leave out the motion directory (motion/: the speech-driven generator)\n"
     "  --no-tessera        leave out the mouth-interior borrow members (tessera_bank.v1.mp4, ...)\n"
     "  --tessera-donors N  donor mouth patches in the borrow bank (default 64, at most 1024)\n"
+    "  --no-audio          leave out the audio members (w2v/ speech encoders, a2x_*)\n"
     "  --force             replace DIR when it exists and is not empty\n"
     "  --quiet             no progress on standard error\n";
 
@@ -87,7 +88,7 @@ void unsharpOf(const std::string& s, forge::Params& p) {
 int cmdForge(const std::vector<std::string>& argv) {
   using namespace le::forge;
   const Args args(argv, {"fs-red", "alt-names", "frame-count-key", "crop-size-key", "long-stamp-keys", "imx", "force", "quiet", "no-directors", "no-motion",
-                   "no-tessera"},
+                   "no-tessera", "no-audio"},
                   {"nt", "frames", "size", "crop", "prior", "drive", "stamp", "unsharp", "seed", "break", "lips", "tessera-donors"});
   if (args.help()) {
     std::fputs(kHelp, stdout);
@@ -143,6 +144,7 @@ int cmdForge(const std::vector<std::string>& argv) {
   p.motion = !args.flag("no-motion");
   p.tessera = !args.flag("no-tessera");
   p.tesseraDonors = args.integer("tessera-donors", 64, 1, 1024);
+  p.audio = !args.flag("no-audio");
 
   const bool quiet = args.flag("quiet");
   std::unique_ptr<Progress> bar;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "le/le.h"
+#include "le/le_a2x.h"
 #include "le/le_bundle.h"
 #include "le/le_driver.h"
 #include "le/le_imx.h"
@@ -114,8 +115,14 @@ int cmdInfo(const std::vector<std::string>& argv) {
       {"drive/xd.f32", times(fr, 252)},
       {"drive/si.i32", times(fr, 4)},
       {"lip_template.v1.json", -1},
+      {"a2x_meta.json", -1},
+      {"a2x_pos.f32", -1},
+      {"a2x_norm.f32", -1},
       {"a2x_enc_stream.onnx", -1},
       {"a2x_dec.onnx", -1},
+      {"w2v/audio_encoder_fp16.onnx", -1},
+      {"w2v/audio_encoder_fp16_window_trunk.onnx", -1},
+      {"w2v/audio_encoder_fp16_window_head.onnx", -1},
       {mp4, -1},
   };
   // director models, under either spelling
@@ -130,18 +137,20 @@ int cmdInfo(const std::vector<std::string>& argv) {
   for (const std::string& n : models) rows.push_back({n, -1});
 
   std::printf("members\n");
+  int nameWidth = 22;
+  for (const Row& r : rows) nameWidth = std::max(nameWidth, static_cast<int>(r.name.size()));
   for (const Row& r : rows) {
     const std::string path = le::resolveMember(dir, r.name);
     const long long size = fileSize(path);
     if (size < 0) {
-      std::printf("  %-22s missing\n", r.name.c_str());
+      std::printf("  %-*s missing\n", nameWidth, r.name.c_str());
       continue;
     }
     std::string note;
     if (r.expected >= 0) note = size == r.expected ? "ok" : "SIZE MISMATCH, the manifest implies " + std::to_string(r.expected);
     if (r.expected == -2 && r.min >= 0) note = size >= r.min ? "ok" : "SHORT, the manifest implies " + std::to_string(r.min);
     const std::string shown = relative(dir, path);
-    std::printf("  %-22s %-32s %12lld bytes  %s\n", r.name.c_str(), shown == r.name ? "" : ("-> " + shown).c_str(), size, note.c_str());
+    std::printf("  %-*s %-32s %12lld bytes  %s\n", nameWidth, r.name.c_str(), shown == r.name ? "" : ("-> " + shown).c_str(), size, note.c_str());
   }
   if (nt > 0) {
     int stills = 0;
@@ -151,9 +160,9 @@ int cmdInfo(const std::vector<std::string>& argv) {
       stills += le::canOpenForRead(dir + "/" + jpgDir + name);
     }
     if (stills == 0)
-      std::printf("  %-22s missing\n", (jpgDir + "/").c_str());
+      std::printf("  %-*s missing\n", nameWidth, (jpgDir + "/").c_str());
     else
-      std::printf("  %-22s %d of %lld stills%s\n", (jpgDir + "/").c_str(), stills, nt, stills == nt ? "" : ", INCOMPLETE");
+      std::printf("  %-*s %d of %lld stills%s\n", nameWidth, (jpgDir + "/").c_str(), stills, nt, stills == nt ? "" : ", INCOMPLETE");
   }
 
   if (haveManifest) {
@@ -190,6 +199,22 @@ int cmdInfo(const std::vector<std::string>& argv) {
   } else {
     std::printf("engine      REFUSED: %s\n", le_last_error());
     refusals.push_back(le_last_error());
+  }
+
+  // The audio stream, when the bundle has one: what le_a2x_create says.
+  if (le::canOpenForRead(dir + "/a2x_meta.json")) {
+    const std::string w2v = defaultW2v(dir);
+    std::fflush(stdout);
+    if (le_a2x* a = le_a2x_create(bundle.c_str(), 1)) {
+      std::printf("audio       le_a2x_create accepts this bundle (speech encoder %s, width output %s)\n",
+                  w2v.c_str(), le_a2x_width(a) ? "yes" : "no");
+      le_a2x_destroy(a);
+    } else {
+      std::printf("audio       REFUSED: %s\n", le_a2x_last_error());
+      refusals.push_back(le_a2x_last_error());
+    }
+  } else {
+    std::printf("audio       none (no a2x_meta.json)\n");
   }
 
   if (!refusals.empty()) std::fprintf(stderr, "le info: the engine refuses this bundle: %s\n", refusals.front().c_str());

@@ -9,6 +9,14 @@
 
 namespace le::cli {
 
+std::string defaultW2v(const std::string& bundleDir) {
+  if (const char* v = std::getenv("W2V_ONNX"); v && *v) return v;
+  const std::string own = bundleDir + "/w2v/audio_encoder_fp16.onnx";
+  if (::access(own.c_str(), R_OK) != 0) return "";
+  ::setenv("W2V_ONNX", own.c_str(), 1);
+  return own;
+}
+
 Args::Args(const std::vector<std::string>& argv, const std::set<std::string>& flags,
            const std::set<std::string>& valued) {
   bool optionsDone = false;

@@ -59,6 +59,10 @@ class Progress {
   int shown_ = -1;
 };
 
+// Points W2V_ONNX at the bundle's own speech encoder ("w2v/audio_encoder_fp16.onnx") when the
+// user has not set it and the bundle has one. Returns the value in effect ("" when none).
+std::string defaultW2v(const std::string& bundleDir);
+
 // Subcommands: argv holds the arguments after the subcommand's name.
 int cmdForge(const std::vector<std::string>& argv);
 int cmdPack(const std::vector<std::string>& argv);
