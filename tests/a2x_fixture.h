@@ -1,0 +1,63 @@
+// Forged audio bundles and speech shared by the le_a2x tests.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "le/le_a2x.h"
+#include "tests/bundle_fixture.h"
+#include "tests/support/speech.h"
+#include "tools/forge/forge.h"
+#include "tools/forge/forge_audio.h"
+
+namespace le::testa2x {
+
+// Twelve seconds of speech with pauses: longer than one 8 s window (200 frames) and than the
+// forged positional table (160 frames).
+inline const std::vector<float>& longSpeech() {
+  static const std::vector<float> a = le::testmedia::speak16k(
+      "Speech moves the lips of the face on the screen. Every frame of forty milliseconds carries "
+      "its own loudness. When the speaker pauses, the mouth rests and closes again. Then the voice "
+      "returns, and the lips open wide.");
+  return a;
+}
+
+// A small bundle with the audio members o asks for, in d/name. Returns its directory.
+inline std::string forgeAudioBundle(const le::testing::ScratchDir& d, const std::string& name,
+                                    const le::forge::AudioOptions& o = {}, int nt = 8) {
+  le::forge::Params p;
+  p.nt = nt;
+  p.width = 64;
+  p.height = 48;
+  p.crop = 16;
+  p.frames = 4;
+  p.drive = le::forge::DriveMedia::None;
+  p.extraMembers = le::forge::audioMembers(p, o);
+  return le::forge::forgeBundle(d / name, p).dir;
+}
+
+// Every frame of a closed utterance pushed in one piece: target, driven and width rows.
+struct Pulled {
+  std::vector<int> si;
+  std::vector<float> target, driven, wn;
+  int frames = 0;
+};
+inline Pulled pullAll(le_a2x* h, const std::vector<float>& audio) {
+  le_a2x_push(h, audio.data(), static_cast<int>(audio.size()));
+  le_a2x_finish(h);
+  Pulled r;
+  const int n = le_a2x_total(h);
+  r.si.resize(static_cast<size_t>(n));
+  r.target.resize(size_t(n) * 63);
+  r.driven.resize(size_t(n) * 63);
+  r.wn.resize(size_t(n));
+  r.frames = le_a2x_pull_wn(h, r.si.data(), r.target.data(), r.driven.data(), r.wn.data(), n);
+  return r;
+}
+
+// Gap between the inner lips (rows 19 and 20) that the deltas add to the target.
+inline double lipOpening(const float* target, const float* driven) {
+  return double(driven[61] - target[61]) - double(driven[58] - target[58]);
+}
+
+}  // namespace le::testa2x

@@ -1,0 +1,234 @@
+// A plain-loop reference of the audio-to-expression stream over a bundle's members, written
+// from the formulas (window placement, normalisation, half rounding, chunks, mask, positional
+// rows, decoder) with its own ONNX Runtime sessions, for closed utterances.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <iterator>
+#include <cstdio>
+#include <fstream>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "le/render/le_ort.h"
+
+namespace le::testa2x {
+
+inline float half(float x) { return static_cast<float>(static_cast<_Float16>(x)); }
+
+inline std::vector<float> rawFloats(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::vector<char> b((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+  std::vector<float> v(b.size() / 4);
+  std::memcpy(v.data(), b.data(), v.size() * 4);
+  return v;
+}
+
+class Reference {
+ public:
+  // Members of bundle dir; the 8 s encoder at w2v, its pair beside it (when present).
+  Reference(const std::string& dir, const std::string& w2v, int window, int left, int layers,
+            const std::string& trunk = "", const std::string& head = "")
+      : window_(window), left_(left), la_(window * layers), lc_(left * layers) {
+    le::ortApi();
+    env_ = std::make_unique<Ort::Env>(ORT_LOGGING_LEVEL_WARNING, "ref");
+    Ort::SessionOptions o;
+    o.SetIntraOpNumThreads(1);
+    auto open = [&](const std::string& p) { return std::make_unique<Ort::Session>(*env_, p.c_str(), o); };
+    w2v_ = open(w2v);
+    if (!trunk.empty()) {
+      trunk_ = open(trunk);
+      head_ = open(head);
+    }
+    enc_ = open(dir + "/a2x_enc_stream.onnx");
+    dec_ = open(dir + "/a2x_dec.onnx");
+    width_ = enc_->GetOutputCount() >= 2;
+    pos_ = rawFloats(dir + "/a2x_pos.f32");
+    const std::vector<float> norm = rawFloats(dir + "/a2x_norm.f32");
+    mean_.assign(norm.begin(), norm.begin() + 63);
+    scale_.assign(norm.begin() + 63, norm.begin() + 126);
+    h_ = static_cast<int>(enc_->GetOutputTypeInfo(0).GetTensorTypeAndShapeInfo().GetShape().back());
+  }
+
+  int hidden() const { return h_; }
+
+  // (x - mean) / sqrt(var + 1e-7): statistics in double, the root in float.
+  static void normalise(std::vector<float>& x) {
+    double s = 0, ss = 0;
+    for (float v : x) s += v;
+    const double m = s / double(x.size());
+    for (float v : x) ss += (v - m) * (v - m);
+    const float inv = 1.0f / std::sqrt(float(ss / double(x.size()) + 1e-7));
+    for (float& v : x) v = float((v - m) * inv);
+  }
+
+  // The 8 s encoder's 12 x 200 x 768 output over audio[640 w, 640 w + 128000).
+  std::vector<float> window8(const std::vector<float>& audio, int w) const {
+    std::vector<float> x(128000, 0.0f);
+    for (size_t i = 0; i < x.size() && size_t(w) * 640 + i < audio.size(); ++i) x[i] = audio[size_t(w) * 640 + i];
+    normalise(x);
+    return run1(*w2v_, "input_values", x, {1, 128000}, "audio_emb");
+  }
+
+  // Feature frames of a closed utterance through the 8 s window.
+  std::vector<float> featuresLegacy(const std::vector<float>& audio) const {
+    const int frames = static_cast<int>((audio.size() + 639) / 640);
+    std::vector<float> feat(size_t(frames) * 9216);
+    int filled = 0;
+    for (int w = 0; w < frames; w += 100) {
+      const std::vector<float> e = window8(audio, w);
+      for (int f = std::max(filled, w > 0 ? w + 50 : 0); f < std::min(frames, w + 200); ++f)
+        for (int l = 0; l < 12; ++l)
+          for (int c = 0; c < 768; ++c)
+            feat[size_t(f) * 9216 + size_t(l) * 768 + c] = half(e[(size_t(l) * 200 + size_t(f - w)) * 768 + c]);
+      filled = std::min(frames, w + 200);
+    }
+    return feat;
+  }
+
+  // Feature frames of a closed utterance through the trunk/head pair, trunk right context tr.
+  std::vector<float> featuresWindowed(const std::vector<float>& audio, int tr = 12) const {
+    const int frames = static_cast<int>((audio.size() + 639) / 640);
+    std::vector<float> feat;
+    for (int p = 0; p < frames; p += 8) {
+      const long E = 640L * (p + 8 + tr), start = E - 32000;
+      std::vector<float> x(32000);
+      for (long i = 0; i < 32000; ++i) {
+        const long k = start + i;
+        x[size_t(i)] = k >= 0 && k < long(audio.size()) ? audio[size_t(k)] : 0.0f;
+      }
+      normalise(x);
+      Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+      const int64_t shape[2] = {1, 32000};
+      Ort::Value in = Ort::Value::CreateTensor<float>(mem, x.data(), x.size(), shape, 2);
+      Ort::AllocatorWithDefaultOptions alloc;
+      const std::string outName = trunk_->GetOutputNameAllocated(0, alloc).get();
+      const char* inN = "input_values";
+      const char* outN = outName.c_str();
+      std::vector<Ort::Value> out = trunk_->Run(Ort::RunOptions{nullptr}, &inN, &in, 1, &outN, 1);
+      const long LT = long(out[0].GetTensorTypeAndShapeInfo().GetShape()[2]);
+      const _Float16* t = reinterpret_cast<const _Float16*>(out[0].GetTensorRawData());
+      std::vector<float> hx(8 * 640);
+      for (int j = 0; j < 8; ++j) {
+        const int f = p + j, k = f <= 199 ? 0 : (f / 100 - 1) * 100;
+        const double u = double(640L * k - start) / 80.0 + double(f - k) * 1598.0 / 199.0;
+        const long i0 = long(std::floor(u)), i1 = std::min(i0 + 1, LT - 1);
+        const double a = u - std::floor(u);
+        for (int c = 0; c < 640; ++c)
+          hx[size_t(j) * 640 + c] = half(float(double(float(t[c * LT + i0])) * (1 - a) + double(float(t[c * LT + i1])) * a));
+      }
+      const std::vector<float> emb = run1(*head_, "x", hx, {8, 640}, "emb");
+      for (float v : emb) feat.push_back(half(v));
+    }
+    feat.resize(size_t(frames) * 9216);
+    return feat;
+  }
+
+  // Encoder rows (and widths) of every frame: chunks of `chunk` frames, clipped at the table's
+  // end when clip is set.
+  void encode(const std::vector<float>& feat, int frames, int chunk, bool clip, std::vector<float>& enc,
+              std::vector<float>& wn) const {
+    const int P = static_cast<int>(pos_.size() / size_t(h_));
+    enc.assign(size_t(frames) * h_, 0.0f);
+    wn.assign(size_t(frames), 0.0f);
+    for (int s = 0; s < frames;) {
+      const int b = std::max(0, s - lc_);
+      int e = std::min(frames, s + chunk), x = std::min(frames, e + la_);
+      if (clip && s < P) {
+        e = std::min(e, P);
+        x = std::min(x, P);
+      }
+      const int L = x - b;
+      std::vector<float> f(feat.begin() + long(b) * 9216, feat.begin() + long(x) * 9216);
+      std::vector<float> pw(size_t(L) * h_), mask(size_t(L) * L);
+      for (int k = 0; k < L; ++k) {
+        int row = b + k;
+        while (row >= P) row -= P - P / 2;  // beyond the table: around its second half again
+        for (int d = 0; d < h_; ++d) pw[size_t(k) * h_ + d] = pos_[size_t(row) * h_ + d];
+      }
+      for (int r = 0; r < L; ++r)
+        for (int j = 0; j < L; ++j)
+          mask[size_t(r) * L + j] = (j - r > window_ || r - j > left_) ? -std::numeric_limits<float>::infinity() : 0.0f;
+      Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+      const int64_t fs[4] = {1, L, 12, 768}, ps[3] = {1, L, h_}, ms[4] = {1, 1, L, L};
+      Ort::Value in[3] = {Ort::Value::CreateTensor<float>(mem, f.data(), f.size(), fs, 4),
+                          Ort::Value::CreateTensor<float>(mem, pw.data(), pw.size(), ps, 3),
+                          Ort::Value::CreateTensor<float>(mem, mask.data(), mask.size(), ms, 4)};
+      const char* inN[3] = {"feat", "pos_window", "attn"};
+      Ort::AllocatorWithDefaultOptions alloc;
+      const std::string o0 = enc_->GetOutputNameAllocated(0, alloc).get();
+      const std::string o1 = width_ ? enc_->GetOutputNameAllocated(1, alloc).get() : "";
+      const char* outN[2] = {o0.c_str(), o1.c_str()};
+      std::vector<Ort::Value> out = enc_->Run(Ort::RunOptions{nullptr}, inN, in, 3, outN, width_ ? 2 : 1);
+      const float* r = out[0].GetTensorData<float>();
+      for (int t = s; t < e; ++t)
+        for (int d = 0; d < h_; ++d) enc[size_t(t) * h_ + d] = r[size_t(t - b) * h_ + d];
+      if (width_)
+        for (int t = s; t < e; ++t) wn[size_t(t)] = out[1].GetTensorData<float>()[t - b];
+      s = e;
+    }
+  }
+
+  // De-normalised deltas of every frame from the decoder state (prev, hidden), which it advances.
+  std::vector<float> decode(const std::vector<float>& enc, int frames, std::vector<float>& prev,
+                            std::vector<float>& hid) const {
+    std::vector<float> out(size_t(frames) * 63);
+    Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+    for (int t = 0; t < frames; ++t) {
+      std::vector<float> ctx(enc.begin() + long(t) * h_, enc.begin() + long(t + 1) * h_);
+      const int64_t cs[2] = {1, h_}, ps[2] = {1, 63}, hs[3] = {1, 1, h_};
+      Ort::Value in[3] = {Ort::Value::CreateTensor<float>(mem, ctx.data(), ctx.size(), cs, 2),
+                          Ort::Value::CreateTensor<float>(mem, prev.data(), prev.size(), ps, 2),
+                          Ort::Value::CreateTensor<float>(mem, hid.data(), hid.size(), hs, 3)};
+      const char* inN[3] = {"ctx_t", "prev", "h"};
+      const char* outN[2] = {"m", "h_out"};
+      std::vector<Ort::Value> o = dec_->Run(Ort::RunOptions{nullptr}, inN, in, 3, outN, 2);
+      const float* m = o[0].GetTensorData<float>();
+      const float* hn = o[1].GetTensorData<float>();
+      for (int k = 0; k < 63; ++k) {
+        prev[size_t(k)] = m[k];
+        out[size_t(t) * 63 + k] = m[k] * scale_[size_t(k)] + mean_[size_t(k)];
+      }
+      for (int d = 0; d < h_; ++d) hid[size_t(d)] = hn[d];
+    }
+    return out;
+  }
+
+  // The decoder state after n frames of silence features (the 8 s encoder on zeros).
+  void prime(int n, std::vector<float>& prev, std::vector<float>& hid) const {
+    const std::vector<float> zero = window8(std::vector<float>(128000, 0.0f), 0);
+    std::vector<float> feat(size_t(n) * 9216);
+    for (int f = 0; f < n; ++f)
+      for (int l = 0; l < 12; ++l)
+        for (int c = 0; c < 768; ++c)
+          feat[size_t(f) * 9216 + size_t(l) * 768 + c] = half(zero[(size_t(l) * 200 + size_t(f)) * 768 + c]);
+    std::vector<float> enc, wn;
+    encode(feat, n, n, false, enc, wn);
+    prev.assign(63, 0.0f);
+    hid.assign(size_t(h_), 0.0f);
+    decode(enc, n, prev, hid);
+  }
+
+ private:
+  std::vector<float> run1(Ort::Session& s, const char* inName, std::vector<float> x,
+                          std::vector<int64_t> shape, const char* outName) const {
+    Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+    Ort::Value in = Ort::Value::CreateTensor<float>(mem, x.data(), x.size(), shape.data(), shape.size());
+    std::vector<Ort::Value> out = s.Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &outName, 1);
+    const float* p = out[0].GetTensorData<float>();
+    return std::vector<float>(p, p + out[0].GetTensorTypeAndShapeInfo().GetElementCount());
+  }
+
+  int window_, left_, la_, lc_;
+  int h_ = 0;
+  bool width_ = false;
+  std::unique_ptr<Ort::Env> env_;
+  std::unique_ptr<Ort::Session> w2v_, trunk_, head_, enc_, dec_;
+  std::vector<float> pos_, mean_, scale_;
+};
+
+}  // namespace le::testa2x

@@ -1,0 +1,383 @@
+// The audio-to-expression stream on the windowed speech frontend (the forged bundles carry the
+// trunk/head pair beside their 8 s encoder, so this process serves the windowed path; the
+// offline entry point always uses the 8 s window).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tests/a2x_fixture.h"
+#include "tests/a2x_reference.h"
+#include "tests/support/media.h"
+
+namespace {
+
+using le::forge::AudioOptions;
+using le::testa2x::forgeAudioBundle;
+using le::testa2x::longSpeech;
+using le::testa2x::Pulled;
+using le::testa2x::pullAll;
+using le::testa2x::Reference;
+using le::testing::ScratchDir;
+using le::testmedia::ScopedEnv;
+
+struct Handle {
+  le_a2x* h;
+  explicit Handle(const std::string& dir, int threads = 1) : h(le_a2x_create(dir.c_str(), threads)) {}
+  ~Handle() { le_a2x_destroy(h); }
+  operator le_a2x*() const { return h; }
+};
+
+std::string w2vOf(const std::string& dir) { return dir + "/" + le::forge::kW2vMember; }
+
+Reference referenceOf(const std::string& dir, const AudioOptions& o = {}) {
+  return Reference(dir, w2vOf(dir), o.window, o.left, o.layers,
+                   dir + "/w2v/audio_encoder_fp16_window_trunk.onnx",
+                   dir + "/w2v/audio_encoder_fp16_window_head.onnx");
+}
+
+double maxAbsDiff(const std::vector<float>& a, const std::vector<float>& b) {
+  double m = a.size() == b.size() ? 0 : INFINITY;
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) m = std::max(m, double(std::fabs(a[i] - b[i])));
+  return m;
+}
+
+std::vector<float> deltasOf(const Pulled& p) {
+  std::vector<float> d(p.driven.size());
+  for (size_t i = 0; i < d.size(); ++i) d[i] = p.driven[i] - p.target[i];
+  return d;
+}
+
+// Streamed pulls and offline deltas against the plain-loop reference, on a clip longer than
+// an 8 s window and than the positional table; and how close the two frontends' features are.
+TEST(A2x, StreamAndOfflineAgreeWithReference) {
+  ScratchDir d("a2x_ref");
+  AudioOptions o;
+  o.width = true;
+  const std::string dir = forgeAudioBundle(d, "b", o);
+  ScopedEnv w2v("W2V_ONNX", w2vOf(dir).c_str());
+  const std::vector<float>& audio = longSpeech();
+  const int frames = static_cast<int>((audio.size() + 639) / 640);
+  ASSERT_GT(frames, 200);
+  ASSERT_GT(frames, o.posRows);
+
+  Handle h(dir);
+  ASSERT_TRUE(h.h) << le_a2x_last_error();
+  EXPECT_EQ(le_a2x_width(h), 1);
+  EXPECT_EQ(le_a2x_total(h), -1);
+  const Pulled p = pullAll(h, audio);
+  ASSERT_EQ(p.frames, frames) << le_a2x_last_error();
+
+  const Reference ref = referenceOf(dir, o);
+  std::vector<float> enc, wn, prev(63, 0.0f), hid(size_t(ref.hidden()), 0.0f);
+  const std::vector<float> featW = ref.featuresWindowed(audio);
+  ref.encode(featW, frames, 64, true, enc, wn);
+  const std::vector<float> want = ref.decode(enc, frames, prev, hid);
+  EXPECT_LT(maxAbsDiff(deltasOf(p), want), 1e-6);
+  EXPECT_LT(maxAbsDiff(p.wn, wn), 1e-6);
+
+  std::vector<float> out(static_cast<size_t>(frames) * 63), outWn(static_cast<size_t>(frames));
+  ASSERT_EQ(le_a2x_deltas_wn(h, audio.data(), int(audio.size()), out.data(), outWn.data(), frames), frames)
+      << le_a2x_last_error();
+  const std::vector<float> featL = ref.featuresLegacy(audio);
+  ref.encode(featL, frames, 24, false, enc, wn);
+  prev.assign(63, 0.0f);
+  hid.assign(size_t(ref.hidden()), 0.0f);
+  EXPECT_LT(maxAbsDiff(out, ref.decode(enc, frames, prev, hid)), 1e-6);
+  EXPECT_LT(maxAbsDiff(outWn, wn), 1e-6);
+
+  // The windowed pair reproduces the 8 s window's features. They differ by half rounding
+  // (features near 1 are 2^-11 apart) and by normalisation: the trunk scales audio by its 2 s
+  // window's level, the 8 s window by its own, which moves every log-energy feature by
+  // 2 ln(ratio of levels) / 9.21. Across this speech with its pauses the two windows'
+  // levels agree within about 15 % (0.03 in the feature); half rounding adds at most 2^-10.
+  double sum = 0, worst = 0;
+  size_t n = 0;
+  for (int f = 0; f < frames; ++f)
+    for (int k = 0; k < 17; ++k) {
+      const double dv = std::fabs(featW[size_t(f) * 9216 + k] - featL[size_t(f) * 9216 + k]);
+      sum += dv;
+      worst = std::max(worst, dv);
+      ++n;
+    }
+  const double mean = sum / double(n);
+  std::printf("windowed vs 8 s features: mean |diff| %.4f, max %.4f\n", mean, worst);
+  RecordProperty("feature_mean_abs_diff", std::to_string(mean));
+  EXPECT_LT(mean, 0.03);
+}
+
+// Pushing 100 samples at a time or a frame block at a time gives identical pulls, and frames
+// become ready in whole blocks, minus the encoder's look-ahead and the trunk's right context.
+TEST(A2x, PushSizeDoesNotChangePulls) {
+  ScratchDir d("a2x_push");
+  const std::string dir = forgeAudioBundle(d, "b");
+  ScopedEnv w2v("W2V_ONNX", w2vOf(dir).c_str());
+  const std::vector<float> audio(longSpeech().begin(), longSpeech().begin() + 40000);
+  auto run = [&](int step, bool checkCadence) {
+    Handle h(dir);
+    EXPECT_TRUE(h.h) << le_a2x_last_error();
+    Pulled r;
+    std::vector<int> si(64);
+    std::vector<float> t(64 * 63), dr(64 * 63);
+    auto drain = [&] {
+      le_a2x_avail(h);
+      int got;
+      while ((got = le_a2x_pull(h, si.data(), t.data(), dr.data(), 64)) > 0) {
+        r.si.insert(r.si.end(), si.begin(), si.begin() + got);
+        r.target.insert(r.target.end(), t.begin(), t.begin() + got * 63);
+        r.driven.insert(r.driven.end(), dr.begin(), dr.begin() + got * 63);
+      }
+    };
+    for (size_t at = 0; at < audio.size(); at += size_t(step)) {
+      const int n = static_cast<int>(std::min(audio.size() - at, size_t(step)));
+      EXPECT_EQ(le_a2x_push(h, audio.data() + at, n), 1);
+      drain();
+      if (checkCadence) {
+        // live horizon 8 * floor((S + 639) / 5120); held back: right context 12 + 8
+        const long S = long(at) + n;
+        const long ready = std::max(0L, 8 * ((S + 639) / 5120) - 20);
+        EXPECT_EQ(long(r.si.size()), ready) << "after " << S << " samples";
+      }
+    }
+    le_a2x_finish(h);
+    drain();
+    EXPECT_EQ(int(r.si.size()), le_a2x_total(h));
+    return r;
+  };
+  const Pulled small = run(100, true), block = run(5120, false);
+  EXPECT_EQ(small.si, block.si);
+  EXPECT_EQ(small.target, block.target);
+  EXPECT_EQ(small.driven, block.driven);  // bit for bit
+  EXPECT_EQ(small.si.size(), (audio.size() + 639) / 640);
+}
+
+// The lips open with the speech's loudness and stay as the source frame has them in silence.
+TEST(A2x, LipsFollowSpeechAndRestInSilence) {
+  ScratchDir d("a2x_lips");
+  const std::string dir = forgeAudioBundle(d, "b");
+  ScopedEnv w2v("W2V_ONNX", w2vOf(dir).c_str());
+  const std::vector<float>& audio = longSpeech();
+  Handle h(dir);
+  ASSERT_TRUE(h.h) << le_a2x_last_error();
+  const Pulled p = pullAll(h, audio);
+  const std::vector<double> rms = le::testmedia::frameRms(audio);
+  ASSERT_EQ(size_t(p.frames), rms.size());
+  double sx = 0, sy = 0, sxx = 0, syy = 0, sxy = 0, quietMax = 0, loudMean = 0;
+  int loud = 0;
+  for (int f = 0; f < p.frames; ++f) {
+    const double open = le::testa2x::lipOpening(&p.target[size_t(f) * 63], &p.driven[size_t(f) * 63]);
+    sx += rms[size_t(f)];
+    sy += open;
+    sxx += rms[size_t(f)] * rms[size_t(f)];
+    syy += open * open;
+    sxy += rms[size_t(f)] * open;
+    bool silent = true;  // no sound within 4 frames either side
+    for (int g = std::max(0, f - 4); g <= std::min(p.frames - 1, f + 4); ++g) silent &= rms[size_t(g)] < 1e-4;
+    if (silent) quietMax = std::max(quietMax, std::fabs(open));
+    if (rms[size_t(f)] > 0.1) {
+      loudMean += open;
+      ++loud;
+    }
+  }
+  const double N = p.frames;
+  const double corr = (sxy - sx * sy / N) / std::sqrt((sxx - sx * sx / N) * (syy - sy * sy / N));
+  std::printf("lip opening vs frame RMS: correlation %.3f; loud frames open %.4f on average\n", corr,
+              loudMean / std::max(1, loud));
+  RecordProperty("lip_rms_correlation", std::to_string(corr));
+  EXPECT_GT(corr, 0.5);
+  EXPECT_GT(loudMean / std::max(1, loud), 0.02);
+  EXPECT_LT(quietMax, 1e-3);
+
+  // Two seconds of digital silence: no lip moves at all.
+  le_a2x_reset(h, 0, 1, 1);
+  const Pulled s = pullAll(h, std::vector<float>(32000, 0.0f));
+  ASSERT_EQ(s.frames, 50);
+  for (int f = 0; f < s.frames; ++f)
+    EXPECT_EQ(le::testa2x::lipOpening(&s.target[size_t(f) * 63], &s.driven[size_t(f) * 63]), 0.0) << f;
+}
+
+// Source-frame walks: wrap, ping-pong, backwards, continuing across utterances, NT = 1.
+TEST(A2x, SourceIndexWalks) {
+  ScratchDir d("a2x_walk");
+  const std::string five = forgeAudioBundle(d, "nt5", {}, 5), one = forgeAudioBundle(d, "nt1", {}, 1);
+  ScopedEnv w2v("W2V_ONNX", w2vOf(five).c_str());
+  const std::vector<float> silence(12 * 640, 0.0f);
+  auto walk = [&](le_a2x* h, int n) {
+    le_a2x_push(h, silence.data(), int(silence.size()));
+    le_a2x_finish(h);
+    std::vector<int> si(static_cast<size_t>(n));
+    std::vector<float> t(size_t(n) * 63), dr(size_t(n) * 63);
+    EXPECT_EQ(le_a2x_pull(h, si.data(), t.data(), dr.data(), n), n);
+    return si;
+  };
+  Handle h(five);
+  ASSERT_TRUE(h.h) << le_a2x_last_error();
+  EXPECT_EQ(le_a2x_nt(h), 5);
+  EXPECT_EQ(walk(h, 12), (std::vector<int>{0, 1, 2, 3, 4, 0, 1, 2, 3, 4, 0, 1}));
+  le_a2x_reset(h, 0, 1, 0);
+  EXPECT_EQ(walk(h, 12), (std::vector<int>{0, 1, 2, 3, 4, 3, 2, 1, 0, 1, 2, 3}));
+  le_a2x_reset(h, 2, -1, 1);
+  EXPECT_EQ(walk(h, 6), (std::vector<int>{2, 1, 0, 4, 3, 2}));
+  le_a2x_reset(h, 0, 1, 1);
+  walk(h, 7);
+  le_a2x_reset(h, -1, 1, 1);  // continues the walk: the next frame would have been index 2
+  EXPECT_EQ(walk(h, 3), (std::vector<int>{2, 3, 4}));
+  le_a2x_reset(h, 3, 1, 0);
+  walk(h, 5);  // 3 4 3 2 1, next 0
+  le_a2x_reset(h, -1, -1, 0);
+  EXPECT_EQ(walk(h, 3), (std::vector<int>{0, 1, 2}));  // 0, then -1 mirrors to 1
+
+  // The target row is the identity's row of that source index.
+  le_a2x_reset(h, 0, 1, 1);
+  le_a2x_push(h, silence.data(), int(silence.size()));
+  le_a2x_finish(h);
+  std::vector<int> si(5);
+  std::vector<float> t(5 * 63), dr(5 * 63);
+  ASSERT_EQ(le_a2x_pull(h, si.data(), t.data(), dr.data(), 5), 5);
+  le::forge::Params p;
+  p.nt = 5;
+  p.width = 64;
+  p.height = 48;
+  p.crop = 16;
+  p.frames = 4;
+  for (int f = 0; f < 5; ++f)
+    EXPECT_EQ(std::vector<float>(t.begin() + f * 63, t.begin() + (f + 1) * 63), le::forge::keypoints(p, si[size_t(f)]));
+
+  Handle single(one);
+  ASSERT_TRUE(single.h) << le_a2x_last_error();
+  le_a2x_reset(single, 0, -1, 0);
+  EXPECT_EQ(walk(single, 4), (std::vector<int>{0, 0, 0, 0}));
+}
+
+// Silence priming: the decoder starts (and restarts after reset) from its state after N frames
+// of the 8 s encoder's silence, in the stream and offline.
+TEST(A2x, SilencePrimingStartsFromSilence) {
+  ScratchDir d("a2x_prime");
+  const std::string dir = forgeAudioBundle(d, "b");
+  ScopedEnv w2v("W2V_ONNX", w2vOf(dir).c_str());
+  ScopedEnv prime("LE_A2X_SILENCE_PRIME", "8");
+  ::testing::internal::CaptureStderr();
+  Handle h(dir);
+  const std::string err = ::testing::internal::GetCapturedStderr();
+  ASSERT_TRUE(h.h) << le_a2x_last_error();
+  EXPECT_NE(err.find("[le_a2x] silence-primed AR state cached (8 frames)\n"), std::string::npos) << err;
+
+  const std::vector<float> audio(longSpeech().begin(), longSpeech().begin() + 16000);
+  const int frames = 25;
+  const Reference ref = referenceOf(dir);
+  std::vector<float> prev, hid, enc, wn;
+  ref.prime(8, prev, hid);
+  std::vector<float> p0 = prev, h0 = hid;
+  ref.encode(ref.featuresWindowed(audio), frames, 64, true, enc, wn);
+  const std::vector<float> want = ref.decode(enc, frames, p0, h0);
+  const Pulled first = pullAll(h, audio);
+  ASSERT_EQ(first.frames, frames);
+  EXPECT_LT(maxAbsDiff(deltasOf(first), want), 1e-6);
+  le_a2x_reset(h, 0, 1, 1);
+  EXPECT_EQ(pullAll(h, audio).driven, first.driven);
+
+  std::vector<float> out(size_t(frames) * 63);
+  ASSERT_EQ(le_a2x_deltas(h, audio.data(), int(audio.size()), out.data(), frames), frames);
+  ref.encode(ref.featuresLegacy(audio), frames, 24, false, enc, wn);
+  EXPECT_LT(maxAbsDiff(out, ref.decode(enc, frames, prev, hid)), 1e-6);
+}
+
+// Refusals with their exact texts, and every entry point with null or negative arguments.
+TEST(A2x, RefusalsAndBadArguments) {
+  ScratchDir d("a2x_bad");
+  const std::string dir = forgeAudioBundle(d, "b");
+  ScopedEnv w2v("W2V_ONNX", w2vOf(dir).c_str());
+  auto refusal = [](const std::string& bundle) {
+    le_a2x* h = le_a2x_create(bundle.c_str(), 1);
+    le_a2x_destroy(h);
+    return h ? std::string("(accepted)") : std::string(le_a2x_last_error());
+  };
+  auto write = [](const std::string& path, const std::string& bytes) { le::testing::writeFile(path, bytes); };
+
+  EXPECT_EQ(le_a2x_create(nullptr, 1), nullptr);
+  EXPECT_STREQ(le_a2x_last_error(), "le_a2x_create: NULL bundle_dir");
+  const std::string noMeta = forgeAudioBundle(d, "nometa");
+  std::remove((noMeta + "/a2x_meta.json").c_str());
+  EXPECT_EQ(refusal(noMeta), "le_a2x_create: a2x_meta.json missing in " + noMeta);
+  const std::string causal = forgeAudioBundle(d, "causal");
+  write(causal + "/a2x_meta.json", "{\"h\": 32, \"left\": 6, \"layers\": 2}");
+  EXPECT_EQ(refusal(causal), "le_a2x_create: meta lacks causal window/left (not a streaming a2x)");
+  const std::string shortPos = forgeAudioBundle(d, "pos");
+  write(shortPos + "/a2x_pos.f32", std::string(4 * 63, '\0'));  // fewer than 2 rows of 32
+  EXPECT_EQ(refusal(shortPos), "le_a2x_create: pos/norm/xs_target read failed");
+  const std::string shortNorm = forgeAudioBundle(d, "norm");
+  write(shortNorm + "/a2x_norm.f32", std::string(4 * 125, '\0'));
+  EXPECT_EQ(refusal(shortNorm), "le_a2x_create: pos/norm/xs_target read failed");
+  const std::string noTargets = forgeAudioBundle(d, "xs");
+  std::remove((noTargets + "/xs_target.bin").c_str());
+  EXPECT_EQ(refusal(noTargets), "le_a2x_create: pos/norm/xs_target read failed");
+  const std::string badEnc = forgeAudioBundle(d, "enc");
+  write(badEnc + "/a2x_enc_stream.onnx", "not a model");
+  EXPECT_EQ(refusal(badEnc).rfind("le_a2x_create: ", 0), 0u);
+  EXPECT_GT(refusal(badEnc).size(), std::string("le_a2x_create: ").size());
+  {
+    ScopedEnv none("W2V_ONNX", nullptr);
+    EXPECT_EQ(refusal(dir), "le_a2x_create: $W2V_ONNX not set");
+  }
+  // The graph wins over the meta's width, with a warning.
+  const std::string liar = forgeAudioBundle(d, "liar");
+  write(liar + "/a2x_meta.json", "{\"h\": 32, \"window\": 1, \"left\": 6, \"layers\": 2, \"width\": 1}");
+  ::testing::internal::CaptureStderr();
+  Handle lying(liar);
+  EXPECT_NE(::testing::internal::GetCapturedStderr().find(
+                "[le_a2x] WARNING: a2x_meta width=1 but the encoder declares 1 output(s) — serving "
+                "the GRAPH (width=0). Repackage this bundle.\n"),
+            std::string::npos);
+  ASSERT_TRUE(lying.h);
+  EXPECT_EQ(le_a2x_width(lying), 0);
+
+  // null handles and pointers, negative counts
+  int si[4];
+  float t[4 * 63], dr[4 * 63], wn[4] = {7, 7, 7, 7};
+  const float sample = 0.5f;
+  EXPECT_EQ(le_a2x_push(nullptr, &sample, 1), 0);
+  EXPECT_STREQ(le_a2x_last_error(), "le_a2x_push: NULL handle");
+  EXPECT_EQ(le_a2x_avail(nullptr), 0);
+  EXPECT_EQ(le_a2x_pull(nullptr, si, t, dr, 4), 0);
+  EXPECT_STREQ(le_a2x_last_error(), "le_a2x_pull: bad args");
+  EXPECT_EQ(le_a2x_total(nullptr), -1);
+  EXPECT_EQ(le_a2x_nt(nullptr), 0);
+  EXPECT_EQ(le_a2x_width(nullptr), 0);
+  EXPECT_EQ(le_a2x_deltas(nullptr, &sample, 1, t, 4), -1);
+  le_a2x_finish(nullptr);
+  le_a2x_reset(nullptr, 0, 1, 1);
+  le_a2x_set_eager(nullptr, 1);
+  le_a2x_destroy(nullptr);
+
+  Handle h(dir);
+  ASSERT_TRUE(h.h) << le_a2x_last_error();
+  EXPECT_EQ(le_a2x_push(h, nullptr, 10), 0);
+  EXPECT_STREQ(le_a2x_last_error(), "le_a2x_push: NULL samples");
+  EXPECT_EQ(le_a2x_push(h, nullptr, -5), 1);
+  EXPECT_EQ(le_a2x_push(h, &sample, 0), 1);
+  EXPECT_EQ(le_a2x_pull(h, nullptr, t, dr, 4), 0);
+  EXPECT_EQ(le_a2x_pull(h, si, nullptr, dr, 4), 0);
+  EXPECT_EQ(le_a2x_pull(h, si, t, nullptr, 4), 0);
+  le_a2x_push(h, longSpeech().data(), 3000);
+  le_a2x_finish(h);
+  EXPECT_EQ(le_a2x_total(h), 5);
+  EXPECT_EQ(le_a2x_pull(h, si, t, dr, -1), 0);
+  EXPECT_EQ(le_a2x_pull_wn(h, si, t, dr, wn, 4), 4);
+  EXPECT_EQ(std::vector<float>(wn, wn + 4), std::vector<float>(4, 0.0f));  // no width output
+  EXPECT_EQ(le_a2x_pull(h, si, t, dr, 4), 1);
+  EXPECT_EQ(le_a2x_pull(h, si, t, dr, 4), 0);
+
+  std::vector<float> out(4 * 63, 7.0f);
+  EXPECT_EQ(le_a2x_deltas(h, longSpeech().data(), -1, out.data(), 4), 0);
+  EXPECT_EQ(le_a2x_deltas(h, longSpeech().data(), 3000, out.data(), 4), -2);
+  EXPECT_EQ(out, std::vector<float>(4 * 63, 7.0f));  // nothing written
+  EXPECT_EQ(le_a2x_deltas(h, nullptr, 3000, out.data(), 5), -1);
+  EXPECT_STREQ(le_a2x_last_error(), "le_a2x_deltas: bad args");
+  EXPECT_EQ(le_a2x_deltas_wn(h, longSpeech().data(), 3000, out.data(), wn, 4), -3);
+  EXPECT_STREQ(le_a2x_last_error(), "le_a2x_deltas_wn: encoder declares no wn output");
+  EXPECT_EQ(le_a2x_w2v8_lazy(), 1);
+}
+
+}  // namespace
