@@ -6,6 +6,7 @@
 #include <string>
 
 #include "le/le.h"
+#include "le/le_a2x.h"
 #include "tools/forge/forge_movie.h"
 
 namespace le::cli {
@@ -13,13 +14,23 @@ namespace le::cli {
 struct CtxDeleter {
   void operator()(le_ctx* c) const { le_destroy(c); }
 };
+struct UttDeleter {
+  void operator()(le_utt* u) const { le_utt_destroy(u); }
+};
 using CtxPtr = std::unique_ptr<le_ctx, CtxDeleter>;
+using UttPtr = std::unique_ptr<le_utt, UttDeleter>;
 
 // The context family's last error, never empty.
 std::string engineError();
 
 // A context on bundle with director model_KEY.onnx; throws the engine's message.
 CtxPtr openContext(const std::string& bundle, const std::string& key, int threads, const std::string& ep = "");
+
+// The speech pipeline of a host: W2V_ONNX defaults to the bundle's own speech encoder, the
+// keypoint source to the bundle's own (its stream, else its motion/ directory). Waits until the keypoint source is
+// ready (the pipeline discards audio pushed before), printing a line while it warms up when
+// chatty. Throws the pipeline's message.
+UttPtr openSpeech(le_ctx* ctx, const std::string& bundle, const std::string& motionDir, bool chatty);
 
 // The tool's H.264 settings (4:2:0, 25 fps) for WxH frames; throws when a side is odd.
 forge::MovieSpec h264Spec(int width, int height, int crf);

@@ -25,6 +25,8 @@ const Command kCommands[] = {
     {"pack", le::cli::cmdPack, "pack a bundle directory into a container"},
     {"paste", le::cli::cmdPaste, "paste the prior crops into the drive frames, write an MP4"},
     {"frame", le::cli::cmdFrame, "render one frame with the director and write it as PNG"},
+    {"speak", le::cli::cmdSpeak, "the person speaks an audio file: an MP4 with its sound"},
+    {"live", le::cli::cmdLive, "speak live: PCM on standard input, YUV4MPEG2 on standard output"},
 };
 
 void usage(FILE* out) {
