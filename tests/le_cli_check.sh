@@ -107,5 +107,35 @@ if "$le" --help | grep -q "^  paste "; then
   one_line_error "le paste: " "le_create: manifest: key \"W\" is AMBIGUOUS"
 fi
 
+if "$le" --help | grep -q "^  speak "; then
+  # a sentence from espeak-ng as stereo 44.1 kHz WAV, and the same at 16 kHz mono raw
+  espeak-ng -w "$tmp/s.wav" "Hello there, this is a test." && sox "$tmp/s.wav" -r 44100 -c 2 "$tmp/st.wav" &&
+    sox "$tmp/st.wav" -r 16000 -c 1 -t raw -e signed -b 16 "$tmp/s.raw" || { echo "FAIL: espeak-ng or sox"; fails=$((fails + 1)); }
+  n=$(( $(stat -c %s "$tmp/s.raw") / 2 ))
+  speech=$(( (n + 639) / 640 ))
+  # "stream: FRAMES DURATION" of OUT's video and audio
+  probe() { ffprobe -v error -count_frames -show_entries stream=codec_type,nb_read_frames,duration -of csv=p=0 "$1" 2>/dev/null; }
+  # frames = lead-in + ceil(samples / 640) + ramp + tail; the AAC track lasts as long as the video
+  check_movie() {
+    local file="$1" want="$2" v a
+    v=$(probe "$file" | grep video); a=$(probe "$file" | grep audio)
+    [ "$(echo "$v" | cut -d, -f3)" = "$want" ] || { echo "FAIL: $file: video '$v', wanted $want frames"; fails=$((fails + 1)); }
+    awk -v v="$(echo "$v" | cut -d, -f2)" -v a="$(echo "$a" | cut -d, -f2)" 'BEGIN { d = v - a; exit !(a > 0 && d < 0.04 && d > -0.04) }' ||
+      { echo "FAIL: $file: video $v and audio $a durations differ by a frame or more"; fails=$((fails + 1)); }
+  }
+  expect 0 "speak a stereo 44.1 kHz WAV" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/s.mp4" --lead-in 0.2 --tail 0.4 --quiet
+  check_movie "$tmp/s.mp4" $((5 + speech + 6 + 10))
+  expect 0 "speak interrupted" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/i.mp4" --lead-in 0 --tail 0.2 --interrupt-at 0.8 --quiet
+  check_movie "$tmp/i.mp4" $((20 + 4 + 5))
+  expect 1 "speak a file that is not audio" -- "$le" speak "$tmp/b" "$tmp/b/manifest.json" -o "$tmp/x.mp4"
+  one_line_error "le speak: " "$tmp/b/manifest.json: "
+  expect 2 "speak with an interrupt past the end" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/x.mp4" --interrupt-at 60
+  one_line_error "le speak: " "--interrupt-at wants a time inside the speech"
+  # live: every pushed sample spoken once, then the ramp, at the asked size
+  "$le" live "$tmp/b" --size 64x48 <"$tmp/s.raw" >"$tmp/l.y4m" 2>"$tmp/err"
+  grep -qF "($speech speech, 6 ramp," "$tmp/err" || { echo "FAIL: le live, wanted $speech speech frames:"; sed 's/^/  /' "$tmp/err"; fails=$((fails + 1)); }
+  head -c 40 "$tmp/l.y4m" | grep -q "^YUV4MPEG2 W64 H48 F25:1" || { echo "FAIL: le live wrote no 64x48 YUV4MPEG2 stream"; fails=$((fails + 1)); }
+fi
+
 if [ "$fails" != 0 ]; then echo "$fails failure(s)"; exit 1; fi
 echo "le tool: all checks passed"
