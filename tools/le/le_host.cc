@@ -25,7 +25,7 @@ CtxPtr openContext(const std::string& bundle, const std::string& key, int thread
 namespace {
 
 // The speech encoder a bundle carries for its audio-to-expression stream.
-constexpr const char* kSpeechEncoder = "w2v.onnx";
+constexpr const char* kSpeechEncoder = "w2v/audio_encoder_fp16.onnx";
 
 // The bundle's own keypoint source: its audio-to-expression stream when it carries one, else
 // its motion directory.
