@@ -19,6 +19,7 @@
 #include "le/le_capi.h"
 #include "le/render/le_renderer.h"
 #include "tests/support/speech.h"
+#include "tests/support/utt_soak.h"
 #include "tools/forge/forge.h"
 
 namespace {
@@ -36,14 +37,7 @@ const std::string& bundle() {
     const char* t = std::getenv("LE_BENCH_TMP");
     const std::string d = std::string(t && *t ? t : "/tmp") + "/le_utt_bench_bundle";
     if (!fs::exists(d + "/motion/meta.json")) {
-      le::forge::Params p;
-      p.nt = 8;
-      p.frames = 8;
-      p.width = 1920;
-      p.height = 1080;
-      p.crop = 512;
-      p.directors = true;
-      p.motion = true;
+      le::forge::Params p = le::testmedia::uttBundleParams(1920, 1080, 512, 8);
       p.replace = true;
       le::forge::forgeBundle(d, p);
     }

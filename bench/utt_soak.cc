@@ -20,14 +20,7 @@ int main(int argc, char** argv) {
   const char* t = std::getenv("LE_BENCH_TMP");
   const std::string dir = std::string(t && *t ? t : "/tmp") + "/le_utt_soak_bundle";
   try {
-    le::forge::Params p;
-    p.nt = 8;
-    p.frames = 8;
-    p.width = 640;
-    p.height = 360;
-    p.crop = 256;
-    p.directors = true;
-    p.motion = true;
+    le::forge::Params p = le::testmedia::uttBundleParams(640, 360, 256, 8);
     p.replace = true;
     le::forge::forgeBundle(dir, p);
     le_ctx* ctx = le_create(dir.c_str(), "b1", 0, nullptr);

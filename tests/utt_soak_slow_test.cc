@@ -11,14 +11,7 @@
 
 TEST(UttSoak, ResidentMemoryStaysFlat) {
   le::testing::ScratchDir dir("utt_soak");
-  le::forge::Params p;
-  p.nt = 6;
-  p.width = 160;
-  p.height = 120;
-  p.crop = 64;
-  p.frames = 6;
-  p.directors = true;
-  p.motion = true;
+  const le::forge::Params p = le::testmedia::uttBundleParams(160, 120, 64, 6);
   le::forge::forgeBundle(dir / "b", p);
   le_ctx* ctx = le_create((dir / "b").c_str(), "b1", 2, nullptr);
   ASSERT_NE(ctx, nullptr) << le_last_error();

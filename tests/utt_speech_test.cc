@@ -16,6 +16,7 @@
 #include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
 #include "tests/support/speech.h"
+#include "tests/support/utt_soak.h"
 #include "tools/forge/forge.h"
 #include "tools/forge/forge_motion.h"
 
@@ -28,16 +29,9 @@ constexpr uint32_t kIdle = LE_UTT_KIND_IDLE, kSpeech = LE_UTT_KIND_SPEECH, kRamp
 
 struct Bundle {
   le::testing::ScratchDir dir{"utt_speech"};
-  le::forge::Params params;
+  le::forge::Params params = le::testmedia::uttBundleParams(96, 80, 64, 5);
   le_ctx* ctx = nullptr;
   Bundle() {
-    params.nt = 5;
-    params.width = 96;
-    params.height = 80;
-    params.crop = 64;
-    params.frames = 6;
-    params.directors = true;
-    params.motion = true;
     le::forge::forgeBundle(dir / "b", params);
     ctx = le_create((dir / "b").c_str(), "b1", 2, nullptr);
     if (!ctx) throw std::runtime_error(le_last_error());

@@ -12,6 +12,18 @@
 
 namespace le::testmedia {
 
+le::forge::Params uttBundleParams(int width, int height, int crop, int nt) {
+  le::forge::Params p;
+  p.nt = nt;
+  p.frames = nt;
+  p.width = width;
+  p.height = height;
+  p.crop = crop;
+  p.directors = true;
+  p.motion = true;
+  return p;
+}
+
 double residentMiB() {
   std::ifstream f("/proc/self/statm");
   size_t pages = 0, resident = 0;

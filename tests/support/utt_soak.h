@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "le/le_a2x.h"
+#include "tools/forge/forge.h"
 
 namespace le::testmedia {
 
@@ -17,6 +18,10 @@ struct SoakSample {
   uint64_t cycles = 0;
   uint64_t frames = 0, speechFrames = 0;
 };
+
+// Forge parameters of a speaking bundle: nt source and drive frames of width x height, the face
+// crop, the director members and the motion directory.
+le::forge::Params uttBundleParams(int width, int height, int crop, int nt);
 
 // Resident memory of this process (/proc/self/statm), in MiB.
 double residentMiB();
