@@ -17,6 +17,7 @@ apt_packages=(
   libonnx-testdata
   espeak-ng sox
   libopencv-dev
+  libfftw3-dev
   clang
 )
 

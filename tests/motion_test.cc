@@ -11,9 +11,12 @@
 #include <string>
 #include <vector>
 
+#include <hwy/targets.h>
+
 #include "le/audio/le_motion.h"
 #include "le/le_a2x.h"
 #include "le/le_bundle.h"
+#include "le/le_simd.h"
 #include "tests/bundle_fixture.h"
 #include "tests/onnx_ort.h"
 #include "tests/support/speech.h"
@@ -131,6 +134,16 @@ TEST(Motion, SpectrumAndMelMatchNaiveDftOnSpeech) {
     worst = std::max(worst, std::abs(acc - std::complex<double>(r2[k], i2[k])));
   }
   EXPECT_LT(worst, 2e-4);
+  // Every vector target gives the same bits.
+  const int64_t targets = le::simd::compiledTargets() & hwy::SupportedTargets();
+  for (int64_t t = targets; t; t &= t - 1) {
+    hwy::SetSupportedTargetsForTest(t & -t);
+    std::vector<float> r3 = re, i3 = im;
+    fft.forward(r3.data(), i3.data());
+    EXPECT_EQ(r3, r2) << hwy::TargetName(t & -t);
+    EXPECT_EQ(i3, i2) << hwy::TargetName(t & -t);
+  }
+  hwy::SetSupportedTargetsForTest(0);
 
   // Window 0 of speech through the dumps; the condition rows of the first frames.
   ScratchDir d("motion_mel");

@@ -218,24 +218,7 @@ void Fft512::forward(float* re, float* im) const {
       std::swap(im[i], im[r]);
     }
   }
-  for (int h = 1; h < kFftSize; h *= 2) {
-    const float* wr = stageCos_ + h;
-    const float* wi = stageSin_ + h;
-    for (int s = 0; s < kFftSize; s += 2 * h) {
-      float* ar = re + s;
-      float* ai = im + s;
-      float* br = ar + h;
-      float* bi = ai + h;
-      for (int k = 0; k < h; ++k) {
-        const float tr = br[k] * wr[k] - bi[k] * wi[k];
-        const float ti = br[k] * wi[k] + bi[k] * wr[k];
-        br[k] = ar[k] - tr;
-        bi[k] = ai[k] - ti;
-        ar[k] = ar[k] + tr;
-        ai[k] = ai[k] + ti;
-      }
-    }
-  }
+  fftButterflies(re, im, stageCos_, stageSin_);
 }
 
 void logMelWindow(const Fft512& fft, const float* window, const float* binmat, const float* audio,

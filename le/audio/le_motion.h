@@ -46,6 +46,10 @@ class Fft512 {
   uint16_t rev_[kFftSize];
 };
 
+// The butterfly stages of Fft512::forward over bit-reversed data, on the best vector target:
+// stage h (1, 2, ..., 256) takes its twiddles from stageCos/stageSin [h, 2h).
+void fftButterflies(float* re, float* im, const float* stageCos, const float* stageSin);
+
 // Log-mel of one feature window: audio holds kWindowSamples values (zeros where nothing was
 // pushed); mel receives 80 bands x 21 frames, band-major. window: 512 floats; binmat: 257 x 80.
 // Uses per-thread scratch; allocates nothing after the thread's first call.
