@@ -90,6 +90,25 @@ LE_API int le_a2x_w2v8_lazy(void);
 
 /* ==== le_fca: stream delta model ========================================================= */
 
+/* Offline audio-to-keypoint-delta model: a whole clip of float32 mono speech at 16 kHz becomes
+ * one row of 63 keypoint deltas per video frame of 640 samples. One thread at a time per
+ * handle. Errors: le_fca_last_error(), per thread, valid until the next le_fca call on it. */
+typedef struct le_fca le_fca;
+
+/* Opens the speech encoder (8 s windows, "input_values" -> "audio_emb") and the decoder
+ * (fca_stream.onnx) as sessions of their own. threads < 1 takes the engine's default budget.
+ * Returns a handle owned by the caller (free with le_fca_destroy), or null with
+ * le_fca_last_error() set ("le_fca_create: ..."). */
+LE_API le_fca* le_fca_create(const char* encoder_path, const char* decoder_path, int threads);
+/* Releases the handle (null is ignored). */
+LE_API void le_fca_destroy(le_fca* h);
+/* The calling thread's last le_fca message; never null, "" means no error. */
+LE_API const char* le_fca_last_error(void);
+/* Deltas of audio[0, n): frames = ceil(n / 640) rows of 63 floats into out (caller-owned,
+ * max_frames rows). Returns frames; 0 when n <= 0; -1 when frames > max_frames (nothing
+ * written) or on failure ("le_fca_deltas: ...", out may be partly written). */
+LE_API int le_fca_deltas(le_fca* h, const float* audio, int n, float* out, int max_frames);
+
 
 
 /* ==== le_motion: motion generator ======================================================== */
@@ -238,6 +257,38 @@ LE_API void le_utt_get_stats(le_utt* utt, le_utt_stats* stats);
 LE_API int le_utt_render_status(le_utt* utt, char* text, int capacity, uint64_t* count);
 
 /* ==== le_stream: offline stream renderer ================================================= */
+
+/* Renders a whole clip in one call: the clip's keypoint deltas (le_fca with the bundle's
+ * fca_stream.onnx), every frame rendered by the context's director and pasted into its drive
+ * frame, each full frame handed to the callback in order. Rendering runs on a thread of its
+ * own, overlapping pasting and delivery on the calling thread. One run at a time per handle.
+ * Errors: le_stream_last_error(), per thread. */
+typedef struct le_stream le_stream;
+
+/* Receives output frame frame_index: height x width x 3 RGB bytes, valid only during the call.
+ * Runs on the thread that called le_stream_run. The return value is ignored. */
+typedef int (*le_stream_frame_fn)(void* user, int frame_index, const uint8_t* rgb, int width,
+                                  int height);
+
+/* Opens the context (model key "render"), the delta model (encoder_path, bundle_dir +
+ * "/fca_stream.onnx") and the targets (xs_target.bin, NT x 63 float32). skip: leading clip
+ * frames not rendered; gain: scale of the deltas. threads < 1 takes the engine's default
+ * budget. Returns a handle owned by the caller (free with le_stream_destroy), or null with
+ * le_stream_last_error() set. */
+LE_API le_stream* le_stream_create(const char* bundle_dir, const char* encoder_path, int threads,
+                                   int skip, float gain);
+/* Releases the delta model and the context (null is ignored). */
+LE_API void le_stream_destroy(le_stream* s);
+/* The calling thread's last le_stream message; never null, "" means no error. */
+LE_API const char* le_stream_last_error(void);
+/* Full frame size; 0 for null. */
+LE_API int le_stream_width(const le_stream* s);
+LE_API int le_stream_height(const le_stream* s);
+/* Renders audio[0, n) (float32 mono, 16 kHz): ceil(n / 640) clip frames less skip, clip frame f
+ * showing source f mod NT driven by targets + gain x deltas. Returns the frames delivered, or
+ * -1 with le_stream_last_error() set (frames already delivered stay delivered). */
+LE_API int le_stream_run(le_stream* s, const float* audio, int n, le_stream_frame_fn callback,
+                         void* user);
 
 
 

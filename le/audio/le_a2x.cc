@@ -74,17 +74,6 @@ int metaBool(const std::string& text, const char* key) {
   return std::strtol(v, nullptr, 10) != 0;
 }
 
-// (x - mean) / sqrt(var + 1e-7) over n samples: statistics in double, the root in float.
-void normaliseWindow(float* x, size_t n) {
-  double sum = 0;
-  for (size_t i = 0; i < n; ++i) sum += x[i];
-  const double mean = sum / double(n);
-  double ss = 0;
-  for (size_t i = 0; i < n; ++i) ss += (x[i] - mean) * (x[i] - mean);
-  const float inv = 1.0f / std::sqrt(static_cast<float>(ss / double(n) + 1e-7));
-  for (size_t i = 0; i < n; ++i) x[i] = static_cast<float>((x[i] - mean) * inv);
-}
-
 // Rounds n floats to binary16 and back, through scratch.
 void roundHalf(const float* src, float* dst, size_t n, std::vector<uint16_t>& scratch) {
   if (scratch.size() < n) scratch.resize(n);

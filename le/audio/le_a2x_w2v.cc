@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -122,6 +123,17 @@ int64_t fileSize(const char* path) {
   struct stat st {};
   if (::stat(path, &st) != 0 || !canOpenForRead(path)) return -1;
   return static_cast<int64_t>(st.st_size);
+}
+
+// (x - mean) / sqrt(var + 1e-7) over n samples: statistics in double, the root in float.
+void normaliseWindow(float* x, size_t n) {
+  double sum = 0;
+  for (size_t i = 0; i < n; ++i) sum += x[i];
+  const double mean = sum / double(n);
+  double ss = 0;
+  for (size_t i = 0; i < n; ++i) ss += (x[i] - mean) * (x[i] - mean);
+  const float inv = 1.0f / std::sqrt(static_cast<float>(ss / double(n) + 1e-7));
+  for (size_t i = 0; i < n; ++i) x[i] = static_cast<float>((x[i] - mean) * inv);
 }
 
 std::unique_ptr<Ort::Session> openWithGeluFallback(Ort::Env& env, const std::string& path,

@@ -5,6 +5,7 @@
 // loaded once and live until the process ends, and may be run from several threads at once.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,6 +20,9 @@ namespace le::a2x {
 
 // Size of the file in bytes; -1 for null, empty or unopenable paths.
 int64_t fileSize(const char* path);
+
+// (x - mean) / sqrt(var + 1e-7) over n samples: statistics in double, the root in float.
+void normaliseWindow(float* x, size_t n);
 
 // Opens path with options; when ONNX Runtime refuses a float16 com.microsoft.Gelu produced by
 // its own fusion, says so and reopens at ORT_ENABLE_BASIC (options keeps that level).

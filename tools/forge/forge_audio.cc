@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "le/le_bundle.h"
+#include "tools/forge/forge_fca.h"
 #include "tools/forge/onnx_builder.h"
 
 namespace le::forge {
@@ -274,6 +275,7 @@ std::vector<Member> audioMembers(const Params& p, const AudioOptions& o) {
   };
   out.push_back({named("a2x_enc_stream.onnx"), streamEncoder(o)});
   out.push_back({named("a2x_dec.onnx"), streamDecoder()});
+  out.push_back({"fca_stream.onnx", fcaStreamDecoder()});
   return out;
 }
 
