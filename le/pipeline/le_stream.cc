@@ -85,6 +85,7 @@ int le_stream::run(const float* audio, int n, le_stream_frame_fn callback, void*
       for (int k = 0; k < kKp; ++k) driven[size_t(k)] = xs[k] + gain * d[k];
       const float* img = le_render_kp_crop(ctx.get(), s, xs, driven.data());
       if (!img) {
+        std::fprintf(stderr, "[le_stream] render of frame %d failed: %s\n", j, le_last_error());
         failed = true;
         break;
       }
@@ -110,6 +111,7 @@ int le_stream::run(const float* audio, int n, le_stream_frame_fn callback, void*
     // The renderer never writes slot j % 4 until it is released below.
     const float* img = ring.data() + size_t(j % kSlots) * cropFloats;
     const bool pasted = le_paste_crop(ctx.get(), source(j), img, frame.data(), frame.size()) == 1;
+    if (!pasted) std::fprintf(stderr, "[le_stream] paste of frame %d failed: %s\n", j, le_last_error());
     {
       std::lock_guard<std::mutex> lock(mu);
       if (!pasted) failed = true;
