@@ -1,12 +1,16 @@
 #include "le/render/le_renderer.h"
 
+#include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -98,6 +102,13 @@ Ort::Env makeEnv() {
   return Ort::Env(ORT_LOGGING_LEVEL_WARNING, "le");
 }
 
+// One precomputed boundary of the split director.
+struct ConeSlot {
+  int32_t source = -1;  // -1: empty or being written
+  std::vector<float> data;
+  Ort::Value value{nullptr};
+};
+
 }  // namespace
 
 struct Renderer::Impl {
@@ -127,6 +138,28 @@ struct Renderer::Impl {
   std::vector<const uint16_t*> pooledPtrs, priorPtrs;
   std::vector<uint16_t> halfPriorStaging;
 
+  // Source-cone split: the prep session and the ring the prefetch thread fills.
+  std::unique_ptr<Ort::Session> coneSession;
+  std::unique_ptr<Ort::IoBinding> coneBinding;
+  Ort::Value conePriorValue{nullptr};
+  Ort::RunOptions coneRunOptions;
+  std::string boundaryName;
+  int64_t boundaryDims[4] = {0, 0, 0, 0};
+  size_t boundaryElems = 0;
+  std::vector<std::unique_ptr<ConeSlot>> coneSlots;
+  std::thread prefetchThread;
+  std::mutex mutex;
+  std::condition_variable wake;
+  int32_t requestedSource = -1;
+  int32_t requestedSlot = -1;
+  int32_t inUseSlot = -1;
+  bool stop = false;
+  std::string coneError;
+  int32_t lastSource = -1;
+  int32_t step = 1;
+  bool wrapMode = false;
+  int64_t hits = 0, misses = 0;
+
   // What construction needs beyond the fields above.
   const Manifest* manifest = nullptr;
   std::string member;
@@ -138,10 +171,99 @@ struct Renderer::Impl {
   void bindTensors();
   void fillSlot(int k, int32_t si, const float* ks, const float* kd);
   void copySlot(int from, int to);
+  bool trySplit(const std::string& ep, bool warpMoved, const std::vector<uint8_t>& bytes,
+                std::vector<uint8_t>& perFrame);
+  void startCone();
+  int freeSlotL(int32_t si) const;
+  int holdingL(int32_t si) const;
+  int acquire(int32_t si);
+  void runPrepL(int32_t si, int slot, std::unique_lock<std::mutex>& lock);
+  void prefetchLoop();
+  int32_t predict(int32_t si);
 };
 
+// The split of the director at the one Concat that reads P_rgb; false (with its line printed)
+// leaves the director whole.
+bool Renderer::Impl::trySplit(const std::string& ep, bool warpMoved, const std::vector<uint8_t>& bytes,
+                              std::vector<uint8_t>& perFrame) {
+  const char* name = member.c_str();
+  if (startsWith(ep, "coreml") && !warpMoved) {
+    const std::string units = ep.size() > 7 ? ep.substr(7) : "all";
+    if (units == "all" || units == "gpu") {
+      std::fprintf(stderr,
+                   "[le] source-cone hoist NOT applied (%s): CoreML unit set '%s' can place the "
+                   "director on the GPU and the 12.58 MB boundary input would cross that partition "
+                   "every frame (measured 0.61x on an M4) — the cone stays in the graph\n",
+                   name, units.c_str());
+      return false;
+    }
+  }
+  if (warpMoved) {
+    std::fprintf(stderr,
+                 "[le] source-cone hoist SKIPPED (%s): the warp node subsumes the cone — there is "
+                 "nothing left to hoist\n",
+                 name);
+    return false;
+  }
+  if (!identity || (!identity->hasP() && identity->priorPath().empty()) || bytes.empty()) return false;
+
+  std::string reason;
+  try {
+    std::string boundary;
+    const int found = findSourceConeBoundary(bytes, boundary);
+    std::vector<uint8_t> prep;
+    if (found != 1) {
+      reason = "expected exactly one Concat consuming P_rgb, found " + std::to_string(found);
+    } else if (buildSourceConePrep(bytes, boundary, prep, reason)) {
+      Ort::SessionOptions opts;
+      opts.SetIntraOpNumThreads(1);
+      opts.SetInterOpNumThreads(1);
+      opts.SetGraphOptimizationLevel(ORT_ENABLE_ALL);
+      opts.AddConfigEntry("session.intra_op.allow_spinning", "0");
+      opts.AddConfigEntry("mlas.disable_kleidiai", "1");
+      coneSession = std::make_unique<Ort::Session>(env, prep.data(), prep.size(), opts);
+      const std::vector<int64_t> in =
+          coneSession->GetInputTypeInfo(0).GetTensorTypeAndShapeInfo().GetShape();
+      const std::vector<int64_t> outShape =
+          coneSession->GetOutputTypeInfo(0).GetTensorTypeAndShapeInfo().GetShape();
+      if (in.size() != 4 || in[0] != 1) {
+        reason = "batch-1 lever; this graph declares batch " + std::to_string(in.empty() ? 0 : in[0]);
+      } else if (outShape.size() != 4 ||
+                 std::any_of(outShape.begin(), outShape.end(), [](int64_t d) { return d <= 0; })) {
+        reason = "boundary shape is not static";
+      } else {
+        std::copy(outShape.begin(), outShape.end(), boundaryDims);
+        boundaryElems = 1;
+        for (int64_t d : outShape) boundaryElems *= static_cast<size_t>(d);
+        if (buildSourceConePerFrame(bytes, boundary, boundaryDims, 4, perFrame, reason)) {
+          session = std::make_unique<Ort::Session>(env, perFrame.data(), perFrame.size(), sessionOptions);
+          boundaryName = boundary;
+          std::fprintf(stderr,
+                       "[le] source-cone hoist: '%s' [%lld,%lld,%lld,%lld] leaves the per-frame "
+                       "graph and is prefetched per SOURCE FRAME on one spare core (%s)\n",
+                       boundaryName.c_str(), static_cast<long long>(boundaryDims[0]),
+                       static_cast<long long>(boundaryDims[1]), static_cast<long long>(boundaryDims[2]),
+                       static_cast<long long>(boundaryDims[3]), name);
+          return true;
+        }
+      }
+    }
+  } catch (const std::exception& e) {
+    reason = e.what();
+  }
+  session.reset();
+  coneSession.reset();
+  boundaryName.clear();
+  boundaryElems = 0;
+  std::fprintf(stderr, "[le] source-cone hoist NOT applied (%s): %s\n", name, reason.c_str());
+  return false;
+}
+
 void Renderer::Impl::createSession(const std::string& ep) {
-  // 1. No prep session exists in this build (the graph is never split), so nothing to release.
+  // 1. Drop what an earlier attempt made.
+  coneBinding.reset();
+  coneSession.reset();
+  boundaryName.clear();
   binding.reset();
   session.reset();
 
@@ -193,6 +315,7 @@ void Renderer::Impl::createSession(const std::string& ep) {
 
   // 6. Rewrites, in order.
   bool changed = false;
+  bool warpMoved = false;
   const bool warpNode = [] {
     const char* v = std::getenv("LE_WARP_NODE");
     return v && *v && v[0] != '0';
@@ -202,6 +325,7 @@ void Renderer::Impl::createSession(const std::string& ep) {
     const size_t removed = rewriteWarpBlockToCustomOp(bytes, reason);
     if (removed > 0) {
       changed = true;
+      warpMoved = true;
       std::fprintf(stderr,
                    "[le] director warp -> com.vantorix::WarpDirector (%zu nodes removed, the "
                    "source cone with them)\n",
@@ -243,7 +367,9 @@ void Renderer::Impl::createSession(const std::string& ep) {
                  member.c_str(), "lip_template.v1.json");
   }
 
-  // 7. The source-cone split is not tried in this build.
+  // 7. The source-cone split; when it is made it also creates the director session.
+  std::vector<uint8_t> perFrame;
+  const bool split = trySplit(ep, warpMoved, bytes, perFrame);
 
   // 8. Log lines.
   if (gsCount)
@@ -271,7 +397,8 @@ void Renderer::Impl::createSession(const std::string& ep) {
                  member.c_str(), lipContour->nv(), static_cast<double>(lipContour->featherPx()));
 
   // 9. The session.
-  if (changed)
+  if (split) {
+  } else if (changed)
     session = std::make_unique<Ort::Session>(env, bytes.data(), bytes.size(), sessionOptions);
   else
     session = std::make_unique<Ort::Session>(env, modelPath.c_str(), sessionOptions);
@@ -354,7 +481,10 @@ void Renderer::Impl::bindTensors() {
     binding->BindInput("ks", values[tensor(kpSource, kpShape, 3)]);
   } else {
     binding->BindInput("pooled64", values[tensor(pooled, pooledShape, 4)]);
-    binding->BindInput("P_rgb", values[tensor(prior, imageShape, 4)]);
+    if (coneSession)
+      conePriorValue = Ort::Value::CreateTensor<float>(mem, prior.data(), prior.size(), imageShape, 4);
+    else
+      binding->BindInput("P_rgb", values[tensor(prior, imageShape, 4)]);
     binding->BindInput("kp_driving", values[tensor(kpDriving, kpShape, 3)]);
     binding->BindInput("kp_source", values[tensor(kpSource, kpShape, 3)]);
   }
@@ -364,6 +494,112 @@ void Renderer::Impl::bindTensors() {
     binding->BindInput("lip_delivery", values[tensor(lipDelivery, lipShape, 4)]);
   }
   binding->BindOutput("rgb", values[tensor(out, imageShape, 4)]);
+  if (coneSession) startCone();
+}
+
+void Renderer::Impl::startCone() {
+  const Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+  const int64_t c = crop, bb = batch;
+  const int64_t shape[4] = {bb, static_cast<int64_t>(boundaryElems) / (c * c * bb), c, c};
+  coneSlots.clear();
+  for (int i = 0; i < 2; ++i) {
+    auto slot = std::make_unique<ConeSlot>();
+    slot->data.assign(boundaryElems, 0.f);
+    slot->value = Ort::Value::CreateTensor<float>(mem, slot->data.data(), slot->data.size(), shape, 4);
+    coneSlots.push_back(std::move(slot));
+  }
+  coneBinding = std::make_unique<Ort::IoBinding>(*coneSession);
+  coneBinding->BindInput("P_rgb", conePriorValue);
+  prefetchThread = std::thread([this] { prefetchLoop(); });
+}
+
+int Renderer::Impl::holdingL(int32_t si) const {
+  for (size_t i = 0; i < coneSlots.size(); ++i)
+    if (coneSlots[i]->source == si) return static_cast<int>(i);
+  return -1;
+}
+
+// The first slot that is not bound into the director and may be overwritten.
+int Renderer::Impl::freeSlotL(int32_t si) const {
+  for (size_t i = 0; i < coneSlots.size(); ++i)
+    if (static_cast<int>(i) != inUseSlot && coneSlots[i]->source != si) return static_cast<int>(i);
+  return -1;
+}
+
+int Renderer::Impl::acquire(int32_t si) {
+  std::unique_lock<std::mutex> lock(mutex);
+  inUseSlot = -1;
+  while (coneError.empty()) {
+    if (const int held = holdingL(si); held >= 0) {
+      ++hits;
+      inUseSlot = held;
+      return held;
+    }
+    if (requestedSource < 0) {
+      const int slot = freeSlotL(si);
+      if (slot < 0) throw std::runtime_error("Renderer: source-cone ring exhausted");
+      ++misses;
+      coneSlots[size_t(slot)]->source = -1;
+      runPrepL(si, slot, lock);
+    } else {
+      wake.wait(lock);
+    }
+  }
+  throw std::runtime_error("Renderer: the hoisted source cone failed in ORT — " + coneError);
+}
+
+void Renderer::Impl::runPrepL(int32_t si, int slot, std::unique_lock<std::mutex>& lock) {
+  ConeSlot& s = *coneSlots[size_t(slot)];
+  lock.unlock();
+  std::string failure;
+  try {
+    halfToFloat(identity->P(si), prior.data(), pElems);
+    coneBinding->BindOutput(boundaryName.c_str(), s.value);
+    coneSession->Run(coneRunOptions, *coneBinding);
+  } catch (const std::exception& e) {
+    failure = e.what();
+    if (failure.empty()) failure = "unknown error";
+  }
+  lock.lock();
+  if (!failure.empty()) {
+    if (coneError.empty()) coneError = failure;
+  } else {
+    s.source = si;
+  }
+}
+
+void Renderer::Impl::prefetchLoop() {
+  std::unique_lock<std::mutex> lock(mutex);
+  while (!stop) {
+    if (requestedSource >= 0) {
+      runPrepL(requestedSource, requestedSlot, lock);
+      requestedSource = -1;
+      requestedSlot = -1;
+      wake.notify_all();
+    } else {
+      wake.wait(lock);
+    }
+  }
+}
+
+// The source index the next frame most likely reads: the walk either bounces at the ends or,
+// once it has jumped from the last frame to the first, wraps.
+int32_t Renderer::Impl::predict(int32_t si) {
+  const int32_t n = identity->NT;
+  const int32_t prev = lastSource;
+  lastSource = si;
+  if (n < 2) return si;
+  if (prev == n - 1 && si == 0) {
+    wrapMode = true;
+    if (prev == 1 || prev == -1) step = -1;
+    return ((si + step) % n + n) % n;
+  }
+  if (prev >= 0 && (si - prev == 1 || si - prev == -1)) step = si - prev;
+  const int32_t next = si + step;
+  if (wrapMode) return ((next % n) + n) % n;
+  if (next >= n) return n - 2;
+  if (next < 0) return 1;
+  return next;
 }
 
 void Renderer::Impl::fillSlot(int k, int32_t si, const float* ks, const float* kd) {
@@ -448,8 +684,17 @@ Renderer::Renderer(const Manifest& manifest, const Identity& identity, const std
 }
 
 Renderer::~Renderer() {
-  if (!impl_ || !impl_->profiling || !impl_->session) return;
+  if (!impl_) return;
   Impl& m = *impl_;
+  if (m.prefetchThread.joinable()) {
+    {
+      std::lock_guard<std::mutex> lock(m.mutex);
+      m.stop = true;
+    }
+    m.wake.notify_all();
+    m.prefetchThread.join();
+  }
+  if (!m.profiling || !m.session) return;
   if (m.runCount > 0)
     std::fprintf(stderr, "[le_ort_profile] %ld frames: %.2f ms/frame in Session::Run\n",
                  static_cast<long>(m.runCount), m.runMsTotal / static_cast<double>(m.runCount));
@@ -491,12 +736,35 @@ const float* Renderer::render(const int32_t* sourceIdx, const float* kpSource,
     m.convBackend->run(m.pooledPtrs.data(), m.priorPtrs.data(), kpSource, kpDriving, n, m.out.data());
     return m.out.data();
   }
-  for (int k = 0; k < m.batch; ++k) {
-    if (k >= n)
+  if (m.coneSession) {
+    const int32_t si = sourceIdx[0];
+    const int slot = m.acquire(si);
+    m.binding->BindInput(m.boundaryName.c_str(), m.coneSlots[size_t(slot)]->value);
+    halfToFloat(m.identity->pooled64(si), m.pooled.data(), m.pooledElems);
+    std::memcpy(m.kpSource.data(), kpSource, kKpFloats * sizeof(float));
+    std::memcpy(m.kpDriving.data(), kpDriving, kKpFloats * sizeof(float));
+    if (m.lipBound) m.lipContour->contourF32Canvas(kpDriving, m.lipDelivery.data());
+    const int32_t next = m.predict(si);
+    {
+      std::lock_guard<std::mutex> lock(m.mutex);
+      if (m.requestedSource < 0 && m.coneError.empty() && m.holdingL(next) < 0) {
+        const int free = m.freeSlotL(next);
+        if (free >= 0) {
+          m.coneSlots[size_t(free)]->source = -1;
+          m.requestedSlot = free;
+          m.requestedSource = next;
+          m.wake.notify_all();
+        }
+      }
+    }
+  } else {
+    for (int k = 0; k < m.batch; ++k) {
+      if (k >= n)
       m.copySlot(n - 1, k);
     else
-      m.fillSlot(k, sourceIdx[k], kpSource + static_cast<size_t>(k) * kKpFloats,
-                 kpDriving + static_cast<size_t>(k) * kKpFloats);
+        m.fillSlot(k, sourceIdx[k], kpSource + static_cast<size_t>(k) * kKpFloats,
+                   kpDriving + static_cast<size_t>(k) * kKpFloats);
+    }
   }
   const auto t0 = std::chrono::steady_clock::now();
   m.session->Run(m.runOptions, *m.binding);
@@ -513,5 +781,15 @@ const char* Renderer::directorNote() const { return impl_->directorNote.c_str();
 int Renderer::crop() const { return impl_->crop; }
 double Renderer::runMsTotal() const { return impl_->runMsTotal; }
 int64_t Renderer::runCount() const { return impl_->runCount; }
+bool Renderer::coneSplit() const { return impl_->coneSession != nullptr; }
+int64_t Renderer::coneHits() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->hits;
+}
+int64_t Renderer::coneMisses() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->misses;
+}
+void Renderer::terminateConeRuns() { impl_->coneRunOptions.SetTerminate(); }
 
 }  // namespace le

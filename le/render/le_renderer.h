@@ -42,6 +42,14 @@ class Renderer {
   double runMsTotal() const;
   int64_t runCount() const;
 
+  // The source-cone split: whether the director was split, boundaries found already computed
+  // (hits) and computed on the calling thread (misses).
+  bool coneSplit() const;
+  int64_t coneHits() const;
+  int64_t coneMisses() const;
+  // Makes every later prep run fail inside ONNX Runtime (exercises the failure path).
+  void terminateConeRuns();
+
   struct Impl;
 
  private:
