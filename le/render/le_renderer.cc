@@ -221,6 +221,8 @@ bool Renderer::Impl::trySplit(const std::string& ep, bool warpMoved, const std::
       opts.SetGraphOptimizationLevel(ORT_ENABLE_ALL);
       opts.AddConfigEntry("session.intra_op.allow_spinning", "0");
       opts.AddConfigEntry("mlas.disable_kleidiai", "1");
+      // The cone model keeps the whole graph's initializers; ORT's notes on dropping them are noise.
+      opts.SetLogSeverityLevel(ORT_LOGGING_LEVEL_ERROR);
       coneSession = std::make_unique<Ort::Session>(env, prep.data(), prep.size(), opts);
       const std::vector<int64_t> in =
           coneSession->GetInputTypeInfo(0).GetTensorTypeAndShapeInfo().GetShape();
