@@ -11,6 +11,7 @@
 #include "le/render/gridsample_fast.h"
 
 #if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
 #include <immintrin.h>
 #define LE_INT8_X86 1
 #endif
@@ -46,6 +47,17 @@ std::string shapeText(const std::vector<int64_t>& d) {
 bool haveAvx2() {
   static const bool ok = LE_CPU_HAS("avx2");
   return ok;
+}
+
+// AVX-VNNI is CPUID leaf 7, sub-leaf 1, EAX bit 4; asked directly because clang 14's
+// __builtin_cpu_supports does not know the feature name.
+bool haveAvxVnni() {
+#if LE_INT8_X86
+  unsigned a = 0, b = 0, c = 0, d = 0;
+  return __get_cpuid_count(7, 1, &a, &b, &c, &d) && (a & (1u << 4)) != 0;
+#else
+  return false;
+#endif
 }
 
 // The same arithmetic as the vector quantiser: NaN lands on 0.
@@ -399,7 +411,7 @@ bool pathAvailable(Path p) {
     case Path::Auto:
     case Path::Scalar: return true;
     case Path::AvxVnni: {
-      static const bool ok = haveAvx2() && LE_CPU_HAS("avxvnni");
+      static const bool ok = haveAvx2() && haveAvxVnni();
       return ok;
     }
     case Path::Avx512Vnni: {
