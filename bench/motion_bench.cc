@@ -138,7 +138,7 @@ void BM_Eager(benchmark::State& state) {
   float xs[16 * 63], xd[16 * 63];
   double firstSamples = 0, ms = 0;
   for (auto _ : state) {
-    le_motion_reset(m, 0, 1, 0);
+    le_motion_reset(m, 0, 1, 1);
     le_motion_set_eager(m, eager);
     size_t first = 0;
     const auto t0 = std::chrono::steady_clock::now();

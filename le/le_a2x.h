@@ -137,8 +137,9 @@ LE_API void le_motion_destroy(le_motion* m);
 LE_API int le_motion_nt(const le_motion* m);
 
 /* Starts a new utterance: drops all audio and frames, the source walk restarts at start
- * (clamped to 0 .. NT-1) stepping by direction (< 0: -1, else +1); loop != 0 walks ping-pong
- * (0 .. NT-1 .. 1, 0 ..), loop == 0 wraps. Keeps the eager setting. Null is ignored. */
+ * (clamped to 0 .. NT-1) stepping by direction (< 0: -1, else +1); loop != 0 wraps (index mod
+ * NT, as le_a2x_reset), loop == 0 walks ping-pong (0 .. NT-1 .. 1, 0 ..). Keeps the eager
+ * setting. Null is ignored. */
 LE_API void le_motion_reset(le_motion* m, int start, int direction, int loop);
 
 /* Eager delivery: 0 off (frames appear once their 80-frame chunk is computed); > 0 computes

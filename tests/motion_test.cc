@@ -243,7 +243,7 @@ TEST(Motion, ChunksAndEmissionMatchPlainLoops) {
   ASSERT_GT(total, 210) << "four chunks";
   Handle h(dir, d.path());
   ASSERT_TRUE(h.m) << le_motion_last_error();
-  le_motion_reset(h.m, 3, -1, 1);
+  le_motion_reset(h.m, 3, -1, 0);
   const Frames f = run(h.m, audio);
   ASSERT_EQ(f.n(), total);
   EXPECT_EQ(le_motion_avail(h.m), 0);
@@ -371,7 +371,7 @@ TEST(Motion, AvailabilityEagerAndSourceWalks) {
   // Eager: adaptive delivers the first frame after two frames of audio; every step size ends
   // with exactly the utterance's frames.
   for (int eager : {-1, 1, 4}) {
-    le_motion_reset(h.m, 0, 1, 0);
+    le_motion_reset(h.m, 0, 1, 1);
     le_motion_set_eager(h.m, eager);
     size_t first = 0;
     int pulled = 0;
@@ -398,14 +398,14 @@ TEST(Motion, AvailabilityEagerAndSourceWalks) {
     le_motion_reset(m, start, dir, loop);
     return run(m, eight).si;
   };
-  EXPECT_EQ(walk(h.m, 0, 1, 1), (std::vector<int>{0, 1, 2, 3, 2, 1, 0, 1}));
-  EXPECT_EQ(walk(h.m, 0, 1, 0), (std::vector<int>{0, 1, 2, 3, 0, 1, 2, 3}));
-  EXPECT_EQ(walk(h.m, 9, -5, 0), (std::vector<int>{3, 2, 1, 0, 3, 2, 1, 0}));
+  EXPECT_EQ(walk(h.m, 0, 1, 0), (std::vector<int>{0, 1, 2, 3, 2, 1, 0, 1}));
+  EXPECT_EQ(walk(h.m, 0, 1, 1), (std::vector<int>{0, 1, 2, 3, 0, 1, 2, 3}));
+  EXPECT_EQ(walk(h.m, 9, -5, 1), (std::vector<int>{3, 2, 1, 0, 3, 2, 1, 0}));
   ScratchDir d1("motion_nt1");
   Handle one(forgeMotionDir(d1, 1));
   ASSERT_TRUE(one.m) << le_motion_last_error();
   EXPECT_EQ(le_motion_nt(one.m), 1);
-  EXPECT_EQ(walk(one.m, 0, 1, 1), std::vector<int>(8, 0));
+  EXPECT_EQ(walk(one.m, 0, 1, 0), std::vector<int>(8, 0));
 }
 
 TEST(Motion, LipsFollowSpeechAndCloseInSilence) {
@@ -495,7 +495,7 @@ TEST(Motion, RefusalsAndBadCalls) {
   const std::vector<float> audio(speech().begin(), speech().begin() + 60000);
   le_motion_push(h.m, audio.data(), 55000);
   ASSERT_GT(le_motion_pull(h.m, nullptr, buf, buf2, 1), 0);
-  le_motion_reset(h.m, 0, 1, 0);
+  le_motion_reset(h.m, 0, 1, 1);
   const Frames again = run(h.m, audio);
   EXPECT_EQ(le_motion_push(h.m, buf, 1), 0);
   EXPECT_STREQ(le_motion_last_error(), pushBad);

@@ -279,7 +279,7 @@ struct Motion::Impl {
   int emitted = 0;
   float exp0[kKp];
   bool exp0Set = false;
-  int srcIdx = 0, direction = 1, loopMode = 0;
+  int srcIdx = 0, direction = 1, loopMode = 1;  // 1 wraps, 0 walks ping-pong
   int eager = 0;
   // eager bookkeeping
   bool haveSaved = false;
@@ -655,7 +655,7 @@ Motion::Motion(const std::string& dir, int threads, const std::string& ep) : imp
   if (const char* d = std::getenv("LE_MOTION_DUMP")) m.dumpDir = d;
   m.load(threads < 1 ? pool::threads() : threads, ep);
   m.warmUp();
-  m.resetState(0, 1, 0);
+  m.resetState(0, 1, 1);
 }
 
 Motion::~Motion() = default;
@@ -694,7 +694,7 @@ int Motion::pull(int* sourceIdx, float* source, float* driven, int max) {
   for (int i = 0; i < n; ++i) {
     m.rowAt(m.emitted, r);
     const int s = m.srcIdx;
-    if (m.loopMode) {
+    if (!m.loopMode) {
       int next = s + m.direction;
       if (next >= m.nt) {
         m.direction = -1;
