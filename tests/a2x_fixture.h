@@ -1,6 +1,8 @@
 // Forged audio bundles and speech shared by the le_a2x tests.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,15 @@ inline const std::vector<float>& longSpeech() {
       "its own loudness. When the speaker pauses, the mouth rests and closes again. Then the voice "
       "returns, and the lips open wide.");
   return a;
+}
+
+// The bundle's 8 s speech encoder, for W2V_ONNX.
+inline std::string w2vOf(const std::string& dir) { return dir + "/" + le::forge::kW2vMember; }
+
+inline double maxAbsDiff(const std::vector<float>& a, const std::vector<float>& b) {
+  double m = a.size() == b.size() ? 0 : 1e300;
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) m = std::max(m, double(std::fabs(a[i] - b[i])));
+  return m;
 }
 
 // A small bundle with the audio members o asks for, in d/name. Returns its directory.

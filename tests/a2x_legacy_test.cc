@@ -16,6 +16,8 @@ namespace {
 
 using le::forge::AudioOptions;
 using le::testa2x::forgeAudioBundle;
+using le::testa2x::maxAbsDiff;
+using le::testa2x::w2vOf;
 using le::testa2x::longSpeech;
 using le::testa2x::Pulled;
 using le::testa2x::pullAll;
@@ -30,13 +32,6 @@ AudioOptions legacy(int window = 1) {
   return o;
 }
 
-std::string w2vOf(const std::string& dir) { return dir + "/" + le::forge::kW2vMember; }
-
-double maxAbsDiff(const std::vector<float>& a, const std::vector<float>& b) {
-  double m = a.size() == b.size() ? 0 : INFINITY;
-  for (size_t i = 0; i < a.size() && i < b.size(); ++i) m = std::max(m, double(std::fabs(a[i] - b[i])));
-  return m;
-}
 
 std::string createError(const std::string& dir) {
   le_a2x* h = le_a2x_create(dir.c_str(), 1);

@@ -16,6 +16,8 @@ namespace {
 
 using le::forge::AudioOptions;
 using le::testa2x::forgeAudioBundle;
+using le::testa2x::maxAbsDiff;
+using le::testa2x::w2vOf;
 using le::testa2x::longSpeech;
 using le::testa2x::Pulled;
 using le::testa2x::pullAll;
@@ -30,18 +32,11 @@ struct Handle {
   operator le_a2x*() const { return h; }
 };
 
-std::string w2vOf(const std::string& dir) { return dir + "/" + le::forge::kW2vMember; }
 
 Reference referenceOf(const std::string& dir, const AudioOptions& o = {}) {
   return Reference(dir, w2vOf(dir), o.window, o.left, o.layers,
                    dir + "/w2v/audio_encoder_fp16_window_trunk.onnx",
                    dir + "/w2v/audio_encoder_fp16_window_head.onnx");
-}
-
-double maxAbsDiff(const std::vector<float>& a, const std::vector<float>& b) {
-  double m = a.size() == b.size() ? 0 : INFINITY;
-  for (size_t i = 0; i < a.size() && i < b.size(); ++i) m = std::max(m, double(std::fabs(a[i] - b[i])));
-  return m;
 }
 
 std::vector<float> deltasOf(const Pulled& p) {
