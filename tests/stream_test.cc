@@ -3,6 +3,7 @@
 // the source walk with skip, empty runs and refusals.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -118,6 +119,25 @@ TEST(Stream, RefusesMissingMembersAndShortTargets) {
   EXPECT_EQ(le_stream_create(dir.c_str(), (d / "none.onnx").c_str(), 1, 0, 1.0f), nullptr);
   EXPECT_EQ(std::string(le_stream_last_error()).rfind("le_fca_create: le_fca_create: ", 0), 0u)
       << le_stream_last_error();
+
+  // A drive frame that cannot be read fails the paste of source 1: the run ends with -1 and the
+  // two frames before it (sources 2 and 0) stay delivered.
+  {
+    le_stream* s = le_stream_create(dir.c_str(), enc.c_str(), 1, 2, 1.0f);
+    ASSERT_NE(s, nullptr) << le_stream_last_error();
+    std::vector<std::string> stills;
+    for (const auto& e : std::filesystem::directory_iterator(dir + "/target_frames"))
+      stills.push_back(e.path().string());
+    std::sort(stills.begin(), stills.end());
+    ASSERT_EQ(stills.size(), 3u);
+    std::filesystem::resize_file(stills[1], 10);
+    const std::vector<float> audio(longSpeech().begin(), longSpeech().begin() + 12 * 640);
+    Delivered got;
+    EXPECT_EQ(le_stream_run(s, audio.data(), int(audio.size()), collect, &got), -1);
+    EXPECT_STREQ(le_stream_last_error(), "le_stream_run: render/paste failed");
+    EXPECT_EQ(got.index, (std::vector<int>{0, 1}));
+    le_stream_destroy(s);
+  }
 
   const std::string xsPath = le::resolveMember(dir, "xs_target.bin");
   std::filesystem::resize_file(xsPath, 3 * 63 * 4 - 4);
