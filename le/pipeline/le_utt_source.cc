@@ -6,18 +6,6 @@
 #include "le/le_a2x.h"
 #include "le/le_bundle.h"
 
-// Until the audio-to-expression stream is built into the library its functions resolve to null.
-#pragma weak le_a2x_create
-#pragma weak le_a2x_destroy
-#pragma weak le_a2x_last_error
-#pragma weak le_a2x_reset
-#pragma weak le_a2x_set_eager
-#pragma weak le_a2x_push
-#pragma weak le_a2x_finish
-#pragma weak le_a2x_avail
-#pragma weak le_a2x_pull
-#pragma weak le_a2x_total
-
 namespace le::utt {
 
 namespace {
@@ -32,8 +20,7 @@ void check(const char* (*lastError)()) {
 class A2xSource final : public KeypointSource {
  public:
   A2xSource(const std::string& dir, int threads)
-      : h_(&le_a2x_create ? le_a2x_create(dir.c_str(), threads) : nullptr) {
-    if (!&le_a2x_create) throw std::runtime_error("le_a2x_create: not built into this library");
+      : h_(le_a2x_create(dir.c_str(), threads)) {
     if (!h_) throw std::runtime_error(le_a2x_last_error());
   }
   ~A2xSource() override { le_a2x_destroy(h_); }
