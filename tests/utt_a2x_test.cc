@@ -1,0 +1,198 @@
+// ctest-label: threaded
+// The utterance pipeline on the audio-to-expression source: speech frames are exactly what the
+// single-image path makes of the stream's triples, and every one arrives once and in order
+// whatever the push size, paste mode and cadence.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "le/le.h"
+#include "le/le_a2x.h"
+#include "tests/bundle_fixture.h"
+#include "tests/support/media.h"
+#include "tests/support/speech.h"
+#include "tests/support/utt_soak.h"
+#include "tools/forge/forge.h"
+#include "tools/forge/forge_audio.h"
+
+namespace {
+
+using le::testmedia::ScopedEnv;
+using Clock = std::chrono::steady_clock;
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// The pipeline's speaking bundle with the audio members beside the motion directory.
+struct Bundle {
+  le::testing::ScratchDir dir{"utt_a2x"};
+  std::string path;
+  le_ctx* ctx = nullptr;
+  Bundle() {
+    le::forge::Params p = le::testmedia::uttBundleParams(96, 80, 64, 5);
+    p.extraMembers = le::forge::audioMembers(p, {});
+    path = le::forge::forgeBundle(dir / "b", p).dir;
+    ctx = le_create(path.c_str(), "b1", 2, nullptr);
+    if (!ctx) throw std::runtime_error(le_last_error());
+  }
+  ~Bundle() { le_destroy(ctx); }
+  size_t frameBytes() const { return size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3; }
+};
+
+const std::vector<int16_t>& clip() {
+  static const std::vector<int16_t> c =
+      le::testmedia::speak16kPcm(kSanitized ? "Say ah." : "Open wide and say ah.");
+  return c;
+}
+
+struct Frame {
+  le_utt_frame_info info;
+  std::vector<uint8_t> rgb;
+};
+
+// One utterance through a fresh pipeline: pushes in pieces of `push`, marks the end and pulls
+// until idle frames follow the speech. Returns every frame pulled.
+std::vector<Frame> speak(const Bundle& b, le_utt_opts o, size_t push, bool keepPixels) {
+  const auto& pcm = clip();
+  o.motion_dir = b.path.c_str();
+  le_utt* u = le_utt_create(b.ctx, &o);
+  if (!u) throw std::runtime_error(le_utt_last_error());
+  std::vector<Frame> got;
+  std::vector<uint8_t> buf(b.frameBytes());
+  auto pull = [&] {
+    le_utt_frame_info info{};
+    bool any = false;
+    while (le_utt_pull_frame(u, buf.data(), buf.size(), &info)) {
+      got.push_back({info, keepPixels ? buf : std::vector<uint8_t>()});
+      any = true;
+    }
+    return any;
+  };
+  const auto until = Clock::now() + std::chrono::seconds(kSanitized ? 300 : 60);
+  auto nap = [&] {
+    if (Clock::now() > until) throw std::runtime_error("the pipeline stalled");
+    std::this_thread::sleep_for(std::chrono::microseconds(300));
+  };
+  while (le_utt_ready(u) == 0)
+    if (!pull()) nap();
+  if (le_utt_ready(u) != 1) throw std::runtime_error(le_utt_last_error());
+  const size_t from = got.size();
+  for (size_t at = 0; at < pcm.size(); at += push) {
+    if (le_utt_push_audio(u, pcm.data() + at, int(std::min(push, pcm.size() - at))) != 1)
+      throw std::runtime_error(le_utt_last_error());
+    pull();
+  }
+  le_utt_end_utterance(u);
+  for (;;) {
+    int trailing = 0;
+    bool spoke = false;
+    for (size_t i = got.size(); i > from && !spoke; --i)
+      got[i - 1].info.kind == LE_UTT_KIND_IDLE ? void(++trailing) : void(spoke = true);
+    if (spoke && trailing >= 3) break;
+    if (!pull()) nap();
+  }
+  char text[256];
+  const int status = le_utt_render_status(u, text, sizeof text, nullptr);
+  le_utt_destroy(u);
+  if (status != 0) throw std::runtime_error(text);
+  return got;
+}
+
+std::vector<const Frame*> speechFrames(const std::vector<Frame>& f) {
+  std::vector<const Frame*> s;
+  for (const Frame& x : f)
+    if (x.info.kind == LE_UTT_KIND_SPEECH) s.push_back(&x);
+  return s;
+}
+
+// Speech frames are byte for byte the single-image render + paste of the triples a separate
+// stream makes of the same audio, started where the pipeline's walk stood.
+TEST(UttA2x, SpeechFramesAreTheSingleImagePath) {
+  Bundle b;
+  ScopedEnv w2v("W2V_ONNX", (b.path + "/" + le::forge::kW2vMember).c_str());
+  const auto& pcm = clip();
+  const int n = int((pcm.size() + 639) / 640);
+  std::vector<float> audio(pcm.size());
+  for (size_t i = 0; i < pcm.size(); ++i) audio[i] = float(pcm[i]) / 32768.0f;
+
+  for (const char* steady : {"-", ""}) {
+    SCOPED_TRACE(std::string("steady renderer '") + steady + "'");
+    le_utt_opts o{};
+    o.steadyModel = steady;
+    const std::vector<Frame> got = speak(b, o, 640, true);
+    const auto speech = speechFrames(got);
+    ASSERT_EQ(int(speech.size()), n);
+
+    le_a2x* h = le_a2x_create(b.path.c_str(), 1);
+    ASSERT_NE(h, nullptr) << le_a2x_last_error();
+    le_a2x_reset(h, int(speech[0]->info.sourceIndex), 1, 1);
+    ASSERT_EQ(le_a2x_push(h, audio.data(), int(audio.size())), 1);
+    le_a2x_finish(h);
+    std::vector<int> si(size_t(n), -1);
+    std::vector<float> xs(size_t(n) * 63), xd(size_t(n) * 63);
+    ASSERT_EQ(le_a2x_pull(h, si.data(), xs.data(), xd.data(), n), n);
+    le_a2x_destroy(h);
+
+    std::vector<uint8_t> want(b.frameBytes());
+    int differing = 0;
+    for (int k = 0; k < n; ++k) {
+      ASSERT_EQ(speech[size_t(k)]->info.sourceIndex, uint32_t(si[size_t(k)])) << "frame " << k;
+      const float* crop = le_render_kp_crop(b.ctx, si[size_t(k)], &xs[size_t(k) * 63], &xd[size_t(k) * 63]);
+      ASSERT_NE(crop, nullptr) << le_last_error();
+      ASSERT_EQ(le_paste_crop(b.ctx, si[size_t(k)], crop, want.data(), want.size()), 1) << le_last_error();
+      const auto& px = speech[size_t(k)]->rgb;
+      if (std::memcmp(px.data(), want.data(), want.size()) != 0) {
+        int maxDiff = 0;
+        size_t bytes = 0;
+        for (size_t i = 0; i < want.size(); ++i) {
+          const int d = std::abs(int(px[i]) - int(want[i]));
+          bytes += d != 0;
+          maxDiff = std::max(maxDiff, d);
+        }
+        ADD_FAILURE() << "frame " << k << ": " << bytes << " bytes differ, by up to " << maxDiff;
+        if (++differing >= 3) break;
+      }
+    }
+  }
+}
+
+// Every speech frame once and in order, for push sizes from a few samples to the whole clip,
+// with the paste on its own thread and inline, with and without the hybrid cadence.
+TEST(UttA2x, EveryFrameOnceInOrder) {
+  Bundle b;
+  ScopedEnv w2v("W2V_ONNX", (b.path + "/" + le::forge::kW2vMember).c_str());
+  const auto& pcm = clip();
+  const int n = int((pcm.size() + 639) / 640);
+  struct Mode {
+    const char* pipelined;
+    int batch;
+    size_t push;
+  } modes[] = {{"1", -2, 7}, {"0", 3, 640}, {"1", 3, pcm.size()}, {"0", -2, 333}};
+  for (const Mode& m : kSanitized ? std::vector<Mode>{modes[0]} : std::vector<Mode>(modes, modes + 4)) {
+    SCOPED_TRACE(std::string("pipelined ") + m.pipelined + " batch " + std::to_string(m.batch) +
+                 " push " + std::to_string(m.push));
+    ScopedEnv paste("LE_UTT_PIPELINE_PASTE", m.pipelined);
+    le_utt_opts o{};
+    o.batch = m.batch;
+    const std::vector<Frame> got = speak(b, o, m.push, false);
+    for (size_t i = 1; i < got.size(); ++i) ASSERT_EQ(got[i].info.seq, got[i - 1].info.seq + 1);
+    const auto speech = speechFrames(got);
+    ASSERT_EQ(int(speech.size()), n);
+    for (int k = 0; k < n; ++k) {
+      EXPECT_EQ(speech[size_t(k)]->info.speechIndex, uint32_t(k));
+      // Nothing but speech between the first and the last speech frame.
+      if (k > 0) {
+        EXPECT_EQ(speech[size_t(k)], speech[size_t(k - 1)] + 1) << "frame " << k;
+      }
+    }
+  }
+}
+
+}  // namespace
