@@ -218,6 +218,16 @@ int pasteLastRgba(le_ctx* ctx, int si, uint8_t* out, size_t out_bytes) {
   return 1;
 }
 
+// One render, its failure named after the entry point the host called.
+const float* renderOne(le_ctx* ctx, int si, const float* xs, const float* xd, const char* fn) {
+  return le::err::guard(le::err::Family::Ctx, fn, static_cast<const float*>(nullptr), [&] {
+    const int32_t idx = si;
+    const float* crop = le::ensureRenderer(*ctx).render(&idx, xs, xd, 1);
+    ctx->last_crop = crop;
+    return crop;
+  });
+}
+
 }  // namespace
 
 extern "C" {
@@ -227,12 +237,7 @@ LE_API const float* le_render_kp_crop(le_ctx* ctx, int si, const float* xs, cons
   le::err::clear(Family::Ctx);
   LE_CHECK_ARG(ctx && xs && xd && si >= 0 && si < ctx->manifest.NT, Family::Ctx,
                "le_render_kp_crop: bad args", nullptr);
-  return le::err::guard(Family::Ctx, "le_render_kp_crop", static_cast<const float*>(nullptr), [&] {
-    const int32_t idx = si;
-    const float* crop = le::ensureRenderer(*ctx).render(&idx, xs, xd, 1);
-    ctx->last_crop = crop;
-    return crop;
-  });
+  return renderOne(ctx, si, xs, xd, "le_render_kp_crop");
 }
 
 LE_API const float* le_render_drive_crop(le_ctx* ctx, int i) {
@@ -241,8 +246,8 @@ LE_API const float* le_render_drive_crop(le_ctx* ctx, int i) {
   LE_CHECK_ARG(ctx && i >= 0 && i < ctx->drive.frames, Family::Ctx,
                "le_render_drive_crop: bad frame index", nullptr);
   const size_t row = static_cast<size_t>(i) * 3 * le::kHostKpRows;
-  return le_render_kp_crop(ctx, ctx->drive.si[static_cast<size_t>(i)], ctx->drive.xs.data() + row,
-                           ctx->drive.xd.data() + row);
+  return renderOne(ctx, ctx->drive.si[static_cast<size_t>(i)], ctx->drive.xs.data() + row,
+                   ctx->drive.xd.data() + row, "le_render_drive_crop");
 }
 
 LE_API const uint8_t* le_paste_last(le_ctx* ctx, int si) {

@@ -1,27 +1,120 @@
 #!/usr/bin/env bash
-# Installs the dependencies, builds everything and runs the test suite.
-#   scripts/test.sh            the full suite (Release)
-#   scripts/test.sh --quick    only the tests labelled quick
-#   scripts/test.sh --asan     the suite under AddressSanitizer + UndefinedBehaviorSanitizer
-#   scripts/test.sh --tsan     the suite under ThreadSanitizer
+# Installs the dependencies, builds and runs the tests.
+#   scripts/test.sh                 what CI runs: the whole suite in Release, the whole suite under
+#                                   AddressSanitizer + UndefinedBehaviorSanitizer, and the tests
+#                                   labelled threaded under ThreadSanitizer (three build trees)
+#   scripts/test.sh --release-only  only the Release suite
+#   scripts/test.sh --quick         only the Release tests labelled quick
+#   scripts/test.sh --asan          only the suite under AddressSanitizer + UndefinedBehaviorSanitizer
+#   scripts/test.sh --tsan          only the threaded tests under ThreadSanitizer
+#   scripts/test.sh --fuzz SECONDS  builds the libFuzzer targets with clang and runs each for SECONDS
+#                                   over its corpus in fuzz/corpus/<target>/
+# Build trees: build/, build-asan/, build-tsan/, build-fuzz/ (LE_BUILD_DIR overrides a single one).
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
-bash scripts/bootstrap.sh
 
-build="${LE_BUILD_DIR:-build}"
-config=(-DCMAKE_BUILD_TYPE=Release)
-ctest_args=()
-for arg in "$@"; do
-  case "$arg" in
-    --quick) ctest_args+=(-L quick) ;;
-    --asan) build="${LE_BUILD_DIR:-build-asan}"; config=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DLE_SANITIZE=ON -DLE_BUILD_BENCH=OFF) ;;
-    --tsan) build="${LE_BUILD_DIR:-build-tsan}"; config=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DLE_TSAN=ON -DLE_BUILD_BENCH=OFF) ;;
-    *) echo "usage: scripts/test.sh [--quick] [--asan|--tsan]" >&2; exit 2 ;;
+usage() {
+  echo "usage: scripts/test.sh [--release-only|--quick|--asan|--tsan|--fuzz SECONDS]" >&2
+  exit 2
+}
+
+phases=(release asan tsan)
+release_labels=()
+fuzz_seconds=
+while (($#)); do
+  case "$1" in
+    --release-only) phases=(release) ;;
+    --quick) phases=(release); release_labels=(-L quick) ;;
+    --asan) phases=(asan) ;;
+    --tsan) phases=(tsan) ;;
+    --fuzz) (($# >= 2)) && [[ "$2" =~ ^[0-9]+$ ]] || usage; phases=(fuzz); fuzz_seconds="$2"; shift ;;
+    *) usage ;;
   esac
+  shift
 done
 
-cmake -S . -B "$build" "${config[@]}" >/dev/null
-cmake --build "$build" -j"$(nproc)"
-cd "$build"
-ctest --output-on-failure -j"$(nproc)" --timeout 900 "${ctest_args[@]}"
+bash scripts/bootstrap.sh
+
+jobs="$(nproc)"
+# Sanitizer reports end the test with a stack; leaks of the runtimes are suppressed inside the
+# test binaries (tests/support), the command-line tool reads tests/lsan.supp.
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}"
+
+report=()
+phase_start() { t0=$SECONDS; }
+phase_end() { report+=("$(printf '%-16s %5d s' "$1" $((SECONDS - t0)))"); }
+
+configure() {  # dir, cmake args...
+  local dir="$1"; shift
+  cmake -S . -B "$dir" "$@" >/dev/null
+}
+
+run_release() {
+  local b="${LE_BUILD_DIR:-build}"
+  phase_start
+  configure "$b" -DCMAKE_BUILD_TYPE=Release
+  cmake --build "$b" -j"$jobs"
+  phase_end "release build"
+  phase_start
+  (cd "$b" && ctest --output-on-failure -j"$jobs" --timeout 900 "${release_labels[@]}")
+  phase_end "release suite"
+}
+
+run_asan() {
+  local b="${LE_BUILD_DIR:-build-asan}"
+  phase_start
+  configure "$b" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLE_SANITIZE=ON -DLE_BUILD_BENCH=OFF
+  cmake --build "$b" -j"$jobs"
+  phase_end "asan build"
+  phase_start
+  (cd "$b" && ctest --output-on-failure -j"$jobs" --timeout 900)
+  phase_end "asan suite"
+}
+
+run_tsan() {
+  local b="${LE_BUILD_DIR:-build-tsan}"
+  phase_start
+  configure "$b" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLE_TSAN=ON -DLE_BUILD_BENCH=OFF
+  # Only what the threaded tests need.
+  cmake --build "$b" -j"$jobs" --target le_threaded_tests
+  phase_end "tsan build"
+  phase_start
+  (cd "$b" && ctest --output-on-failure -j"$jobs" --timeout 900 -L threaded)
+  phase_end "tsan suite"
+}
+
+run_fuzz() {
+  local b="${LE_BUILD_DIR:-build-fuzz}"
+  phase_start
+  CC=clang CXX=clang++ configure "$b" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLE_FUZZ=ON \
+    -DLE_BUILD_TESTS=OFF -DLE_BUILD_BENCH=OFF -DLE_BUILD_TOOLS=OFF
+  cmake --build "$b" -j"$jobs"
+  phase_end "fuzz build"
+  local failed=0
+  for exe in "$b"/fuzz/*_fuzz; do
+    local name corpus work
+    name="$(basename "$exe")"
+    corpus="fuzz/corpus/${name%_fuzz}"
+    # New inputs go to a scratch corpus: the repository's corpus only changes on purpose.
+    work="$b/fuzz/corpus-${name%_fuzz}"
+    mkdir -p "$corpus" "$work"
+    phase_start
+    echo "== $name for ${fuzz_seconds}s (corpus $corpus)"
+    if ! "$exe" -max_total_time="$fuzz_seconds" -print_final_stats=1 \
+         -artifact_prefix="$b/fuzz/$name-" "$work" "$corpus"; then
+      failed=1
+      echo "$name FAILED: reproducer in $b/fuzz/$name-*" >&2
+    fi
+    phase_end "$name"
+  done
+  return "$failed"
+}
+
+# The time each phase took, also when one fails.
+trap '((${#report[@]})) && printf "%s\n" "${report[@]}"' EXIT
+for p in "${phases[@]}"; do
+  "run_$p"
+done

@@ -1,3 +1,4 @@
+// ctest-label: threaded
 #include "le/le.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// ctest-label: threaded
 // The drive cursor: ring, look-ahead and history, seeks, loop, failure state, readers on
 // several threads, and the choice of bundle member.
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// ctest-label: threaded
 // The forge: member layout, spellings, breaks, determinism, and pictures that agree with
 // their geometry (checked through real decoders).
 #include "tools/forge/forge.h"

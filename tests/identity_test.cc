@@ -1,3 +1,4 @@
+// ctest-label: threaded
 #include <gtest/gtest.h>
 
 #include <cmath>

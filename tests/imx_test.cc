@@ -1,3 +1,4 @@
+// ctest-label: threaded
 #include "le/le_imx.h"
 
 #include <gtest/gtest.h>

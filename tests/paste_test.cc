@@ -1,3 +1,4 @@
+// ctest-label: threaded
 #include "le/le_paste.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// ctest-label: threaded
 // The worker pool: budget from the environment, chunk boundaries, nesting, many calling
 // threads at once, and workers joined when their thread exits.
 #include "le/le_pool.h"

@@ -1,3 +1,4 @@
+// ctest-label: threaded
 // The director renderer and the rendering entry points, on forged bundles with real sessions:
 // provider choice, the input contract, batch padding, the switches, and the rendered crop
 // checked against the forged director's warp computed by plain loops.
@@ -31,6 +32,7 @@
 #include "tools/forge/onnx_builder.h"
 
 namespace fs = std::filesystem;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -409,9 +411,9 @@ TEST_F(RendererTest, EntryPointRefusals) {
   EXPECT_THAT(le_last_error(), StartsWith("le_render_kp_crop: Renderer: ep 'xnnpack' is REFUSED."));
   Ctx unknown(dir_, "b1", 1, "cuda");
   EXPECT_EQ(le_render_drive_crop(unknown.c, 0), nullptr);
-  EXPECT_STREQ(le_last_error(), "le_render_kp_crop: Renderer: unknown ep 'cuda'");
-  EXPECT_EQ(le_render_drive_crop(unknown.c, 0), nullptr);
-  EXPECT_STREQ(le_last_error(), "le_render_kp_crop: Renderer: unknown ep 'cuda'");
+  EXPECT_STREQ(le_last_error(), "le_render_drive_crop: Renderer: unknown ep 'cuda'");
+  EXPECT_EQ(le_render_drive_rgba(unknown.c, 0, nullptr, 0), 0);
+  EXPECT_STREQ(le_last_error(), "le_render_drive_crop: Renderer: unknown ep 'cuda'");
 }
 
 TEST_F(RendererTest, IntraOpThreadsLine) {
@@ -611,6 +613,15 @@ TEST_F(RendererTest, WarpKernelsAgree) {
   EXPECT_THAT(err, HasSubstr("[le] director warp -> com.vantorix::WarpDirector ("));
   EXPECT_THAT(err, Not(HasSubstr("GridSampleFast load-time rewrite")));
   EXPECT_LT(worst(fast, warpNode), 1e-4);
+  // The WarpDirector kernel lives in the custom domain LE_GS_FAST=0 switches off.
+  ScopedEnv noDomain("LE_GS_FAST", "0");
+  ScopedEnv warp("LE_WARP_NODE", "1");
+  Ctx ctx(dir_, "b1", 2, "");
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(le_render_kp_crop(ctx.c, 1, ks.data(), kd.data()), nullptr);
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(le_last_error(), AllOf(StartsWith("le_render_kp_crop: Renderer: LE_WARP_NODE=1 moved"),
+                                     HasSubstr("LE_GS_FAST=0 turned off the com.vantorix operator domain")));
 }
 
 // The batched member renders each frame as the single-frame member does.

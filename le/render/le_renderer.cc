@@ -294,7 +294,8 @@ void Renderer::Impl::createSession(const std::string& ep) {
   // 4. Custom operators.
   bool gsRewrite = false;
   std::vector<uint8_t> bytes;
-  if (envFirst("LE_GS_FAST") != '0') {
+  const bool customDomain = envFirst("LE_GS_FAST") != '0';
+  if (customDomain) {
     gsRewrite = envFirst("LE_GS_REWRITE") != '0';
     registerGridSampleFast(sessionOptions);
     registerInt8ConvVNNI(sessionOptions);
@@ -332,6 +333,12 @@ void Renderer::Impl::createSession(const std::string& ep) {
                    "[le] director warp -> com.vantorix::WarpDirector (%zu nodes removed, the "
                    "source cone with them)\n",
                    removed);
+      if (!customDomain)
+        throw std::runtime_error(
+            "Renderer: LE_WARP_NODE=1 moved the director warp of " + modelPath +
+            " to com.vantorix::WarpDirector, but LE_GS_FAST=0 turned off the com.vantorix "
+            "operator domain that holds its kernel, so the session cannot bind it. Unset "
+            "LE_GS_FAST=0 or LE_WARP_NODE.");
     } else {
       std::fprintf(stderr,
                    "[le] director warp NOT moved to one node (%s) — the graph loads exactly as "
