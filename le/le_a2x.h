@@ -1,5 +1,6 @@
 /* le_core: flat C interface of the audio families (le_a2x, le_fca, le_motion, le_stream,
- * le_utt). Same conventions as le/le.h. */
+ * le_utt). Same conventions as le/le.h. The families arrive one at a time: a section below
+ * without declarations has no implementation in this build yet. */
 #ifndef LE_LE_A2X_H
 #define LE_LE_A2X_H
 
