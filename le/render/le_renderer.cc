@@ -703,17 +703,24 @@ Renderer::~Renderer() {
     m.wake.notify_all();
     m.prefetchThread.join();
   }
-  if (!m.profiling || !m.session) return;
-  if (m.runCount > 0)
-    std::fprintf(stderr, "[le_ort_profile] %ld frames: %.2f ms/frame in Session::Run\n",
-                 static_cast<long>(m.runCount), m.runMsTotal / static_cast<double>(m.runCount));
-  try {
-    Ort::AllocatorWithDefaultOptions alloc;
-    Ort::AllocatedStringPtr file = m.session->EndProfilingAllocated(alloc);
-    std::fprintf(stderr, "[le_ort_profile] %s\n", file.get());
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "[le_ort_profile] FAILED: %s\n", e.what());
+  if (m.profiling && m.session) {
+    if (m.runCount > 0)
+      std::fprintf(stderr, "[le_ort_profile] %ld frames: %.2f ms/frame in Session::Run\n",
+                   static_cast<long>(m.runCount), m.runMsTotal / static_cast<double>(m.runCount));
+    try {
+      Ort::AllocatorWithDefaultOptions alloc;
+      Ort::AllocatedStringPtr file = m.session->EndProfilingAllocated(alloc);
+      std::fprintf(stderr, "[le_ort_profile] %s\n", file.get());
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "[le_ort_profile] FAILED: %s\n", e.what());
+    }
   }
+  // Sessions first: their intra-op threads are joined there, before the buffers those threads
+  // read (the cone slots, the bound inputs) are freed.
+  m.binding.reset();
+  m.session.reset();
+  m.coneBinding.reset();
+  m.coneSession.reset();
 }
 
 const float* Renderer::render(const int32_t* sourceIdx, const float* kpSource,
