@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Installs the dependencies, builds and runs the tests.
-#   scripts/test.sh                 what CI runs: the whole suite in Release, the whole suite under
-#                                   AddressSanitizer + UndefinedBehaviorSanitizer, and the tests
-#                                   labelled threaded under ThreadSanitizer (three build trees)
-#   scripts/test.sh --release-only  only the Release suite
+#   scripts/test.sh                 what CI runs: the whole suite in Release
+#   scripts/test.sh --all           the Release suite, the whole suite under AddressSanitizer +
+#                                   UndefinedBehaviorSanitizer, and the tests labelled threaded under
+#                                   ThreadSanitizer (three build trees)
+#   scripts/test.sh --release-only  only the Release suite (the default)
 #   scripts/test.sh --quick         only the Release tests labelled quick
 #   scripts/test.sh --asan          only the suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   scripts/test.sh --tsan          only the threaded tests under ThreadSanitizer
@@ -15,15 +16,17 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
 
 usage() {
-  echo "usage: scripts/test.sh [--release-only|--quick|--asan|--tsan|--fuzz SECONDS]" >&2
+  echo "usage: scripts/test.sh [--all|--release-only|--quick|--asan|--tsan|--fuzz SECONDS]" >&2
   exit 2
 }
 
-phases=(release asan tsan)
+# Three clean sanitizer builds do not fit CI's time budget on two cores yet: CI runs Release.
+phases=(release)
 release_labels=()
 fuzz_seconds=
 while (($#)); do
   case "$1" in
+    --all) phases=(release asan tsan) ;;
     --release-only) phases=(release) ;;
     --quick) phases=(release); release_labels=(-L quick) ;;
     --asan) phases=(asan) ;;
