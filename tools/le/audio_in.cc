@@ -1,5 +1,7 @@
 #include "tools/le/audio_in.h"
 
+#include "le/le_ff.h"
+
 #include <memory>
 #include <stdexcept>
 
@@ -19,18 +21,6 @@ std::string avText(int code) {
   return buf;
 }
 
-struct InputCloser {
-  void operator()(AVFormatContext* f) const { avformat_close_input(&f); }
-};
-struct CodecFreer {
-  void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct PacketFreer {
-  void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct FrameFreer {
-  void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
 struct SwrFreer {
   void operator()(SwrContext* s) const { swr_free(&s); }
 };
@@ -121,10 +111,10 @@ class Decoder {
   }
 
   std::string path_;
-  std::unique_ptr<AVFormatContext, InputCloser> fmt_;
-  std::unique_ptr<AVCodecContext, CodecFreer> dec_;
-  std::unique_ptr<AVPacket, PacketFreer> pkt_;
-  std::unique_ptr<AVFrame, FrameFreer> frame_;
+  ff::FormatPtr fmt_;
+  ff::CodecPtr dec_;
+  ff::PacketPtr pkt_;
+  ff::FramePtr frame_;
   std::unique_ptr<SwrContext, SwrFreer> swr_;
   int stream_ = -1;
   int inRate_ = 0, inFormat_ = -1;
