@@ -1,7 +1,5 @@
 // Manifest key scanner, field readers and the manifest loader over arbitrary text: hits are
 // consistent, a chosen value is one of the hits, and every failure is a runtime error.
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -9,8 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/fuzz_scratch.h"
 #include "le/le_bundle.h"
-#include "le/le_imx.h"
 
 namespace {
 
@@ -67,16 +65,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   // The whole loader over the text as a bundle's manifest.
-  static const std::string dir = "/tmp/le_manifest_key_fuzz." + std::to_string(::getpid());
-  static const bool made = [] {
-    std::atexit([] { le::imx::rmTree(dir); });
-    return le::imx::mkdirs(dir);
-  }();
-  if (!made) std::abort();
-  if (std::FILE* f = std::fopen((dir + "/manifest.json").c_str(), "wb")) {
-    std::fwrite(text.data(), 1, text.size(), f);
-    std::fclose(f);
-  }
+  static const std::string& dir = le::fuzz::scratchDir("manifest_key_fuzz");
+  le::fuzz::putFile(dir + "/manifest.json", text.data(), text.size());
   try {
     const le::Manifest m = le::loadManifest(dir);
     if (m.NT < 1 || m.W < 1 || m.H < 1 || m.crop < 1 || m.M_src_w < 1 || m.M_src_h < 1) std::abort();

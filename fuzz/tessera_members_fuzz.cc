@@ -1,7 +1,6 @@
 // The member loader over an arbitrary manifest and sidecar: the first two bytes give the
 // manifest's length; the rest is the sidecar. Whatever loads must be self-consistent, and
 // nothing outside the bundle is ever named.
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -11,36 +10,23 @@
 #include <string>
 #include <vector>
 
-#include "le/le_imx.h"
+#include "fuzz/fuzz_scratch.h"
 #include "le/tessera/le_bundle_tessera.h"
-
-namespace {
-
-void put(const std::string& path, const char* p, size_t n) {
-  if (std::FILE* f = std::fopen(path.c_str(), "wb")) {
-    std::fwrite(p, 1, n, f);
-    std::fclose(f);
-  }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
-  static const std::string dir = "/tmp/le_tessera_members_fuzz." + std::to_string(::getpid());
+  static const std::string& dir = le::fuzz::scratchDir("tessera_members_fuzz");
   static const bool made = [] {
-    std::atexit([] { le::imx::rmTree(dir); });
-    if (!le::imx::mkdirs(dir)) return false;
-    put(dir + "/tessera_bank.v1.mp4", "t", 1);
-    put(dir + "/tessera_head.v1.pt", "w", 1);
-    put(dir + "/tessera_head.v1.json", "{}", 2);
+    le::fuzz::putFile(dir + "/tessera_bank.v1.mp4", "t", 1);
+    le::fuzz::putFile(dir + "/tessera_head.v1.pt", "w", 1);
+    le::fuzz::putFile(dir + "/tessera_head.v1.json", "{}", 2);
     return true;
   }();
-  if (!made) std::abort();
+  (void)made;
   const size_t split = std::min<size_t>(size - 2, size_t(data[0]) | size_t(data[1]) << 8);
   const char* text = reinterpret_cast<const char*>(data + 2);
-  put(dir + "/manifest.json", text, split);
-  put(dir + "/tessera_bank.v1.json", text + split, size - 2 - split);
+  le::fuzz::putFile(dir + "/manifest.json", text, split);
+  le::fuzz::putFile(dir + "/tessera_bank.v1.json", text + split, size - 2 - split);
 
   try {
     const le::TesseraCarriage c = le::tesseraCarriage(dir);
