@@ -4,8 +4,12 @@
 // ring of 8 frames hands them to the host. Between utterances the ring carries the drive video's
 // own frames; after speech a short ramp eases the face back to the idle pose.
 //
-// Locks: the main lock (with the main and the paste condition) and the dispatch lock. No thread
-// holds both; rendering, pasting and every keypoint-source call run without a lock, and every
+// With a borrow attached, the borrow stage sits between rendering and pasting: on its own thread
+// when the paste has one, else inline on the render thread. It holds one crop frame back, because
+// the borrowed mouth of a frame comes back with the next push.
+//
+// Locks: the main lock (with the main, the paste and the borrow condition) and the dispatch lock.
+// No thread holds both; rendering, pasting and every keypoint-source call run without a lock, and every
 // wait for space is a 2 ms timed wait that re-checks stop and the generation.
 #include <algorithm>
 #include <array>
@@ -26,15 +30,19 @@
 #include "le/le_bundle.h"
 #include "le/le_capi.h"
 #include "le/le_error.h"
+#include "le/pipeline/le_utt_borrow.h"
 #include "le/pipeline/le_utt_queues.h"
 #include "le/pipeline/le_utt_source.h"
 #include "le/render/le_renderer.h"
+#include "le/tessera/le_tessera_stream.h"
 
 namespace le::utt {
 namespace {
 
 constexpr int kRingSlots = 8;
 constexpr size_t kPasteJobs = 8;
+constexpr size_t kBorrowJobs = 2;
+constexpr size_t kPasteJobsAfterBorrow = 2;  // paste jobs while the borrow stage feeds the queue
 constexpr int kKpFrames = 32;
 constexpr auto kWaitStep = std::chrono::milliseconds(2);
 constexpr uint32_t kNoSpeech = 0xFFFFFFFFu;
@@ -135,12 +143,33 @@ struct DispatchSlot {
   int start = 0, direction = 1;
   int eager = 0;  // 0: unchanged
   bool finish = false;
+  bool fill = false;  // keep asking the source until it has nothing more or the slot is full
   int maxFrames = 0;
   int pulled = 0, remaining = 0, total = -1;
   std::string error;
   std::vector<int32_t> si = std::vector<int32_t>(kKpFrames);
   std::vector<float> xs = std::vector<float>(size_t(kKpFrames) * kKpFloats);
   std::vector<float> xd = std::vector<float>(size_t(kKpFrames) * kKpFloats);
+};
+
+// The attached borrow (main lock). The pass itself is driven without the lock by the one thread
+// that runs the borrow stage; shared so that a re-attachment can replace it meanwhile.
+struct Borrow {
+  std::shared_ptr<le::tessera::StreamBorrow> pass;
+  uint64_t epoch = 0;  // attachments so far
+  std::string geometry, reason;
+  uint64_t written = 0, skipped = 0;
+  bool failed = false;
+  int64_t synthFrames = 0;
+  double synthSum = 0, synthMax = 0;
+};
+
+// The crop frame the borrow stage holds back (touched only by the thread running the stage).
+struct Held {
+  PasteJob job;
+  bool holding = false;
+  std::shared_ptr<le::tessera::StreamBorrow> pass;  // the pass the frame was pushed into
+  uint64_t epoch = 0;
 };
 
 // Counters of the stage report.
@@ -175,15 +204,24 @@ struct le_utt {
   void stats(le_utt_stats* s);
   int renderStatus(char* text, int capacity, uint64_t* count);
 
+  // ---- borrow attachment -----------------------------------------------------------------------
+  const le_ctx& context() const { return *ctx_; }
+  const std::vector<float>& targets() const { return targets_; }
+  void attachBorrow(std::shared_ptr<le::tessera::StreamBorrow> pass, const std::string& geometry);
+  le::utt::BorrowReport borrowReport();
+
  private:
   // ---- threads -------------------------------------------------------------------------------
   void warmMain();
   void dispatchMain();
   void renderMain();
   void pasteMain();
+  void borrowMain();
 
   // ---- render thread -------------------------------------------------------------------------
   void adoptGeneration(uint64_t gen);
+  // An interrupt or destruction has made the frame in hand worthless.
+  bool stale();
   bool collectJob(bool wait);
   void postJob(bool finishNow);
   void startRamp(int length, int si, const float* xd);
@@ -203,6 +241,23 @@ struct le_utt {
   // Waits (2 ms steps) until pred holds; false when stop or a newer generation came first.
   template <class Pred>
   bool waitFor(std::unique_lock<std::mutex>& lk, uint64_t gen, Pred pred);
+
+  // ---- borrow stage (the borrow thread, or the render thread inline) ------------------------
+  // Runs one job through the borrow: out receives the frames that go on to the paste, in order
+  // (the held frame with its borrowed mouth, an idle frame). False when the job was refused (a
+  // failed borrow, a stale generation).
+  bool borrowStep(le::utt::PasteJob&& job, std::vector<le::utt::PasteJob>& out, bool threaded);
+  // Flushes the held frame's pass, discarding the result, and drops the frame.
+  void dropHeld();
+  // The outcome of a push or flush for the held frame: a written mouth sends it on, a skip or
+  // exception fails the borrow and drops it. Returns false when the borrow failed.
+  bool settleHeld(bool emitted, const le::tessera::FrameResult& r, uint64_t epoch,
+                  std::vector<le::utt::PasteJob>& out, bool threaded);
+  void failBorrow(uint64_t epoch, const std::string& reason, bool skipped);
+  void recycle(le::utt::PasteJob& job);
+  // The borrow thread hands a frame to the paste thread (at most 2 queued); false when stopping
+  // or its generation went stale.
+  bool handOn(le::utt::PasteJob& job);
 
   void recordFailure(const char* stage, const std::string& reason, bool fatal);
   void printStageReport();
@@ -225,6 +280,7 @@ struct le_utt {
   bool ended_ = false;
   bool stop_ = false;
   uint64_t generation_ = 0;
+  bool runsCancelled_ = false;  // an interrupt stopped the renderers' runs until the new generation
   bool holdStaged_ = false;  // the render thread leaves staged audio for the next utterance
   bool jobSignal_ = false;   // a dispatch job completed
   double lastPushMs_ = 0;
@@ -246,6 +302,10 @@ struct le_utt {
   int32_t lastPulledSi_ = -1;
   Kp lastPulledXd_{};
   le::utt::StageCounters stage_;
+  le::utt::Borrow borrow_;
+  std::condition_variable borrowCv_;  // the borrow thread's
+  le::utt::FixedQueue<le::utt::PasteJob> borrowQ_{le::utt::kBorrowJobs};
+  bool borrowThreaded_ = false;  // the borrow thread runs
   // Mirrors of stop_ and generation_ for the render thread's waits on the dispatch lock.
   std::atomic<bool> stopFlag_{false};
   std::atomic<uint64_t> genFlag_{0};
@@ -281,7 +341,10 @@ struct le_utt {
   Kp lastSpeechXd_{};
   double renderAvg_ = -1;
 
-  std::thread warm_, dispatch_, render_, paste_;
+  // ---- the thread running the borrow stage -------------------------------------------------
+  le::utt::Held held_;
+
+  std::thread warm_, dispatch_, render_, paste_, borrowThread_;
 };
 
 // ---- construction and destruction -------------------------------------------------------------
@@ -315,7 +378,9 @@ le_utt::~le_utt() {
     stopFlag_ = true;
   }
   cv_.notify_all();
+  borrowCv_.notify_all();
   pasteCv_.notify_all();
+  if (borrowThread_.joinable()) borrowThread_.join();
   if (paste_.joinable()) paste_.join();
   render_.join();
   warm_.join();
@@ -325,6 +390,8 @@ le_utt::~le_utt() {
   }
   dcv_.notify_all();
   dispatch_.join();
+  // The context outlives the pipeline: an interrupt's cut must not stay on its renderer.
+  if (runsCancelled_) ctx_->renderer->resumeRuns();
   source_.reset();
   if (std::getenv("LE_UTT_STAGE_REPORT")) printStageReport();
 }
@@ -368,14 +435,19 @@ void le_utt::warmMain() {
     }
   }
 
-  // One frame through each renderer, so the first speech frame does not pay for first runs.
+  // Frames through each renderer, so the first speech frame does not pay for first runs: ONNX
+  // Runtime plans its memory on the first run and allocates it on the second, and the split
+  // director's two boundary slots are each bound once.
   const le::Drive& drive = ctx_->drive;
   if (drive.frames >= 1) {
-    const int32_t si = drive.si[0];
-    const float* xs = drive.xs.data();
     try {
-      main.render(&si, xs, xs, 1);
-      if (chunk) chunk->render(&si, xs, xs, 1);
+      for (int k = 0; k < 2; ++k) {
+        const int f = std::min(k, drive.frames - 1);
+        const int32_t si = drive.si[size_t(f)];
+        const float* xs = drive.xs.data() + size_t(f) * kKpFloats;
+        main.render(&si, xs, xs, 1);
+        if (chunk) chunk->render(&si, xs, xs, 1);
+      }
     } catch (const std::exception& e) {
       recordFailure("warm-up", e.what(), false);
     }
@@ -428,14 +500,25 @@ void le_utt::interrupt() {
     staged_.clear();
     ended_ = false;
     head_ = tail_;
-    pasteQ_.drain([&](le::utt::PasteJob&& j) {
+    const auto spare = [&](le::utt::PasteJob&& j) {
       if (!j.crop.empty()) spareCrops_.push_back(std::move(j.crop));
-    });
+    };
+    pasteQ_.drain(spare);
+    borrowQ_.drain(spare);
     haveFirstPush_ = false;
     ++generation_;
     genFlag_ = generation_;
+    // The frame on the render thread belongs to the cut utterance: its run stops now instead of
+    // finishing, so the first ramp frame waits for one run, not two. Only speech and ramp frames
+    // render outside idle, so warm-up runs are never cut.
+    if (state_ != le::utt::kIdle) {
+      runsCancelled_ = true;
+      ctx_->renderer->cancelRuns();
+      if (chunk_) chunk_->cancelRuns();
+    }
   }
   cv_.notify_all();
+  borrowCv_.notify_all();
 }
 
 int le_utt::framesAvailable() {
@@ -501,7 +584,8 @@ void le_utt::printStageReport() {
                  "counter never advanced (pipe=%d jobsB=%lld jobsC=0, %lld speech frames delivered). "
                  "stageA/stageB/stageC and the deliver latency are NOT reported rather than reported "
                  "as zero: on this path the paste does not run through the counted queue.\n",
-                 0, static_cast<long long>(c.jobsB), static_cast<long long>(stats_.speechFramesPulled));
+                 borrowThreaded_ ? 1 : 0, static_cast<long long>(c.jobsB),
+                 static_cast<long long>(stats_.speechFramesPulled));
     return;
   }
   const double a = avg(c.stageAMs, c.stageAFrames), w = avg(c.stageAWaitMs, c.stageAFrames);
@@ -509,7 +593,8 @@ void le_utt::printStageReport() {
                "[le_utt-stage] pipe=%d jobsB=%lld jobsC=%lld stageA_ms=%.3f stageA_work_ms=%.3f "
                "stageA_wait_ms=%.3f stageB_ms=%.3f stageC_ms=%.3f deliver_lat_ms=%.3f over %lld "
                "speech frames\n",
-               0, static_cast<long long>(c.jobsB), static_cast<long long>(c.jobsC), a, a - w, w,
+               borrowThreaded_ ? 1 : 0, static_cast<long long>(c.jobsB), static_cast<long long>(c.jobsC), a,
+               a - w, w,
                avg(c.stageBMs, c.jobsB), avg(c.stageCMs, c.jobsC), avg(c.deliverMs, c.deliverFrames),
                static_cast<long long>(c.deliverFrames));
 }
@@ -534,8 +619,19 @@ void le_utt::dispatchMain() {
       if (!j.samples.empty()) src->push(j.samples.data(), int(j.samples.size()));
       if (j.finish) src->finish();
       avail = src->avail();
-      if (avail >= 1 && j.maxFrames >= 1)
-        pulled = src->pull(j.si.data(), j.xs.data(), j.xd.data(), std::min(avail, j.maxFrames));
+      // A filling job takes every frame the source can make of its audio, asking again while
+      // each answer is used up (the audio-to-expression stream advances one block per question),
+      // so the steady chunk renderer sees whole batches.
+      for (;;) {
+        const int want = std::min(avail, j.maxFrames - pulled);
+        if (want < 1) break;
+        const size_t at = size_t(pulled);
+        const int got = src->pull(j.si.data() + at, j.xs.data() + at * kKpFloats, j.xd.data() + at * kKpFloats, want);
+        pulled += std::max(got, 0);
+        avail -= std::max(got, 0);
+        if (got < want || !j.fill || pulled >= j.maxFrames) break;
+        avail = src->avail();
+      }
       total = src->total();
     } catch (const std::exception& e) {
       error = e.what();
@@ -543,7 +639,7 @@ void le_utt::dispatchMain() {
     }
     lk.lock();
     j.pulled = pulled;
-    j.remaining = std::max(0, avail - pulled);
+    j.remaining = std::max(0, avail);
     j.total = total;
     j.error = std::move(error);
     j.done = true;
@@ -575,6 +671,7 @@ void le_utt::startRamp(int length, int si, const float* xd) {
 
 void le_utt::adoptGeneration(uint64_t gen) {
   myGen_ = gen;
+  if (!pipelined_ && held_.holding) dropHeld();
   active_ = finishing_ = finishSent_ = resetPending_ = false;
   pending_.clear();
   kpq_.clear();
@@ -585,6 +682,11 @@ void le_utt::adoptGeneration(uint64_t gen) {
   Kp xd;
   {
     std::lock_guard<std::mutex> lk(mu_);
+    if (runsCancelled_ && generation_ == gen) {
+      runsCancelled_ = false;
+      ctx_->renderer->resumeRuns();
+      if (chunk_) chunk_->resumeRuns();
+    }
     kind = lastPulledKind_;
     si = lastPulledSi_;
     xd = lastPulledXd_;
@@ -597,6 +699,11 @@ void le_utt::adoptGeneration(uint64_t gen) {
     walk_ = (si + 1) % nt_;
     setState(le::utt::kIdle);
   }
+}
+
+bool le_utt::stale() {
+  std::lock_guard<std::mutex> lk(mu_);
+  return stop_ || generation_ != myGen_;
 }
 
 // Takes a finished dispatch job's results; with wait, waits for it (2 ms steps re-checking stop
@@ -643,6 +750,9 @@ void le_utt::postJob(bool finishNow) {
     j.eager = eagerWanted_ != eagerSent_ ? eagerWanted_ : 0;
     j.finish = finishNow;
     j.maxFrames = kpq_.capacity() - kpq_.queued();
+    // Once speech is rendering, fill the queue for the chunk renderer; the first job of an
+    // utterance takes what is ready at once, so the first frame is not held back.
+    j.fill = chunkR_ && speechCounter_ > 0;
     j.done = false;
     j.posted = true;
     j.error.clear();
@@ -688,14 +798,26 @@ bool le_utt::waitFor(std::unique_lock<std::mutex>& lk, uint64_t gen, Pred pred) 
   return !stop_ && generation_ == gen;
 }
 
-// Hands a finished crop (null for an idle frame) to the paste stage. False when it was not
-// accepted (stop, or an interrupt made it stale).
+// Hands a finished crop (null for an idle frame) to the borrow or the paste stage. False when it
+// was not accepted (stop, an interrupt made it stale, a failed borrow refused it).
 bool le_utt::enqueueFrame(const float* crop, uint32_t kind, int32_t si, uint32_t speechIndex,
                           const float* xd, double renderMs) {
   const double t0 = le::utt::nowMs();
   double waitMs = 0;
-  bool accepted;
-  if (pipelined_) {
+  bool borrowed, threaded;
+  {
+    std::unique_lock<std::mutex> lk(mu_);
+    if (borrow_.pass && borrow_.failed) {
+      // Every frame is refused until a new attachment: wait for one rather than making the frame
+      // again on every pass.
+      cv_.wait(lk, [&] { return stop_ || generation_ != myGen_ || !borrow_.failed; });
+      if (stop_ || generation_ != myGen_ || borrow_.failed) return false;
+      waitMs = le::utt::nowMs() - t0;
+    }
+    borrowed = borrow_.pass != nullptr;
+    threaded = borrowThreaded_;
+  }
+  const auto makeJob = [&] {
     le::utt::PasteJob job;
     job.hasCrop = crop != nullptr;
     if (crop) {
@@ -708,17 +830,37 @@ bool le_utt::enqueueFrame(const float* crop, uint32_t kind, int32_t si, uint32_t
     if (xd) std::copy(xd, xd + kKpFloats, job.xd.begin());
     job.gen = myGen_;
     job.uttStartMs = uttStartMs_;
+    return job;
+  };
+  bool accepted;
+  if (pipelined_) {
+    le::utt::PasteJob job = makeJob();
+    auto& q = threaded ? borrowQ_ : pasteQ_;
     std::unique_lock<std::mutex> lk(mu_);
     const double w0 = le::utt::nowMs();
-    accepted = waitFor(lk, myGen_, [&] { return !pasteQ_.full(); });
-    waitMs = le::utt::nowMs() - w0;
+    accepted = waitFor(lk, myGen_, [&] { return !q.full(); });
+    waitMs += le::utt::nowMs() - w0;
     if (accepted) {
       job.enqueueMs = le::utt::nowMs();
-      pasteQ_.push(std::move(job));
+      q.push(std::move(job));
       lk.unlock();
-      pasteCv_.notify_one();
+      (threaded ? borrowCv_ : pasteCv_).notify_one();
     } else if (!job.crop.empty()) {
       spareCrops_.push_back(std::move(job.crop));
+    }
+  } else if (borrowed) {
+    std::vector<le::utt::PasteJob> out;
+    le::utt::PasteJob job = makeJob();
+    job.enqueueMs = t0;
+    accepted = borrowStep(std::move(job), out, false);
+    for (le::utt::PasteJob& j : out) {
+      try {
+        pasteIntoRing(j.hasCrop ? j.crop.data() : nullptr, j.kind, j.si, j.speechIndex, j.xd.data(), j.gen,
+                      j.uttStartMs, j.enqueueMs, false);
+      } catch (const std::exception& e) {
+        recordFailure("paste", e.what(), true);
+      }
+      recycle(j);
     }
   } else {
     try {
@@ -801,6 +943,7 @@ bool le_utt::renderSpeech(int n) {
       crops = chunkR_->render(si, xs, xd, k);
       perFrameMs = (le::utt::nowMs() - t0) / k;
     } catch (const std::exception& e) {
+      if (stale()) return false;
       recordFailure("b24 chunk", e.what(), false);
       crops = nullptr;
     }
@@ -816,7 +959,7 @@ bool le_utt::renderSpeech(int n) {
       try {
         crop = main.render(&si[i], xs + size_t(i) * kKpFloats, xd + size_t(i) * kKpFloats, 1);
       } catch (const std::exception& e) {
-        recordFailure("render", e.what(), true);
+        if (!stale()) recordFailure("render", e.what(), true);
         break;  // the frame stays queued for the next pass
       }
       ms = le::utt::nowMs() - t0;
@@ -845,6 +988,7 @@ bool le_utt::renderRampFrame() {
   try {
     crop = ctx_->renderer->render(&si, t, xd.data(), 1);
   } catch (const std::exception& e) {
+    if (stale()) return false;
     recordFailure("ramp", e.what(), true);
   }
   if (crop && !enqueueFrame(crop, LE_UTT_KIND_RAMP, si, le::utt::kNoSpeech, xd.data(), 0))
@@ -879,7 +1023,7 @@ void le_utt::renderMain() {
       gen = generation_;
       lastPush = lastPushMs_;
       inRing = int(tail_ - head_);
-      inPaste = pasteQ_.size();
+      inPaste = pasteQ_.size() + borrowQ_.size();
     }
     if (gen != myGen_) adoptGeneration(gen);
     const bool collected = collectJob(false);
@@ -901,6 +1045,9 @@ void le_utt::renderMain() {
         speechCounter_ = 0;
         kpq_.clear();
         resetPending_ = true;
+        // The first speech frame shows the walk position: its source cone is computed while the
+        // keypoint source works on the audio.
+        ctx_->renderer->prefetchSource(walk_);
         {
           std::lock_guard<std::mutex> lk(mu_);
           uttStartMs_ = haveFirstPush_ ? firstPushMs_ : le::utt::nowMs();
@@ -975,6 +1122,219 @@ void le_utt::renderMain() {
   }
 }
 
+// ---- borrow stage -----------------------------------------------------------------------------
+
+void le_utt::attachBorrow(std::shared_ptr<le::tessera::StreamBorrow> pass, const std::string& geometry) {
+  std::shared_ptr<le::tessera::StreamBorrow> old;
+  {
+    std::lock_guard<std::mutex> lk(mu_);
+    if (pipelined_ && !borrowThreaded_) {
+      borrowThread_ = std::thread(&le_utt::borrowMain, this);
+      borrowThreaded_ = true;
+    }
+    old = std::move(borrow_.pass);
+    borrow_.pass = std::move(pass);
+    ++borrow_.epoch;
+    borrow_.geometry = geometry;
+    borrow_.reason.clear();
+    borrow_.written = borrow_.skipped = 0;
+    borrow_.failed = false;
+    borrow_.synthFrames = 0;
+    borrow_.synthSum = borrow_.synthMax = 0;
+  }
+  cv_.notify_all();
+  borrowCv_.notify_all();
+}
+
+le::utt::BorrowReport le_utt::borrowReport() {
+  std::lock_guard<std::mutex> lk(mu_);
+  le::utt::BorrowReport r;
+  r.attached = borrow_.pass != nullptr;
+  r.failed = borrow_.failed;
+  r.written = borrow_.written;
+  r.skipped = borrow_.skipped;
+  r.reason = borrow_.reason;
+  r.geometry = borrow_.geometry;
+  r.synthFrames = borrow_.synthFrames;
+  r.synthSum = borrow_.synthSum;
+  r.synthMax = borrow_.synthMax;
+  return r;
+}
+
+void le_utt::recycle(le::utt::PasteJob& job) {
+  if (job.crop.empty()) return;
+  std::lock_guard<std::mutex> lk(mu_);
+  spareCrops_.push_back(std::move(job.crop));
+}
+
+void le_utt::failBorrow(uint64_t epoch, const std::string& reason, bool skipped) {
+  std::lock_guard<std::mutex> lk(mu_);
+  if (borrow_.epoch != epoch) return;  // a newer attachment is not touched by the old one's end
+  if (skipped) ++borrow_.skipped;
+  borrow_.reason = reason.empty() ? "unknown failure" : reason;
+  borrow_.failed = true;
+}
+
+void le_utt::dropHeld() {
+  if (!held_.holding) return;
+  held_.holding = false;
+  le::tessera::FrameResult discarded;
+  try {
+    held_.pass->flush(discarded);
+  } catch (const std::exception& e) {
+    failBorrow(held_.epoch, e.what(), false);
+  }
+  held_.pass.reset();
+  recycle(held_.job);
+}
+
+bool le_utt::settleHeld(bool emitted, const le::tessera::FrameResult& r, uint64_t epoch,
+                        std::vector<le::utt::PasteJob>& out, bool threaded) {
+  if (!held_.holding) return true;
+  held_.holding = false;
+  std::shared_ptr<le::tessera::StreamBorrow> pass = std::move(held_.pass);
+  if (!emitted && threaded) {
+    out.push_back(std::move(held_.job));  // delivered without a borrowed mouth
+    return true;
+  }
+  if (!emitted || r.skip) {
+    failBorrow(epoch,
+               emitted ? r.reason
+                       : "flush: the pass held no pending frame while a crop was held — refusing to deliver it "
+                         "uncomposed",
+               emitted);
+    recycle(held_.job);
+    return false;
+  }
+  le::tessera::StreamBorrow::writeWindowDelta(held_.job.crop.data(), pass->canvas(), r, pass->stamp());
+  {
+    std::lock_guard<std::mutex> lk(mu_);
+    if (borrow_.epoch == epoch) ++borrow_.written;
+  }
+  out.push_back(std::move(held_.job));
+  return true;
+}
+
+bool le_utt::borrowStep(le::utt::PasteJob&& job, std::vector<le::utt::PasteJob>& out, bool threaded) {
+  std::shared_ptr<le::tessera::StreamBorrow> pass;
+  uint64_t epoch, gen;
+  bool failed;
+  {
+    std::lock_guard<std::mutex> lk(mu_);
+    pass = borrow_.pass;
+    epoch = borrow_.epoch;
+    failed = borrow_.failed;
+    gen = generation_;
+  }
+  // A newer generation: the held frame belongs to the cut utterance.
+  if (held_.holding && held_.job.gen != gen) dropHeld();
+  if (job.gen != gen || failed || !pass) {
+    recycle(job);
+    return false;
+  }
+  const auto measured = [&](const le::tessera::StreamBorrow& p, uint64_t e) {
+    const le::tessera::TeethPass::Stats& st = p.stats();
+    std::lock_guard<std::mutex> lk(mu_);
+    if (borrow_.epoch != e) return;
+    borrow_.synthFrames = st.frames;
+    borrow_.synthSum = st.sum_mean;
+    borrow_.synthMax = st.max;
+  };
+  try {
+    // Re-attached since the held frame was pushed: it takes its mouth from its own pass.
+    if (held_.holding && held_.epoch != epoch) {
+      le::tessera::FrameResult r;
+      const uint64_t heldEpoch = held_.epoch;
+      const bool emitted = held_.pass->flush(r);
+      settleHeld(emitted, r, heldEpoch, out, threaded);
+    }
+    le::tessera::FrameResult r;
+    if (job.hasCrop) {
+      const bool emitted = pass->push(job.crop.data(), job.xd.data(), r);
+      measured(*pass, epoch);
+      if (held_.holding && !settleHeld(emitted, r, epoch, out, threaded)) {
+        recycle(job);
+        return false;
+      }
+      held_.job = std::move(job);
+      held_.pass = std::move(pass);
+      held_.epoch = epoch;
+      held_.holding = true;
+      return true;
+    }
+    if (held_.holding) {
+      const bool emitted = held_.pass->flush(r);
+      measured(*held_.pass, epoch);
+      if (!settleHeld(emitted, r, epoch, out, threaded)) {
+        recycle(job);
+        return false;
+      }
+    }
+    out.push_back(std::move(job));
+    return true;
+  } catch (const std::exception& e) {
+    failBorrow(epoch, e.what(), false);
+  }
+  if (held_.holding) {
+    held_.holding = false;
+    held_.pass.reset();
+    recycle(held_.job);
+  }
+  recycle(job);
+  return false;
+}
+
+bool le_utt::handOn(le::utt::PasteJob& job) {
+  std::unique_lock<std::mutex> lk(mu_);
+  while (pasteQ_.size() >= le::utt::kPasteJobsAfterBorrow) {
+    if (stop_ || generation_ != job.gen) return false;
+    borrowCv_.wait_for(lk, le::utt::kWaitStep);
+  }
+  if (stop_ || generation_ != job.gen) return false;
+  pasteQ_.push(std::move(job));
+  lk.unlock();
+  pasteCv_.notify_one();
+  return true;
+}
+
+void le_utt::borrowMain() {
+  std::vector<le::utt::PasteJob> out;
+  for (;;) {
+    le::utt::PasteJob job;
+    bool have = false;
+    {
+      std::unique_lock<std::mutex> lk(mu_);
+      borrowCv_.wait(lk, [&] {
+        return stop_ || !borrowQ_.empty() || (held_.holding && held_.job.gen != generation_);
+      });
+      if (stop_) return;
+      if (!borrowQ_.empty()) {
+        job = borrowQ_.pop();
+        have = true;
+      }
+    }
+    if (!have) {
+      dropHeld();  // an interrupt cut the held frame's utterance
+      continue;
+    }
+    cv_.notify_all();
+    const uint64_t gen = job.gen;
+    const double t0 = le::utt::nowMs();
+    out.clear();
+    borrowStep(std::move(job), out, true);
+    const double t1 = le::utt::nowMs();
+    {
+      std::lock_guard<std::mutex> lk(mu_);
+      if (gen == generation_) {
+        ++stage_.jobsB;
+        stage_.stageBMs += t1 - t0;
+      }
+    }
+    for (le::utt::PasteJob& j : out)
+      if (!handOn(j)) recycle(j);
+  }
+}
+
 // ---- paste thread -----------------------------------------------------------------------------
 
 void le_utt::pasteMain() {
@@ -985,6 +1345,7 @@ void le_utt::pasteMain() {
       pasteCv_.wait(lk, [&] { return stop_ || !pasteQ_.empty(); });
       if (stop_) return;
       job = pasteQ_.pop();
+      borrowCv_.notify_all();
       if (job.gen != generation_) {
         if (!job.crop.empty()) spareCrops_.push_back(std::move(job.crop));
         lk.unlock();
@@ -1063,3 +1424,16 @@ LE_API int le_utt_render_status(le_utt* utt, char* text, int capacity, uint64_t*
 }
 
 }  // extern "C"
+
+// ---- what the borrow's flat functions reach ---------------------------------------------------
+
+namespace le::utt {
+
+const le_ctx& context(const le_utt& u) { return u.context(); }
+const std::vector<float>& targets(const le_utt& u) { return u.targets(); }
+void attachBorrow(le_utt& u, std::unique_ptr<le::tessera::StreamBorrow> pass, const std::string& geometry) {
+  u.attachBorrow(std::move(pass), geometry);
+}
+BorrowReport borrowReport(le_utt& u) { return u.borrowReport(); }
+
+}  // namespace le::utt

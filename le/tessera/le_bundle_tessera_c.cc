@@ -9,6 +9,7 @@
 #include <string>
 
 #include "le/le.h"
+#include "le/le_error.h"
 #include "le/tessera/le_bundle_tessera.h"
 
 struct le_tessera_carriage {
@@ -23,12 +24,7 @@ struct le_tessera_members {
 
 namespace {
 
-void copyErr(char* buf, size_t cap, const char* msg) {
-  if (!buf || cap == 0) return;
-  const size_t n = std::min(cap - 1, std::strlen(msg));
-  std::memcpy(buf, msg, n);
-  buf[n] = '\0';
-}
+void copyErr(char* buf, size_t cap, const char* msg) { le::err::copyOut(buf, cap, msg); }
 
 // A carriage that carries nothing: what a failed query reports.
 le::TesseraCarriage emptyCarriage() {

@@ -1,0 +1,362 @@
+// ctest-label: threaded
+// The teeth retrieval pass beside a plain-loop reference over frame sequences (explicit and
+// derived shifts, skipped frames, a broken frame run, odd windows, off-canvas shifts, real
+// PyTorch head weights), its refusals, the selection rules and the temporal edge cases.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "le/le.h"
+#include "le/le_bundle.h"
+#include "le/le_simd.h"
+#include "le/tessera/le_tessera.h"
+#include "tests/bundle_fixture.h"
+#include "tests/tessera_reference.h"
+#include "tools/forge/forge_tessera.h"
+
+namespace {
+
+using le::tessera::BankData;
+using le::tessera::FrameResult;
+using le::tessera::GeometryStamp;
+using le::tessera::ServeConfig;
+using le::tessera::Shift;
+using le::tessera::TeethPass;
+using le::testing::thrown;
+
+GeometryStamp stampOf(bool odd) {
+  GeometryStamp s;
+  s.canvas_w = s.canvas_h = 48;
+  s.window_x0 = odd ? 1 : 12;  // the odd window sits at the edge: shifts reach off the canvas
+  s.window_y0 = 24;
+  s.window_w = odd ? 21 : 20;
+  s.window_h = odd ? 15 : 16;
+  s.pad = 3;
+  s.band_r0 = 4;
+  s.band_r1 = odd ? 11 : 12;
+  s.band_c0 = 4;
+  s.band_c1 = odd ? 17 : 16;
+  s.shift_margin = 2;
+  return s;
+}
+
+ServeConfig configOf(int kshort, int cut, int K, double tol = 0.5) {
+  ServeConfig c;
+  c.kshort = kshort, c.cut = cut, c.K = K, c.aperture_tol = tol, c.hysteresis = 2, c.lookahead = 2;
+  return c;
+}
+
+le::tessera::HeadWeights forgedHead() {
+  le::tessera::HeadWeights w;
+  const auto ts = le::forge::headTensors(true);
+  for (size_t i = 0; i < ts.size(); ++i) w.t[i] = ts[i].values;
+  return w;
+}
+
+// A canvas with skin, a mouth centred at (cx, cy) opened by `open` (0..1; teeth show from about
+// 0.3) and its delivery mask; teeth < 0 paints the interior dark, > 1 paints it red.
+void drawMouth(const GeometryStamp& s, double cx, double cy, double open, double teeth, uint32_t seed,
+               std::vector<uint8_t>& rgb, std::vector<uint8_t>& mask) {
+  std::mt19937 rng(seed);
+  std::uniform_int_distribution<int> noise(-6, 6);
+  rgb.assign(size_t(s.canvas_w) * s.canvas_h * 3, 0);
+  mask.assign(size_t(s.canvas_w) * s.canvas_h, 0);
+  const double rx = 7.5, ry = 1.0 + 5.0 * open;
+  for (int y = 0; y < s.canvas_h; ++y)
+    for (int x = 0; x < s.canvas_w; ++x) {
+      const double u = (x - cx) / rx, v = (y - cy) / ry;
+      const double e = u * u + v * v;
+      int c[3] = {205, 150, 128};
+      if (e < 1.0) {
+        const bool tooth = teeth >= 0 && teeth <= 1 && std::fabs(y - (cy - 0.45 * ry)) < 0.35 * ry + 0.5 &&
+                           (x + seed) % 5 != 0;
+        if (tooth)
+          c[0] = int(200 + 40 * teeth), c[1] = int(198 + 40 * teeth), c[2] = 190;
+        else if (teeth > 1)
+          c[0] = 170, c[1] = 40, c[2] = 50;
+        else
+          c[0] = 45, c[1] = 22, c[2] = 28;
+      }
+      for (int k = 0; k < 3; ++k) rgb[(size_t(y) * s.canvas_w + x) * 3 + k] = uint8_t(std::clamp(c[k] + noise(rng), 0, 255));
+      const double m = std::sqrt(u * u / 1.44 + (y - cy) * (y - cy) / ((ry + 2) * (ry + 2)));
+      mask[size_t(y) * s.canvas_w + x] = uint8_t(std::clamp(255.0 * (1.6 - m) / 0.6, 0.0, 255.0));
+    }
+}
+
+// n donors with mouths at canonical position + small offsets and varied openings.
+BankData bankOf(const GeometryStamp& s, int n, uint32_t seed) {
+  BankData b;
+  b.stamp = s;
+  b.n_donors = n;
+  b.c_canon = {s.window_x0 + s.window_w / 2.0, s.window_y0 + s.window_h / 2.0};
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> u(0, 1);
+  const int bw = s.bandW(), bh = s.bandH();
+  const int x0 = s.window_x0 + s.band_c0 - s.shift_margin, y0 = s.window_y0 + s.band_r0 - s.shift_margin;
+  for (int d = 0; d < n; ++d) {
+    const double cx = b.c_canon[0] + 4 * u(rng) - 2, cy = b.c_canon[1] + 4 * u(rng) - 2, open = u(rng);
+    std::vector<uint8_t> rgb, mask;
+    drawMouth(s, cx, cy, open, u(rng), seed + d, rgb, mask);
+    for (int y = 0; y < bh; ++y)
+      for (int x = 0; x < bw; ++x)
+        for (int k = 0; k < 3; ++k) {
+          const int cyy = y0 + y, cxx = x0 + x;
+          const bool in = cyy >= 0 && cyy < s.canvas_h && cxx >= 0 && cxx < s.canvas_w;
+          b.band.push_back(in ? rgb[(size_t(cyy) * s.canvas_w + cxx) * 3 + k] : 0);
+        }
+    b.cent.push_back(cx);
+    b.cent.push_back(cy);
+    b.aperture.push_back(10 * open);
+  }
+  return b;
+}
+
+void expectSame(const FrameResult& got, const le::testref::RefResult& want, const std::string& what) {
+  EXPECT_EQ(got.skip, want.skip) << what;
+  EXPECT_EQ(got.reason, want.reason) << what;
+  EXPECT_EQ(got.candidates, want.candidates) << what;
+  ASSERT_EQ(got.window.size(), want.window.size()) << what;
+  size_t diff = 0;
+  for (size_t i = 0; i < got.window.size(); ++i) diff += got.window[i] != want.window[i];
+  EXPECT_EQ(diff, 0u) << what;
+}
+
+TEST(TesseraPass, MatchesPlainLoopReferenceOverFrames) {
+  struct Case {
+    bool odd;
+    int n;
+    ServeConfig cfg;
+    bool realHead;
+  };
+  const Case cases[] = {
+      {false, 11, configOf(5, 4, 3), false},
+      {true, 7, configOf(3, 3, 4, 0.2), true},    // odd window, padded selections, PyTorch's weights
+      {false, 6, configOf(9, 9, 2, 10.0), true},  // kshort over n: every donor re-ranked
+  };
+  for (const Case& cs : cases) {
+    const GeometryStamp s = stampOf(cs.odd);
+    const BankData bank = bankOf(s, cs.n, cs.odd ? 7 : 3);
+    const le::tessera::HeadWeights head =
+        cs.realHead ? le::tessera::loadHeadPt([] {
+          const std::string t = le::readFile("/work/shared/data/torch/blend16_state_dict.pt");
+          return std::vector<uint8_t>(t.begin(), t.end());
+        }())
+                    : forgedHead();
+    TeethPass pass(bank, head, cs.cfg);
+    TeethPass probe(bank, head, cs.cfg);  // the retrieval's parts, in step with the reference
+    le::testref::RefPass ref(bank, head, cs.cfg);
+
+    // the pooled index, widened, equals the reference's half-rounded block means
+    std::vector<float> idx(pass.pooledIndex().size());
+    le::simd::f16ToF32(pass.pooledIndex().data(), idx.data(), idx.size());
+    ASSERT_EQ(idx, ref.index);
+
+    // frame i: mouth moved by (dy, dx), opening varies; some shifts given, some derived
+    struct F {
+      int index, dy, dx;
+      bool give, empty;
+      double open;
+    };
+    const F frames[] = {{0, 0, 0, true, false, 0.8},   {1, 1, -2, false, false, 0.6}, {2, -3, 3, true, false, 0.9},
+                        {3, 2, -3, false, false, 0.3}, {4, 0, 0, false, true, 0.5},   {5, 3, 1, true, false, 0.7},
+                        {6, 4, 0, true, false, 0.7},   {7, -1, -3, false, false, 0.4}, {9, 0, 2, true, false, 1.0},
+                        {10, -2, -1, true, false, 0.2}};
+    int filled = 0;
+    for (const F& f : frames) {
+      std::vector<uint8_t> rgb, mask;
+      drawMouth(s, bank.c_canon[0] + f.dx, bank.c_canon[1] + f.dy, f.open, 0.5, 100 + f.index, rgb, mask);
+      if (f.empty) std::fill(mask.begin(), mask.end(), 127);
+      const Shift sh{f.dy, f.dx};
+      FrameResult got;
+      le::testref::RefResult want;
+      const bool a = pass.push(f.index, rgb.data(), mask.data(), f.give ? &sh : nullptr, got);
+      const bool b = ref.push(f.index, rgb.data(), mask.data(), f.give ? &sh : nullptr, want);
+      ASSERT_EQ(a, b);
+      int32_t dy = 0, dx = 0;
+      std::string why;
+      if (probe.deriveShift(mask.data(), f.give ? &sh : nullptr, dy, dx, why)) {
+        TeethPass::RetrieveWork w;
+        std::vector<float> coarse, exact;
+        probe.retrievePrepare(rgb.data(), mask.data(), dy, dx, w);
+        probe.coarsePass(w, coarse);
+        probe.exactPass(rgb.data(), w, coarse, exact);
+        EXPECT_EQ(coarse, ref.last_coarse) << f.index;
+        EXPECT_EQ(exact, ref.last_exact) << f.index;
+        const std::vector<int32_t> donors = probe.retrieveSelect(coarse, exact);
+        EXPECT_EQ(std::vector<int>(donors.begin(), donors.end()), ref.last_donors) << f.index;
+      }
+      if (a) expectSame(got, want, "frame before " + std::to_string(f.index) + (cs.odd ? " odd" : " even")), ++filled;
+    }
+    FrameResult got;
+    le::testref::RefResult want;
+    ASSERT_TRUE(pass.flush(got));
+    ASSERT_TRUE(ref.flush(want));
+    expectSame(got, want, "flushed");
+    EXPECT_EQ(filled, 9);
+    EXPECT_FALSE(pass.flush(got));
+  }
+}
+
+TEST(TesseraPass, RefusesBrokenConfigAndBank) {
+  const std::string ok =
+      R"({"retrieval": {"kshort": 32.9, "aperture_tol": 0.35, "cut": 16, "K": 4}, "temporal": {"hysteresis": 3, "lookahead": 2}, "decode": {"envelope_clamp_255": 12.0000001}})";
+  const ServeConfig c = ServeConfig::fromHeadMemberJson(ok);
+  EXPECT_EQ(c.kshort, 32);
+  EXPECT_EQ(c.hysteresis, 3);
+  EXPECT_DOUBLE_EQ(c.aperture_tol, 0.35);
+  const auto parse = [](const std::string& t) { return thrown([&] { ServeConfig::fromHeadMemberJson(t); }); };
+  const std::string schema =
+      "teeth: tessera_head.v1 config lacks the retrieval/temporal blocks of the v1 schema — refusing to serve defaults "
+      "(W3-01)";
+  EXPECT_EQ(parse(R"({"retrieval": {"kshort": 1, "aperture_tol": 1, "cut": 1, "K": 1}})"), schema);
+  EXPECT_EQ(parse(R"({"retrieval": 3, "temporal": {}})"), schema);
+  EXPECT_EQ(parse(R"({"retrieval": {"kshort": 1, "aperture_tol": 1, "K": 1}, "temporal": {}})"),
+            "teeth: member JSON lacks key 'cut'");
+  std::string env = ok;
+  env.replace(env.find("12.0000001"), 10, "13");
+  EXPECT_EQ(parse(env),
+            "teeth: member envelope_clamp_255 != the envelope of record (12/255) — the envelope is a gated quantity");
+  std::string k0 = ok;
+  k0.replace(k0.find("\"K\": 4"), 6, "\"K\": 0");
+  EXPECT_EQ(parse(k0), "teeth: head config retrieval.K=0 is below 1 — selection needs at least one re-ranked, "
+                       "examined and kept donor; refusing to serve it");
+  std::string ks = ok;
+  ks.replace(ks.find("32.9"), 4, "-1");
+  EXPECT_NE(parse(ks).find("retrieval.kshort=-1 is below 1"), std::string::npos);
+
+  const GeometryStamp s = stampOf(false);
+  const auto build = [&](auto change) {
+    BankData b = bankOf(s, 3, 1);
+    ServeConfig cfg = configOf(2, 2, 2);
+    change(b, cfg);
+    return thrown([&] { TeethPass(b, forgedHead(), cfg); });
+  };
+  const size_t bytes = size_t(3) * s.bandH() * s.bandW() * 3;
+  EXPECT_EQ(build([](BankData& b, ServeConfig&) { b.band.pop_back(); }),
+            "teeth: reference track is " + std::to_string(bytes - 1) + " bytes, the stamp requires " +
+                std::to_string(bytes) +
+                " (n * stored_h * stored_w * 3) — a decoder that delivered a different pixel format would land here");
+  EXPECT_EQ(build([](BankData& b, ServeConfig&) { b.aperture.pop_back(); }),
+            "teeth: bank sidecar arrays disagree with n_donors");
+  EXPECT_EQ(build([](BankData& b, ServeConfig&) { b.cent.push_back(0); }),
+            "teeth: bank sidecar arrays disagree with n_donors");
+  EXPECT_EQ(build([](BankData& b, ServeConfig&) { b.stamp.pad = 0; }),
+            "teeth: GeometryStamp incoherent: pad/shift_margin must be positive;");
+  EXPECT_NE(build([](BankData&, ServeConfig& c) { c.cut = 0; }).find("retrieval.cut=0 is below 1"), std::string::npos);
+}
+
+TEST(TesseraPass, SelectionRankingAndTolerance) {
+  const GeometryStamp s = stampOf(false);
+  BankData b = bankOf(s, 6, 5);
+  b.aperture = {1.0, 1.1, 5.0, 1.05, 9.0, 1.0};
+  TeethPass pass(b, forgedHead(), configOf(4, 4, 3, 0.2));
+  const float inf = INFINITY;
+  // equal coarse distances keep donor order (donors 1, 3, 5, 0 are re-ranked); equal exact
+  // distances keep coarse order
+  std::vector<float> coarse = {0.5f, 0.2f, 0.9f, 0.2f, 0.9f, 0.2f};
+  EXPECT_EQ(pass.retrieveSelect(coarse, {0.3f, 0.1f, inf, 0.1f, inf, 0.1f}), (std::vector<int32_t>{1, 3, 5}));
+  EXPECT_EQ(pass.retrieveSelect(coarse, {0.05f, 0.1f, inf, 0.1f, inf, 0.1f}), (std::vector<int32_t>{0, 1, 3}));
+  // apertures outside the tolerance of the best: K copies of the best
+  coarse = {0.9f, 0.9f, 0.1f, 0.9f, 0.2f, 0.9f};
+  EXPECT_EQ(pass.retrieveSelect(coarse, {0.5f, 0.5f, 0.2f, inf, 0.1f, inf}), (std::vector<int32_t>{4, 4, 4}));
+  // one donor within tolerance besides the best: the list is padded with the last kept
+  EXPECT_EQ(pass.retrieveSelect(coarse, {0.5f, 0.6f, 0.7f, inf, 0.8f, inf}), (std::vector<int32_t>{0, 1, 1}));
+
+  // kshort >= n: every donor gets an exact distance, equal to the vector kernel's over the
+  // half-precision canonical window
+  TeethPass all(b, forgedHead(), configOf(10, 10, 2));
+  std::vector<uint8_t> rgb, mask;
+  drawMouth(s, b.c_canon[0] + 1, b.c_canon[1] - 2, 0.7, 0.5, 9, rgb, mask);
+  TeethPass::RetrieveWork w;
+  all.retrievePrepare(rgb.data(), mask.data(), -2, 1, w);
+  std::vector<float> co, ex;
+  all.coarsePass(w, co);
+  all.exactPass(rgb.data(), w, co, ex);
+  const size_t np = size_t(s.window_h) * s.window_w;
+  std::vector<uint16_t> query(3 * np), win(3 * np);
+  for (int r = 0; r < s.window_h; ++r)
+    le::simd::rgb8ToPlanarF16(rgb.data() + (size_t(w.wy0 + r) * s.canvas_w + w.wx0) * 3, query.data() + size_t(r) * s.window_w,
+                              np, s.window_w);
+  for (int d = 0; d < 6; ++d) {
+    ASSERT_TRUE(std::isfinite(ex[d])) << d;
+    all.canonicalWindowF16(d, win.data());
+    const float k = le::simd::retrieveTermExactRange(win.data(), query.data(), w.weights.data(), np,
+                                                     size_t(w.row_lo) * s.window_w, size_t(w.row_hi) * s.window_w);
+    EXPECT_EQ(all.exactTermFromBand(d, rgb.data(), w), k) << d;
+    EXPECT_EQ(ex[d], k / w.S) << d;
+  }
+}
+
+TEST(TesseraPass, TeethWeightsShiftsAndFrameOrder) {
+  const GeometryStamp s = stampOf(false);
+  BankData b = bankOf(s, 5, 11);
+  TeethPass pass(b, forgedHead(), configOf(3, 3, 2));
+  const size_t np = size_t(s.window_h) * s.window_w;
+  std::vector<uint8_t> rgb, mask;
+  TeethPass::RetrieveWork w;
+  const auto gated = [&] {
+    size_t n = 0, same = 0;
+    for (int r = 0; r < s.window_h; ++r)
+      for (int c = 0; c < s.window_w; ++c) {
+        const bool g = mask[size_t(w.wy0 + r) * s.canvas_w + w.wx0 + c] >= 128;
+        n += w.weights[size_t(r) * s.window_w + c] != 0;
+        same += (w.weights[size_t(r) * s.window_w + c] == 1.0f) == g;
+      }
+    return std::make_pair(n, same);
+  };
+  // bright teeth: only teeth pixels weigh; a dark or a red mouth falls back to the whole gate
+  drawMouth(s, b.c_canon[0], b.c_canon[1], 1.0, 1.0, 1, rgb, mask);
+  pass.retrievePrepare(rgb.data(), mask.data(), 0, 0, w);
+  const auto teeth = gated();
+  EXPECT_GE(teeth.first, 32u);
+  EXPECT_LT(teeth.second, np);
+  for (double paint : {-1.0, 2.0}) {
+    TeethPass fresh(b, forgedHead(), configOf(3, 3, 2));
+    drawMouth(s, b.c_canon[0], b.c_canon[1], 1.0, paint, 1, rgb, mask);
+    fresh.retrievePrepare(rgb.data(), mask.data(), 0, 0, w);
+    EXPECT_EQ(gated().second, np) << paint;
+  }
+  // the previous weights decay into the next frame's
+  std::vector<uint8_t> none(mask.size(), 0);
+  pass.retrievePrepare(rgb.data(), none.data(), 0, 0, w);
+  EXPECT_EQ(*std::max_element(w.weights.begin(), w.weights.end()), 0.6f);
+
+  // frame order, skips and shift limits
+  drawMouth(s, b.c_canon[0], b.c_canon[1], 0.8, 0.5, 2, rgb, mask);
+  TeethPass seq(b, forgedHead(), configOf(3, 3, 2));
+  FrameResult r;
+  EXPECT_FALSE(seq.flush(r));
+  const Shift pad{3, -3}, over{0, 4}, overY{-4, 0};
+  EXPECT_FALSE(seq.push(0, rgb.data(), mask.data(), &pad, r));
+  EXPECT_TRUE(seq.push(1, rgb.data(), mask.data(), &over, r));
+  EXPECT_FALSE(r.skip);
+  EXPECT_EQ(r.window.size(), np * 3);
+  EXPECT_TRUE(seq.push(2, rgb.data(), none.data(), nullptr, r));
+  EXPECT_TRUE(r.skip);
+  EXPECT_EQ(r.reason, "shift-out-of-range");
+  EXPECT_TRUE(r.window.empty());
+  EXPECT_TRUE(seq.push(3, rgb.data(), none.data(), &pad, r));  // given a shift, the mask is not looked at
+  EXPECT_EQ(r.reason, "empty-pi");
+  EXPECT_TRUE(seq.push(4, rgb.data(), mask.data(), &overY, r));
+  EXPECT_FALSE(r.skip);
+  EXPECT_EQ(r.candidates, 2);
+  EXPECT_TRUE(seq.flush(r));
+  EXPECT_EQ(r.reason, "shift-out-of-range");
+  EXPECT_FALSE(seq.holding());
+  EXPECT_EQ(seq.keptFrameIndex(), 3);
+
+  // one donor within tolerance and K = 4: that donor enters four times and shares the weight
+  BankData lone = bankOf(s, 4, 13);
+  lone.aperture = {1, 50, 100, 200};
+  TeethPass rep(lone, forgedHead(), configOf(4, 4, 4, 0.01));
+  rep.push(0, rgb.data(), mask.data(), nullptr, r);
+  ASSERT_TRUE(rep.flush(r));
+  EXPECT_EQ(r.candidates, 4);
+  ASSERT_EQ(rep.keptDonors().size(), 2u);
+  EXPECT_EQ(rep.keptDonors()[0], rep.keptDonors()[1]);
+}
+
+}  // namespace
