@@ -9,6 +9,12 @@
 #include "tests/support/utt_soak.h"
 #include "tools/forge/forge.h"
 
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 TEST(UttSoak, ResidentMemoryStaysFlat) {
   le::testing::ScratchDir dir("utt_soak");
   const le::forge::Params p = le::testmedia::uttBundleParams(160, 120, 64, 6);
@@ -20,8 +26,16 @@ TEST(UttSoak, ResidentMemoryStaysFlat) {
   o.motion_dir = source.c_str();
   o.endSilence = 0.2;
   const auto clip = le::testmedia::speak16kPcm("Say ah, then stop.");
-  const auto s = le::testmedia::soakUtterances(ctx, o, clip, 30, 5);
+  // Sanitized builds run each kind of cycle once (the races and memory errors they may hold),
+  // however long that takes there.
+  const auto s = le::testmedia::soakUtterances(ctx, o, clip, kSanitized ? 0 : 30, 5, {},
+                                               kSanitized ? 3 : 0);
   le_destroy(ctx);
+  if (kSanitized) {
+    EXPECT_GE(s.back().cycles, 3u);
+    GTEST_SKIP() << "resident memory not bounded: the sanitizer runtime holds freed memory in "
+                    "quarantine and shadow pages grow with it";
+  }
   ASSERT_GE(s.size(), 3u);
   EXPECT_GE(s.back().cycles, 6u);
   // From the second sample on (pipeline, sessions and pools warm), within 5 %.

@@ -9,6 +9,8 @@
 #include <thread>
 
 #include "le/le.h"
+#include "tests/support/speech.h"
+#include "tools/forge/forge_audio.h"
 
 namespace le::testmedia {
 
@@ -22,6 +24,25 @@ le::forge::Params uttBundleParams(int width, int height, int crop, int nt) {
   p.directors = true;
   p.motion = true;
   return p;
+}
+
+SpeakingBundle::SpeakingBundle(const std::string& tag, le::forge::Params p) : dir(tag) {
+  auto audio = le::forge::audioMembers(p, {});
+  p.extraMembers.insert(p.extraMembers.begin(), std::make_move_iterator(audio.begin()),
+                        std::make_move_iterator(audio.end()));
+  path = le::forge::forgeBundle(dir / "b", p).dir;
+  ctx = le_create(path.c_str(), "b1", 2, nullptr);
+  if (!ctx) throw std::runtime_error(le_last_error());
+  w2v_ = std::make_unique<ScopedEnv>("W2V_ONNX", (path + "/" + le::forge::kW2vMember).c_str());
+}
+
+SpeakingBundle::~SpeakingBundle() { le_destroy(ctx); }
+
+size_t SpeakingBundle::frameBytes() const { return size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3; }
+
+const std::vector<int16_t>& sayAhClip() {
+  static const std::vector<int16_t> c = speak16kPcm(kSanitized ? "Say ah." : "Open wide and say ah.");
+  return c;
 }
 
 double residentMiB() {
@@ -63,7 +84,8 @@ struct Host {
 std::vector<SoakSample> soakUtterances(le_ctx* ctx, const le_utt_opts& opts,
                                        const std::vector<int16_t>& clip, double seconds,
                                        double every,
-                                       const std::function<void(const SoakSample&)>& onSample) {
+                                       const std::function<void(const SoakSample&)>& onSample,
+                                       uint64_t minCycles) {
   le_utt* u = le_utt_create(ctx, &opts);
   if (!u) throw std::runtime_error(le_utt_last_error());
   Host h{u, std::vector<uint8_t>(size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3), {}};
@@ -82,7 +104,7 @@ std::vector<SoakSample> soakUtterances(le_ctx* ctx, const le_utt_opts& opts,
   try {
     while (le_utt_ready(u) == 0) h.pull(lastFrame);
     if (le_utt_ready(u) < 0) throw std::runtime_error(le_utt_last_error());
-    while (elapsed() < seconds) {
+    while (elapsed() < seconds || h.counts.cycles < minCycles) {
       if (elapsed() >= nextSample) {
         sample();
         nextSample += every;

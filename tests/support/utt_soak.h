@@ -1,16 +1,47 @@
-// The utterance pipeline soak: one pipeline cycles speak / interrupt / end / idle while a host
-// loop pulls every frame, sampling resident memory as it goes. Shared by the soak program under
-// bench/ and its short CI run.
+// The utterance pipeline's test bundle and clip, and its soak: one pipeline cycles speak /
+// interrupt / end / idle while a host loop pulls every frame, sampling resident memory as it goes
+// (shared by the soak program under bench/ and its short CI run).
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "le/le_a2x.h"
+#include "tests/bundle_fixture.h"
+#include "tests/support/media.h"
 #include "tools/forge/forge.h"
 
 namespace le::testmedia {
+
+// Under a sanitizer the pipeline tests speak a shorter clip and run fewer variants.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+// A forged speaking bundle in a scratch directory: p (from uttBundleParams) with the
+// audio-to-expression members added beside the motion directory, W2V_ONNX pointing at them while
+// it lives, opened with director b1 on 2 threads.
+struct SpeakingBundle {
+  le::testing::ScratchDir dir;
+  std::string path;
+  le_ctx* ctx = nullptr;
+  SpeakingBundle(const std::string& tag, le::forge::Params p);
+  ~SpeakingBundle();
+  SpeakingBundle(const SpeakingBundle&) = delete;
+  SpeakingBundle& operator=(const SpeakingBundle&) = delete;
+  size_t frameBytes() const;
+
+ private:
+  std::unique_ptr<ScopedEnv> w2v_;
+};
+
+// "Open wide and say ah." ("Say ah." under a sanitizer), 16 kHz mono.
+const std::vector<int16_t>& sayAhClip();
 
 struct SoakSample {
   double seconds = 0;  // since the start of the soak
@@ -27,11 +58,13 @@ le::forge::Params uttBundleParams(int width, int height, int crop, int nt);
 double residentMiB();
 
 // Runs the cycles on a pipeline made with opts over ctx for `seconds`, speaking clip (16 kHz
-// mono) in 40 ms pushes; calls onSample every `every` seconds and once at the end. Throws
+// mono) in 40 ms pushes, and on until at least minCycles cycles are done; calls onSample every
+// `every` seconds and once at the end. Throws
 // std::runtime_error when the pipeline cannot be made or stops delivering frames.
 std::vector<SoakSample> soakUtterances(le_ctx* ctx, const le_utt_opts& opts,
                                        const std::vector<int16_t>& clip, double seconds,
                                        double every,
-                                       const std::function<void(const SoakSample&)>& onSample = {});
+                                       const std::function<void(const SoakSample&)>& onSample = {},
+                                       uint64_t minCycles = 0);
 
 }  // namespace le::testmedia
