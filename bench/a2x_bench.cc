@@ -2,17 +2,65 @@
 // of speech on the windowed frontend (live stream) and on the 8 s window (offline deltas), the
 // latency from a push that completes a frame block to its frames being pullable, and the raw
 // ONNX Runtime cost of one 8 s window against the 25 trunk/head runs that cover the same frames.
+// Per speech frame of a live stream: the share of its time spent outside ONNX Runtime's runs
+// and the heap allocations made in steady state (malloc and friends are counted here), all of
+// them and those outside ONNX Runtime's runs.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <time.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <vector>
 
+#include "le/audio/le_a2x_w2v.h"
 #include "le/render/le_ort.h"
 #include "tests/a2x_fixture.h"
 #include "tests/support/media.h"
+
+std::atomic<long> gAllocs{0}, gAllocBytes{0}, gAllocMax{0}, gAllocsOutside{0};
+void noteAlloc(size_t n) {
+  gAllocs.fetch_add(1, std::memory_order_relaxed);
+  if (!le::a2x::insideRun()) gAllocsOutside.fetch_add(1, std::memory_order_relaxed);
+  gAllocBytes.fetch_add(long(n), std::memory_order_relaxed);
+  long m = gAllocMax.load(std::memory_order_relaxed);
+  while (long(n) > m && !gAllocMax.compare_exchange_weak(m, long(n), std::memory_order_relaxed)) {
+  }
+}
+
+extern "C" {
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+void* __libc_memalign(size_t, size_t);
+void* malloc(size_t n) {
+  noteAlloc(n);
+  return __libc_malloc(n);
+}
+void* calloc(size_t k, size_t n) {
+  noteAlloc(k * n);
+  return __libc_calloc(k, n);
+}
+void* realloc(void* p, size_t n) {
+  noteAlloc(n);
+  return __libc_realloc(p, n);
+}
+void* memalign(size_t a, size_t n) {
+  noteAlloc(n);
+  return __libc_memalign(a, n);
+}
+void* aligned_alloc(size_t a, size_t n) {
+  noteAlloc(n);
+  return __libc_memalign(a, n);
+}
+int posix_memalign(void** p, size_t a, size_t n) {
+  noteAlloc(n);
+  *p = __libc_memalign(a, n);
+  return *p ? 0 : 12;  // ENOMEM
+}
+}
 
 namespace {
 
@@ -62,6 +110,62 @@ void BM_StreamWindowed(benchmark::State& state) {
   le_a2x_destroy(h);
 }
 BENCHMARK(BM_StreamWindowed)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The live stream on the windowed frontend pushed one 40 ms frame at a time, pulling after each,
+// after one utterance of warm-up. Counters per speech frame: wall microseconds, the share spent
+// outside ONNX Runtime's runs (feature copies, half rounding, tensors, bookkeeping), and heap
+// allocations (count, bytes, largest), ONNX Runtime's own included. The machine is shared, so
+// besides the plain ratio of sums (share_outside_ort_mean) each step of the utterance (a push
+// and its pulls) keeps its least time inside and outside over the iterations, a step that some
+// iteration ran undisturbed; share_outside_ort is the ratio of those. allocs_outside_ort_per_frame
+// counts the stream's own allocations (the benchmark's loop makes none).
+void BM_StreamPerFrame(benchmark::State& state) {
+  le_a2x* h = le_a2x_create(bundle().path.c_str(), 1);
+  const std::vector<float>& a = longSpeech();
+  std::vector<int> si(64);
+  std::vector<float> t(64 * 63), dr(64 * 63);
+  const size_t steps = (a.size() + 639) / 640 + 1;
+  std::vector<double> leastIn(steps, 1e9), leastOut(steps, 1e9);
+  auto utterance = [&] {
+    le_a2x_reset(h, 0, 1, 1);
+    for (size_t k = 0; k < steps; ++k) {
+      const auto t0 = std::chrono::steady_clock::now();
+      const double r0 = le::a2x::runSeconds(h);
+      if (k + 1 < steps) le_a2x_push(h, a.data() + 640 * k, int(std::min<size_t>(640, a.size() - 640 * k)));
+      else le_a2x_finish(h);
+      while (le_a2x_pull(h, si.data(), t.data(), dr.data(), 64) > 0) {
+      }
+      const double in = le::a2x::runSeconds(h) - r0;
+      const double all = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      leastIn[k] = std::min(leastIn[k], in);
+      leastOut[k] = std::min(leastOut[k], all - in);
+    }
+  };
+  utterance();
+  std::fill(leastIn.begin(), leastIn.end(), 1e9);
+  std::fill(leastOut.begin(), leastOut.end(), 1e9);
+  const long allocs0 = gAllocs.load(), bytes0 = gAllocBytes.load(), outside0 = gAllocsOutside.load();
+  gAllocMax = 0;
+  const double ort0 = le::a2x::runSeconds(h);
+  double wall = 0;
+  for (auto _ : state) {
+    const auto t0 = std::chrono::steady_clock::now();
+    utterance();
+    wall += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  }
+  const double frames = double(state.iterations()) * double(steps - 1);
+  double in = 0, out = 0;
+  for (size_t k = 0; k < steps; ++k) in += leastIn[k], out += leastOut[k];
+  state.counters["us_per_frame"] = 1e6 * wall / frames;
+  state.counters["share_outside_ort_mean"] = 1.0 - (le::a2x::runSeconds(h) - ort0) / wall;
+  state.counters["share_outside_ort"] = out / (in + out);
+  state.counters["allocs_per_frame"] = double(gAllocs.load() - allocs0) / frames;
+  state.counters["allocs_outside_ort_per_frame"] = double(gAllocsOutside.load() - outside0) / frames;
+  state.counters["alloc_bytes_per_frame"] = double(gAllocBytes.load() - bytes0) / frames;
+  state.counters["largest_alloc_bytes"] = double(gAllocMax.load());
+  le_a2x_destroy(h);
+}
+BENCHMARK(BM_StreamPerFrame)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The whole clip through the 8 s window, encoder and decoder.
 void BM_OfflineLegacy(benchmark::State& state) {

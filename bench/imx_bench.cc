@@ -122,44 +122,32 @@ class Scratch {
 };
 
 // Both copies alternate inside each iteration so that page-cache and disk state treat them
-// alike; the reported time is the unwrap's, with cp's beside it and their ratio.
-void BM_UnwrapVsCp(benchmark::State& state) {
+// alike; the reported time is the measured copy's, with cp's beside it and their ratio.
+void compareWithCp(benchmark::State& state, double (Scratch::*copy)() const, const char* counter) {
   Scratch s(200u * 1000 * 1000);
-  double unwrap_total = 0, cp_total = 0;
+  double total = 0, cp_total = 0;
   s.cp();  // warm the container into the page cache
   for (auto _ : state) {
-    const double u = s.unwrap();
+    const double t = (s.*copy)();
     const double c = s.cp();
-    unwrap_total += u;
+    total += t;
     cp_total += c;
-    state.SetIterationTime(u);
+    state.SetIterationTime(t);
   }
   const double n = static_cast<double>(state.iterations());
   state.SetBytesProcessed(static_cast<int64_t>(s.bytes() * state.iterations()));
-  state.counters["unwrap_ms"] = 1e3 * unwrap_total / n;
+  state.counters[counter] = 1e3 * total / n;
   state.counters["cp_ms"] = 1e3 * cp_total / n;
-  state.counters["ratio_vs_cp"] = unwrap_total / cp_total;
+  state.counters["ratio_vs_cp"] = total / cp_total;
   state.counters["MB"] = static_cast<double>(s.bytes()) / 1e6;
 }
+
+void BM_UnwrapVsCp(benchmark::State& state) { compareWithCp(state, &Scratch::unwrap, "unwrap_ms"); }
 BENCHMARK(BM_UnwrapVsCp)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(8);
 
 // The buffered fallback on its own (taken where the kernel cannot copy between the files).
 void BM_BufferedCopyVsCp(benchmark::State& state) {
-  Scratch s(200u * 1000 * 1000);
-  double buffered_total = 0, cp_total = 0;
-  s.cp();
-  for (auto _ : state) {
-    const double b = s.buffered();
-    const double c = s.cp();
-    buffered_total += b;
-    cp_total += c;
-    state.SetIterationTime(b);
-  }
-  const double n = static_cast<double>(state.iterations());
-  state.SetBytesProcessed(static_cast<int64_t>(s.bytes() * state.iterations()));
-  state.counters["buffered_ms"] = 1e3 * buffered_total / n;
-  state.counters["cp_ms"] = 1e3 * cp_total / n;
-  state.counters["ratio_vs_cp"] = buffered_total / cp_total;
+  compareWithCp(state, &Scratch::buffered, "buffered_ms");
 }
 BENCHMARK(BM_BufferedCopyVsCp)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(8);
 

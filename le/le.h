@@ -180,6 +180,26 @@ LE_API uint64_t le_tessera_members_band_bytes(const le_tessera_members* m);
 LE_API int le_tessera_members_reorder(const le_tessera_members* m, const uint8_t* track_bytes,
                                       uint8_t* donor_bytes, char* err, size_t err_cap);
 
+/* Runs the borrow offline over n_frames rendered crops. The bank arguments are those of
+ * le_utt_tessera_attach (without the manifest). crops: n_frames RGB crops of canvas_w x canvas_h
+ * x 3 bytes (the stamp's canvas); masks: n_frames delivery masks of canvas_w x canvas_h bytes;
+ * shifts: n_frames (dy, dx) pairs of int32, or null; a pair whose dy is -10000 (and every pair
+ * without a table) lets the pass derive that frame's mouth shift from its mask. Frame i's window
+ * (window_h x window_w x 3 bytes) goes to out_windows + i * window_h * window_w * 3 and its flag
+ * to out_flags[i]: 0 written, 1 skipped (the window is then left untouched). Inputs are read
+ * during the call, outputs caller-owned. Returns 0, or 1 with the message in err. Reentrant. */
+LE_API int le_tessera_run_shift(const uint8_t* band, int n_donors, const double* cent, const double* c_canon,
+                                const double* aperture, const int32_t* stamp, const uint8_t* head_pt,
+                                uint32_t head_len, const char* head_json, const uint8_t* crops,
+                                const uint8_t* masks, const int32_t* shifts, int n_frames,
+                                uint8_t* out_windows, uint32_t* out_flags, char* err, size_t err_cap);
+/* le_tessera_run_shift without a shift table. */
+LE_API int le_tessera_run(const uint8_t* band, int n_donors, const double* cent, const double* c_canon,
+                          const double* aperture, const int32_t* stamp, const uint8_t* head_pt,
+                          uint32_t head_len, const char* head_json, const uint8_t* crops,
+                          const uint8_t* masks, int n_frames, uint8_t* out_windows, uint32_t* out_flags,
+                          char* err, size_t err_cap);
+
 #ifdef __cplusplus
 }  /* extern "C" */
 

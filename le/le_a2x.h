@@ -241,8 +241,8 @@ LE_API int le_utt_ready(le_utt* utt);
 LE_API int le_utt_push_audio(le_utt* utt, const int16_t* pcm, int n);
 /* Marks the current utterance's audio complete: its last frames are rendered, then the ramp. */
 LE_API void le_utt_end_utterance(le_utt* utt);
-/* Cuts the utterance: drops its unrendered audio and every frame not yet pulled, then ramps from
- * the last pulled frame back to idle. */
+/* Cuts the utterance: drops its unrendered audio and every frame not yet pulled (a director run
+ * in flight for it is stopped), then ramps from the last pulled frame back to idle. */
 LE_API void le_utt_interrupt(le_utt* utt);
 /* Finished frames waiting (at most 8); 0 for null. */
 LE_API int le_utt_frames_available(le_utt* utt);
@@ -257,6 +257,41 @@ LE_API void le_utt_get_stats(le_utt* utt, le_utt_stats* stats);
  * capacity >= 1) = the last failure's description, truncated to capacity - 1 and terminated
  * ("" when none). Returns -1 once a fatal failure was recorded, else 0 (also 0 for null). */
 LE_API int le_utt_render_status(le_utt* utt, char* text, int capacity, uint64_t* count);
+
+/* --- Mouth-interior borrow on the pipeline ---------------------------------------------------
+ * A borrow fills the mouth of every rendered frame with teeth from the bundle's donor bank. The
+ * host loads the members (le_tessera_members_open), decodes the bank track into donor order
+ * (le::tessera::decodeBankTrack, le_tessera_members_reorder) and attaches them here. With the
+ * paste on its own thread the borrow runs on a stage thread of its own, else on the render
+ * thread. A borrow whose pass fails stops delivery: no further frame reaches the output until a
+ * borrow is attached again. These functions take the pipeline's lock; they may be called from
+ * any host thread while the pipeline runs. Messages go to the caller's buffer (err, err_cap):
+ * at most err_cap - 1 bytes and a terminating zero. */
+
+/* Attaches (or replaces) the pipeline's borrow. band: n_donors stored patches in donor order
+ * (n_donors * band_h * band_w * 3 bytes, the stamp's band plus its margin); cent: 2 * n_donors
+ * donor mouth centres (x, y); c_canon: the canonical centre (x, y); aperture: n_donors values;
+ * stamp: the twelve geometry values (le_tessera_members_stamp order); head_pt/head_len: the
+ * head-weights file; head_json: the head config; manifest_json: the bundle manifest's text. All
+ * are read during the call only. Returns 0 when attached, 1 with the message in err; a refused
+ * attachment leaves the previous borrow (or none) in place. */
+LE_API int le_utt_tessera_attach(le_utt* utt, const uint8_t* band, int n_donors, const double* cent,
+                                 const double* c_canon, const double* aperture, const int32_t* stamp,
+                                 const uint8_t* head_pt, uint32_t head_len, const char* head_json,
+                                 const char* manifest_json, char* err, size_t err_cap);
+/* Frames written back and frames skipped since the attachment, and the reason of the last skip
+ * ("" when none) in reason (reason_cap bytes, terminated; any out pointer may be null). Returns
+ * 1 when a borrow is attached, -1 when it is attached but has failed, 0 when none (or null). */
+LE_API int le_utt_tessera_stats(le_utt* utt, uint64_t* written, uint64_t* skipped, char* reason,
+                                size_t reason_cap);
+/* The synthesis weight measured over the blend regions: mean (running sum / frames), maximum and
+ * frame count (out pointers may be null). Returns 1 when a borrow is attached and has measured
+ * at least one frame, else 0. */
+LE_API int le_utt_tessera_synth_w(le_utt* utt, double* mean, double* max, uint64_t* frames);
+/* The corpus geometry the attached borrow was identified as ("v1", "v2" or "v3") written into
+ * out (cap bytes, terminated; cap 1 writes only the zero). Returns 1 when attached; 0 with ""
+ * otherwise, and 0 for a null handle or out. */
+LE_API int le_utt_tessera_geometry(le_utt* utt, char* out, size_t cap);
 
 /* ==== le_stream: offline stream renderer ================================================= */
 

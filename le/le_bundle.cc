@@ -19,12 +19,11 @@
 #include "le/le_driver.h"
 #include "le/le_expand.h"
 #include "le/le_imx.h"
+#include "le/le_util.h"
 
 namespace le {
 
 namespace {
-
-[[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
 
 class Fd {
  public:
@@ -274,10 +273,6 @@ constexpr NamePair kDriveStems[] = {
     {"si", "source_index"},
 };
 
-bool startsWith(const std::string& s, std::string_view p) { return s.compare(0, p.size(), p) == 0; }
-bool endsWith(const std::string& s, std::string_view p) {
-  return s.size() >= p.size() && s.compare(s.size() - p.size(), p.size(), p) == 0;
-}
 
 }  // namespace
 
@@ -335,7 +330,8 @@ Manifest loadManifest(const std::string& path) {
   Manifest m;
   m.dir = resolveBundlePath(path);
   const std::string mpath = m.dir + "/manifest.json";
-  const std::string text = readFile(mpath);
+  m.text = readFile(mpath);
+  const std::string& text = m.text;
 
   if (strField(text, "format") != "le-bundle-v0") fail("not an le-bundle-v0: " + m.dir);
   m.agent = strField(text, "agent");
@@ -422,9 +418,8 @@ Identity::Identity(const Manifest& m) : NT(m.NT), crop(m.crop), manifest_(m) {
   if (canOpenForRead(p_path)) {
     P_ = mapFile(p_path, nt * side * side * 6);
   } else if (!fs_red) {
-    const std::string text = readFile(m.dir + "/manifest.json");
     std::string name = "P_hevc.mov";
-    optStr(text, "P_hevc", name);
+    optStr(m.text, "P_hevc", name);
     const std::string path = resolveMember(m.dir, name);
     if (canOpenForRead(path)) prior_path_ = path;
   }

@@ -25,6 +25,7 @@ struct Unsharp {
 
 struct Manifest {
   std::string dir;  // bundle directory after container resolution
+  std::string text;  // "manifest.json" as read once at load: later loaders scan it, not the disk
   std::string agent;
   int NT = 0;  // identity (source) frames
   int H = 0;

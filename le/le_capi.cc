@@ -51,6 +51,12 @@ le_ctx::le_ctx(const char* bundle_dir, const char* model_key_, int n_threads_, c
       threads_explicit(threads_explicit_),
       model_key(model_key_) {
   paste = std::make_unique<le::Paste>(le::readPasteMask(manifest), manifest.crop, manifest.unsharp);
+  // Every source frame's transform must be pasteable, or a frame would vanish at run time.
+  const std::string m_path = le::resolveMember(manifest.dir, "M.f32");
+  const std::string m_name = m_path.substr(m_path.rfind('/') + 1);
+  for (int si = 0; si < manifest.NT; ++si)
+    le::Paste::checkTransform(identity.M(si), manifest.crop, manifest.W, manifest.H,
+                              m_name + " row " + std::to_string(si));
   cursor = le::DriverCursor::open(manifest, 2, 11);
   frame.resize(size_t(manifest.W) * size_t(manifest.H) * 3);
 }

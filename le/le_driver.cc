@@ -15,6 +15,7 @@
 
 #include "le/le_bundle.h"
 #include "le/le_image.h"
+#include "le/le_util.h"
 
 namespace le {
 
@@ -82,11 +83,6 @@ FrameBuffer allocFrame(size_t bytes) {
   void* p = std::aligned_alloc(64, n);
   if (!p) throw std::bad_alloc();
   return FrameBuffer(static_cast<uint8_t*>(p));
-}
-
-bool fileExists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
 }
 
 }  // namespace
@@ -346,16 +342,16 @@ uint64_t DriverCursor::seeks() const {
 // Bundle members
 
 std::unique_ptr<DriverCursor> DriverCursor::open(const Manifest& m, int lookahead, int history) {
-  const std::string text = readFile(m.dir + "/manifest.json");
+  const std::string& text = m.text;
   std::string jpgName = "target_frames", mp4Name = "target_frames.mp4", v;
   if (optStr(text, "target_frames", v)) jpgName = v;
   if (optStr(text, "target_frames_mp4", v)) mp4Name = v;
 
   char last[32];
   std::snprintf(last, sizeof last, "/frame_%06d.jpg", m.NT - 1);
-  const bool populated = fileExists(m.dir + "/" + jpgName + last);
+  const bool populated = pathExists(m.dir + "/" + jpgName + last);
   const std::string mp4Path = resolveMember(m.dir, mp4Name);
-  const bool haveMp4 = fileExists(mp4Path);
+  const bool haveMp4 = pathExists(mp4Path);
   const char* prefer = std::getenv("LE_DRIVER_PREFER_MP4");
 
   if (prefer && std::strcmp(prefer, "1") == 0 && haveMp4) {
@@ -382,11 +378,11 @@ std::unique_ptr<DriverCursor> DriverCursor::open(const Manifest& m, int lookahea
 }
 
 std::unique_ptr<DriverCursor> DriverCursor::openPrior(const Manifest& m, int lookahead, int history) {
-  const std::string text = readFile(m.dir + "/manifest.json");
+  const std::string& text = m.text;
   std::string name = "P_hevc.mov", v;
   if (optStr(text, "P_hevc", v)) name = v;
   const std::string path = resolveMember(m.dir, name);
-  if (!fileExists(path))
+  if (!pathExists(path))
     throw std::runtime_error("this bundle carries neither a raw P.f16 nor " + name + " (" + path +
                              ") — there is no warp prior to play. REFUSING to create a session.");
   auto source = driver::openPriorHevc(path, m.NT, m.crop);

@@ -18,6 +18,7 @@ extern "C" {
 #include "le/le_ff.h"
 #include "le/le_moviedec_ff.h"
 #include "le/le_simd.h"
+#include "le/le_util.h"
 
 namespace le::driver {
 
@@ -28,13 +29,7 @@ using ff::FormatPtr;
 using ff::FramePtr;
 using ff::PacketPtr;
 
-std::string avText(int code) {
-  char buf[64];
-  av_strerror(code, buf, sizeof buf);
-  return buf;
-}
-
-inline uint8_t clamp255(int x) { return static_cast<uint8_t>(x < 0 ? 0 : (x > 255 ? 255 : x)); }
+using ff::avText;
 
 constexpr const char* kHwDecoder = "h264_cuvid";
 constexpr int kSoftwareThreads = 4;
@@ -289,9 +284,9 @@ void yuv444RowToHalfPlanes(const uint8_t* y, const uint8_t* u, const uint8_t* v,
     const int32_t yy = (static_cast<int32_t>(y[x]) - 16) * 76312;
     const int32_t uu = static_cast<int32_t>(u[x]) - 128;
     const int32_t vv = static_cast<int32_t>(v[x]) - 128;
-    r[x] = half_of[clamp255((yy + 104600 * vv + 32768) >> 16)];
-    g[x] = half_of[clamp255((yy - 25672 * uu - 53280 * vv + 32768) >> 16)];
-    b[x] = half_of[clamp255((yy + 132200 * uu + 32768) >> 16)];
+    r[x] = half_of[clampByte((yy + 104600 * vv + 32768) >> 16)];
+    g[x] = half_of[clampByte((yy - 25672 * uu - 53280 * vv + 32768) >> 16)];
+    b[x] = half_of[clampByte((yy + 132200 * uu + 32768) >> 16)];
   }
 }
 

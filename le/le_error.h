@@ -2,6 +2,9 @@
 // exceptions into them at the boundary.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <exception>
 #include <string>
 
@@ -17,6 +20,16 @@ inline void set(Family f, const char* msg) { slot(f) = msg; }
 inline void set(Family f, const std::string& msg) { slot(f) = msg; }
 // The thrown-message form: "<function>: <what>".
 void setErr(Family f, const char* fn, const std::exception& e);
+
+// The borrow functions' convention: msg copied into the caller's buffer (buf, cap), truncated to
+// cap - 1 bytes and terminated; nothing for a null buffer or cap 0.
+inline void copyOut(char* buf, size_t cap, const char* msg) {
+  if (!buf || cap == 0) return;
+  const size_t n = std::min(cap - 1, std::strlen(msg));
+  std::memcpy(buf, msg, n);
+  buf[n] = '\0';
+}
+inline void copyOut(char* buf, size_t cap, const std::string& msg) { copyOut(buf, cap, msg.c_str()); }
 
 // Runs body; any standard exception is stored in the thrown-message form and fail returned.
 template <class R, class Body>

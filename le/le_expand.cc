@@ -1,25 +1,23 @@
 #include "le/le_expand.h"
 
-#include <sys/stat.h>
-
 #include <stdexcept>
 #include <string>
 
 #include "le/le_bundle.h"
+#include "le/le_util.h"
 
 namespace le {
 
 namespace {
 
 bool exists(const std::string& dir, const std::string& member) {
-  struct stat st;
-  return ::stat(resolveMember(dir, member).c_str(), &st) == 0;
+  return pathExists(resolveMember(dir, member));
 }
 
 }  // namespace
 
 void ensureIdentityMembers(const Manifest& m) {
-  const std::string text = readFile(m.dir + "/manifest.json");
+  const std::string& text = m.text;
   std::string raw = "P.f16";
   optStr(text, "P_rgb", raw);  // a quoted value replaces the default, even an empty one
 
@@ -40,8 +38,7 @@ void ensureIdentityMembers(const Manifest& m) {
         "renderer has no warp prior and le::Identity would hand it a null pointer. REFUSING to "
         "create a session.");
   const std::string path = resolveMember(m.dir, name);
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0)
+  if (!pathExists(path))
     throw std::runtime_error("this bundle's manifest names P_hevc '" + name +
                              "' and the file is not there (" + path +
                              ") — the renderer has no warp prior. REFUSING to create a session.");

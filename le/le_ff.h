@@ -2,8 +2,10 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 extern "C" {
+#include <libavutil/error.h>
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libswscale/swscale.h>
@@ -31,5 +33,12 @@ using CodecPtr = std::unique_ptr<AVCodecContext, CodecFreer>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFreer>;
 using FramePtr = std::unique_ptr<AVFrame, FrameFreer>;
 using SwsPtr = std::unique_ptr<SwsContext, SwsFreer>;
+
+// FFmpeg's words for an error code.
+inline std::string avText(int code) {
+  char buf[AV_ERROR_MAX_STRING_SIZE] = {0};
+  av_strerror(code, buf, sizeof buf);
+  return buf;
+}
 
 }  // namespace le::ff

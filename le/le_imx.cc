@@ -16,27 +16,11 @@
 #include <stdexcept>
 
 #include "le/le_bundle.h"
+#include "le/le_util.h"
 
 namespace le {
 
 namespace {
-
-[[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
-
-bool endsWith(const std::string& s, const char* suffix) {
-  const size_t n = std::strlen(suffix);
-  return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
-}
-
-bool isDir(const std::string& p) {
-  struct stat st;
-  return ::stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool exists(const std::string& p) {
-  struct stat st;
-  return ::stat(p.c_str(), &st) == 0;
-}
 
 uint16_t u16le(const unsigned char* b) { return static_cast<uint16_t>(b[0] | (b[1] << 8)); }
 uint32_t u32le(const unsigned char* b) {
@@ -175,17 +159,22 @@ std::vector<TocEntry> readToc(std::FILE* in, const std::string& path) {
   const uint16_t version = u16le(hdr + 4);
   if (version != kVersion) fail(path + ": unsupported IMX container version " + std::to_string(version));
   const uint16_t count = u16le(hdr + 6);
-  std::vector<TocEntry> toc(count);
+  // Entries are appended as they are read: a short file claiming 65535 members must not cost
+  // megabytes before its table runs out.
+  std::vector<TocEntry> toc;
+  toc.reserve(std::min<size_t>(count, 64));
   for (uint16_t i = 0; i < count; ++i) {
     const std::string idx = std::to_string(i);
     unsigned char b[16];
+    TocEntry e;
     if (std::fread(b, 1, 2, in) != 2) fail(path + ": truncated TOC at member " + idx);
-    toc[i].name.resize(u16le(b));
-    if (std::fread(&toc[i].name[0], 1, toc[i].name.size(), in) != toc[i].name.size())
+    e.name.resize(u16le(b));
+    if (std::fread(&e.name[0], 1, e.name.size(), in) != e.name.size())
       fail(path + ": truncated member name at " + idx);
     if (std::fread(b, 1, 16, in) != 16) fail(path + ": truncated TOC offsets at member " + idx);
-    toc[i].offset = u64le(b);
-    toc[i].size = u64le(b + 8);
+    e.offset = u64le(b);
+    e.size = u64le(b + 8);
+    toc.push_back(std::move(e));
   }
   return toc;
 }
@@ -308,7 +297,7 @@ bool isImxV2File(const std::string& path) {
 std::string resolveBundlePath(const std::string& path) {
   if (path.empty()) return path;
   const std::string stripped = imx::rstripSlash(path);
-  if (isDir(path) && !exists(stripped + imx::kMarkerSuffix)) return path;
+  if (isDir(path) && !pathExists(stripped + imx::kMarkerSuffix)) return path;
   if (endsWith(path, ".imx") && isImxV2File(path)) return imx::unwrapOnce(path);
   if (isImxV2File(stripped + ".imx")) return imx::unwrapOnce(stripped + ".imx");
   if (isImxV2File(path)) return imx::unwrapOnce(path);

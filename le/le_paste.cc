@@ -7,9 +7,11 @@
 #include <cstdlib>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "le/le_bundle.h"
+#include "le/le_paste_alpha.h"
 #include "le/le_pool.h"
 #include "le/le_simd.h"
 
@@ -100,27 +102,31 @@ Paste::Paste(std::vector<uint8_t> mask, int crop, const Unsharp& unsharp)
     throw std::runtime_error("paste: mask size");
   if (unsharp.ksize % 2 == 0) throw std::runtime_error("paste: ksize must be odd");
   if (unsharp.ksize < 1) throw std::runtime_error("paste: ksize must be positive");
+  if (!(unsharp.sigma > 0.f)) {
+    char v[32];
+    std::snprintf(v, sizeof v, "%g", double(unsharp.sigma));
+    throw std::runtime_error(
+        std::string("paste: manifest \"sigma\" is ") + v +
+        " — the unsharp mask's Gaussian needs a width above 0 (at 0 every tap divides by zero, "
+        "below 0 the width is a sign error). REFUSING to load a paste whose blur nobody "
+        "specified; the default is 2.0.");
+  }
 
   long v = 0;
   if (envLong("LE_PASTE_FAST", &v)) fast_ = (v >= 0 && v <= 2) ? int(v) : 0;
   if (envLong("LE_PASTE_KSIZE", &v) && v > 2 && v % 2 == 1 && v <= ksize_) ksize_ = int(v);
   padded_ = crop_ + ksize_ - 1;
 
-  // Gaussian taps. A non-positive sigma is the limit of the kernel: a unit centre tap.
+  // Gaussian taps.
   gauss_.assign(size_t(ksize_), 0.f);
-  const double sigma = unsharp.sigma;
-  if (sigma > 0.0) {
-    const double m = (ksize_ - 1) / 2.0;
-    std::vector<double> g(static_cast<size_t>(ksize_));
-    double sum = 0.0;
-    for (int i = 0; i < ksize_; ++i) {
-      g[size_t(i)] = std::exp(-(i - m) * (i - m) / (2.0 * sigma * sigma));
-      sum += g[size_t(i)];
-    }
-    for (int i = 0; i < ksize_; ++i) gauss_[size_t(i)] = float(g[size_t(i)] / sum);
-  } else {
-    gauss_[size_t(ksize_ / 2)] = 1.f;
+  const double sigma = unsharp.sigma, m = (ksize_ - 1) / 2.0;
+  std::vector<double> g(static_cast<size_t>(ksize_));
+  double sum = 0.0;
+  for (int i = 0; i < ksize_; ++i) {
+    g[size_t(i)] = std::exp(-(i - m) * (i - m) / (2.0 * sigma * sigma));
+    sum += g[size_t(i)];
   }
+  for (int i = 0; i < ksize_; ++i) gauss_[size_t(i)] = float(g[size_t(i)] / sum);
 
   // Lanczos (a = 4), 8 taps over source pixels ix-3 .. ix+4.
   lanczos_.assign(kPhases * 8, 0.f);
@@ -194,7 +200,7 @@ void Paste::sharpen(const float* in, float scale) {
     }
   });
 
-  // Pass 2, per crop row: vertical blur, sharpen in place, and (Lanczos mode) interleave.
+  // Pass 2, per crop row: vertical blur and sharpen in place; then (Lanczos mode) interleave.
   le::pool::parallelRange(size_t(n), kGrain, [&job](size_t b, size_t e) {
     Paste& s = *job.self;
     const int n = s.crop_, P = s.padded_, K = s.ksize_;
@@ -207,31 +213,23 @@ void Paste::sharpen(const float* in, float scale) {
         blurRow(&s.blurB_[(size_t(k) * size_t(P) + y) * size_t(n)], n, g, K, blur, n);
         sharpenRow(&s.planes_[k][y * size_t(n)], blur, gain, amt, n);
       }
-      if (s.fast_ == 0) {
-        const float* R = &s.planes_[0][y * size_t(n)];
-        const float* G = &s.planes_[1][y * size_t(n)];
-        const float* B = &s.planes_[2][y * size_t(n)];
-        float* d = &s.src4_[y * size_t(n) * 4];
-        for (int x = 0; x < n; ++x) {
-          d[4 * x] = R[x];
-          d[4 * x + 1] = G[x];
-          d[4 * x + 2] = B[x];
-          d[4 * x + 3] = 0.f;
-        }
-      }
     }
+    // Lanczos mode: the crop interleaved column by column, so that one pixel's eight source
+    // rows in a column are consecutive.
+    if (s.fast_ == 0)
+      le::simd::interleaveColumns(s.planes_[0].data(), s.planes_[1].data(), s.planes_[2].data(), n, int(b),
+                                  int(e), s.src4_.data());
   });
 }
 
-void Paste::composite(const float* crop_planes, float scale, const float* M, uint8_t* frame,
-                      int W, int H) {
+int Paste::plan(const float* M, int crop, int W, int H, Plan* out) {
   const float a = M[0], b = M[1], tx = M[2], c = M[3], d = M[4], ty = M[5];
   const double det = double(d) * a - double(b) * c;
-  if (det == 0.0) return;
+  if (det == 0.0) return 0;
 
   // Frame box of the crop, widened by the Lanczos reach.
-  const float us[4] = {-4.f, float(crop_ + 3), -4.f, float(crop_ + 3)};
-  const float vs[4] = {-4.f, -4.f, float(crop_ + 3), float(crop_ + 3)};
+  const float us[4] = {-4.f, float(crop + 3), -4.f, float(crop + 3)};
+  const float vs[4] = {-4.f, -4.f, float(crop + 3), float(crop + 3)};
   float minx = INFINITY, maxx = -INFINITY, miny = INFINITY, maxy = -INFINITY;
   for (int i = 0; i < 4; ++i) {
     const float x = us[i] * a + vs[i] * b + tx;
@@ -245,30 +243,56 @@ void Paste::composite(const float* crop_planes, float scale, const float* M, uin
   const double fx1 = std::min(double(W) - 1, std::ceil(double(maxx)));
   const double fy0 = std::max(std::floor(double(miny)), 0.0);
   const double fy1 = std::min(double(H) - 1, std::ceil(double(maxy)));
-  if (!(fx1 >= fx0) || !(fy1 >= fy0)) return;  // also catches a NaN transform
-  const int x0 = int(fx0), x1 = int(fx1), y0 = int(fy0), y1 = int(fy1);
+  if (!(fx1 >= fx0) || !(fy1 >= fy0)) return 0;  // also catches a NaN transform
+  Plan& p = *out;
+  p.x0 = int(fx0), p.x1 = int(fx1), p.y0 = int(fy0), p.y1 = int(fy1);
+  p.du_dx = d / det, p.dv_dx = -c / det;
+  p.rows = Rows{-b / det, a / det, -(tx * p.du_dx + ty * (-b / det)),
+                -(tx * p.dv_dx + ty * (a / det))};
+  // Row start plus column offset must stay inside int: both parts below 2^30 at the box ends.
+  for (double x : {double(p.x0), double(p.x1)})
+    if (!(std::fabs(x * p.du_dx * 1024) < kFixedLimit &&
+          std::fabs(x * p.dv_dx * 1024) < kFixedLimit))
+      return -1;
+  for (double y : {double(p.y0), double(p.y1)})
+    if (!(std::fabs((y * p.rows.du_dy + p.rows.u0) * 1024) < kFixedLimit &&
+          std::fabs((y * p.rows.dv_dy + p.rows.v0) * 1024) < kFixedLimit))
+      return -1;
+  return 1;
+}
 
-  const double du_dx = d / det, dv_dx = -c / det;
-  const Rows rows{-b / det, a / det, -(tx * du_dx + ty * (-b / det)),
-                  -(tx * dv_dx + ty * (a / det))};
-  // A transform this close to singular has no fixed-point representation: like a singular
-  // one, it pastes nothing.
-  for (double x : {double(x0), double(x1)})
-    if (!(std::fabs(x * du_dx * 1024) < kFixedLimit && std::fabs(x * dv_dx * 1024) < kFixedLimit))
-      return;
-  for (double y : {double(y0), double(y1)})
-    if (!(std::fabs((y * rows.du_dy + rows.u0) * 1024) < kFixedLimit &&
-          std::fabs((y * rows.dv_dy + rows.v0) * 1024) < kFixedLimit))
-      return;
+void Paste::checkTransform(const float* M, int crop, int W, int H, const std::string& what) {
+  bool finite = true;
+  for (int i = 0; i < 6; ++i) finite = finite && std::isfinite(M[i]);
+  Plan p;
+  if (finite && plan(M, crop, W, H, &p) >= 0) return;
+  char values[160];
+  std::snprintf(values, sizeof values, "(%g, %g, %g, %g, %g, %g)", double(M[0]), double(M[1]),
+                double(M[2]), double(M[3]), double(M[4]), double(M[5]));
+  throw std::runtime_error(
+      "paste: " + what + " (a, b, tx, c, d, ty) = " + values +
+      (finite ? " maps the " + std::to_string(W) + "x" + std::to_string(H) +
+                    " frame to crop positions beyond the paste's fixed-point range (2^20 crop "
+                    "pixels) — so nearly singular a transform cannot place the crop"
+              : std::string(" is not finite — no frame position can be mapped through it")) +
+      ", and pasting would silently skip the frame. REFUSING to load it.");
+}
 
-  const size_t ncol = size_t(x1 - x0 + 1);
+void Paste::composite(const float* crop_planes, float scale, const float* M, uint8_t* frame,
+                      int W, int H) {
+  Plan p;
+  const int planned = plan(M, crop_, W, H, &p);
+  if (planned == 0) return;
+  if (planned < 0) checkTransform(M, crop_, W, H, "transform");
+
+  const size_t ncol = size_t(p.x1 - p.x0 + 1);
   if (col_x_.size() < ncol) {
     col_x_.resize(ncol);
     col_y_.resize(ncol);
   }
-  for (int x = x0; x <= x1; ++x) {
-    col_x_[size_t(x - x0)] = int(std::rint(x * du_dx * 1024));
-    col_y_[size_t(x - x0)] = int(std::rint(x * dv_dx * 1024));
+  for (int x = p.x0; x <= p.x1; ++x) {
+    col_x_[size_t(x - p.x0)] = int(std::rint(x * p.du_dx * 1024));
+    col_y_[size_t(x - p.x0)] = int(std::rint(x * p.dv_dx * 1024));
   }
 
   std::call_once(g_announce, [this] {
@@ -277,7 +301,7 @@ void Paste::composite(const float* crop_planes, float scale, const float* M, uin
   });
 
   sharpen(crop_planes, scale);
-  compositeTail(frame, W, x0, x1, y0, y1, rows);
+  compositeTail(frame, W, p.x0, p.x1, p.y0, p.y1, p.rows);
 }
 
 void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
@@ -346,28 +370,15 @@ inline float bilinearAt(const float* pl, int n, int ix, int iy, float wx0, float
 void Paste::resampleRowPlanar(uint8_t* dst, int row_x, int row_y, int x0, int x1) const {
   const int n = crop_;
   const float* bl = bilinear_.data();
-  const uint8_t* mk = mask_.data();
-  auto m = [&](int x, int y) {
-    return unsigned(x) < unsigned(n) && unsigned(y) < unsigned(n) ? float(mk[size_t(y) * n + x])
-                                                                  : 0.f;
-  };
   const float* pl[3] = {planes_[0].data(), planes_[1].data(), planes_[2].data()};
   for (int x = x0; x <= x1; ++x) {
-    const int sx = row_x + col_x_[size_t(x - x0)], sy = row_y + col_y_[size_t(x - x0)];
-    const int ix = sx >> kFracBits, iy = sy >> kFracBits;
-    if (sx < -1024 || sy < -1024 || ix >= n || iy >= n) continue;
-    const int px = (sx >> 5) & 31, py = (sy >> 5) & 31;
-    const float wx0 = bl[2 * px], wx1 = bl[2 * px + 1], wy0 = bl[2 * py], wy1 = bl[2 * py + 1];
-    float m00, m10, m01, m11;
-    if (ix >= 0 && iy >= 0 && ix + 1 < n && iy + 1 < n) {
-      const uint8_t* r = mk + size_t(iy) * n + ix;
-      m00 = r[0], m10 = r[1], m01 = r[n], m11 = r[n + 1];
-    } else {
-      m00 = m(ix, iy), m10 = m(ix + 1, iy), m01 = m(ix, iy + 1), m11 = m(ix + 1, iy + 1);
-    }
-    const float alpha =
-        std::rint(((wx1 * m11 + wx0 * m01) * wy1) + ((wx1 * m10 + wx0 * m00) * wy0)) / 255.0f;
+    const simd::detail::PastePos p =
+        simd::detail::pastePos(row_x + col_x_[size_t(x - x0)], row_y + col_y_[size_t(x - x0)], n);
+    if (!p.ok) continue;
+    const float alpha = simd::detail::pasteAlpha(mask_.data(), n, bl, p);
     if (!(alpha > 0.f)) continue;
+    const int ix = p.ix, iy = p.iy, px = p.px, py = p.py;
+    const float wx0 = bl[2 * px], wx1 = bl[2 * px + 1], wy0 = bl[2 * py], wy1 = bl[2 * py + 1];
     const bool interior = ix >= 1 && iy >= 1 && ix + 2 < n && iy + 2 < n;
     uint8_t* o = dst + 3 * size_t(x);
     for (int k = 0; k < 3; ++k) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace le {
@@ -16,7 +17,8 @@ struct Unsharp;
 // work runs on the calling thread's worker pool.
 class Paste {
  public:
-  // Throws "paste: mask size" unless mask holds crop*crop bytes, "paste: ksize must be odd".
+  // Throws "paste: mask size" unless mask holds crop*crop bytes, "paste: ksize must be odd",
+  // and refuses a sigma that is not above 0.
   // Reads LE_PASTE_FAST (resampling mode) and LE_PASTE_KSIZE (shrinks the unsharp kernel).
   Paste(std::vector<uint8_t> mask, int crop, const Unsharp& unsharp);
   Paste(const Paste&) = delete;
@@ -30,6 +32,11 @@ class Paste {
   // a crop landing outside the frame leaves the frame unchanged. Allocates nothing once warm.
   void composite(const float* crop_planes, float scale, const float* M, uint8_t* frame, int W,
                  int H);
+
+  // Throws, naming what (e.g. "M.f32 row 3"), when M has no place in a W x H frame: a value
+  // that is not finite, or so nearly singular a transform that the fixed-point source positions
+  // overflow. Singular and off-frame transforms pass: they paste nothing by design.
+  static void checkTransform(const float* M, int crop, int W, int H, const std::string& what);
 
   int crop() const { return crop_; }
   int ksize() const { return ksize_; }
@@ -52,6 +59,13 @@ class Paste {
   struct Rows {
     double du_dy, dv_dy, u0, v0;
   };
+  struct Plan {
+    int x0, x1, y0, y1;  // frame box
+    double du_dx, dv_dx;
+    Rows rows;
+  };
+  // 1 with the plan of a paste, 0 when nothing is pasted, -1 when positions overflow.
+  static int plan(const float* M, int crop, int W, int H, Plan* out);
   void sharpen(const float* crop_planes, float scale);
   void compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1, const Rows& rows);
   void resampleRowPlanar(uint8_t* dst_row, int row_x, int row_y, int x0, int x1) const;
@@ -69,7 +83,7 @@ class Paste {
   std::vector<float> planes_[3];  // the crop's R, G, B in 0..255 units, sharpened in place
   std::vector<float> blurA_;      // per plane: the padded (mirrored) plane, then row scratch
   std::vector<float> blurB_;      // per plane: padded rows x crop columns, horizontally blurred
-  std::vector<float> src4_;       // R, G, B, 0 per crop pixel: the Lanczos source
+  std::vector<float> src4_;       // R, G, B, 0 per crop pixel, column by column: the Lanczos source
   std::vector<int> col_x_, col_y_;
 };
 

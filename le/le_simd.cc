@@ -6,6 +6,7 @@
 #ifndef LE_SIMD_CC_SCALAR_ONCE
 #define LE_SIMD_CC_SCALAR_ONCE
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -103,19 +104,6 @@ inline const float* convPad(const float* in, int n, int Cin, int H, int W) {
     std::fill(row + 1 + W, row + S, 0.0f);
   }
   return buf.data();
-}
-
-// One output pixel of one channel, from the padded image, in the kernel's order.
-inline float convPixel(const float* pad, size_t S, int Cin, int H, const float* w, int y, int x) {
-  float acc = 0.0f;
-  for (int ky = 0; ky < 3; ++ky) {
-    const int yy = y + ky - 1;
-    if (yy < 0 || yy >= H) continue;
-    for (int kx = 0; kx < 3; ++kx)
-      for (int ci = 0; ci < Cin; ++ci)
-        acc = acc + w[ci * 9 + ky * 3 + kx] * pad[(static_cast<size_t>(ci) * H + yy) * S + x + kx];
-  }
-  return acc;
 }
 
 }  // namespace le::simd::detail
@@ -275,6 +263,61 @@ float RetrieveTermPooled(const uint16_t* HWY_RESTRICT a, const uint16_t* HWY_RES
   return total;
 }
 
+void RetrieveTermPooledLanes(const uint16_t* HWY_RESTRICT a, const uint16_t* HWY_RESTRICT b,
+                             const uint16_t* HWY_RESTRICT w, size_t n, float* HWY_RESTRICT out) {
+  const DF df;
+  const DH dh;
+  const size_t N = hn::Lanes(df);
+  constexpr size_t L = kPooledLanes;
+  const VF third = hn::Set(df, 3.0f);
+  if (N > L) {  // wider than a group: the scalar formula per image
+    for (size_t j = 0; j < L; ++j) {
+      float total = 0.0f;
+      for (size_t i = 0; i < n; ++i) {
+        float d = 0.0f;
+        for (size_t k = 0; k < 3; ++k)
+          d = d + std::fabs(detail::roundHalf(detail::fromHalf(a[(3 * i + k) * L + j]) - detail::fromHalf(b[k * n + i])));
+        total = total + detail::roundHalf(detail::roundHalf(d / 3.0f) * detail::fromHalf(w[i]));
+      }
+      out[j] = total;
+    }
+    return;
+  }
+  // The shared query and weights are widened a chunk at a time, outside the per-lane loop.
+  constexpr size_t C = 128;
+  HWY_ALIGN float bf[3][C];
+  HWY_ALIGN float wf[C];
+  for (size_t j = 0; j < L; ++j) out[j] = 0.0f;
+  for (size_t i0 = 0; i0 < n; i0 += C) {
+    const size_t c = std::min(C, n - i0);
+    for (size_t k = 0; k < 3; ++k) F16ToF32(b + k * n + i0, bf[k], c);
+    F16ToF32(w + i0, wf, c);
+    // A zero weight adds +0 to every lane (the images' values being finite), so only the
+    // weighted pixels are visited, still in index order.
+    uint32_t live[C];
+    size_t nl = 0;
+    for (size_t i = 0; i < c; ++i) {
+      live[nl] = static_cast<uint32_t>(i);
+      nl += wf[i] != 0.0f;
+    }
+    for (size_t j0 = 0; j0 < L; j0 += N) {
+      VF total = hn::LoadU(df, out + j0);
+      for (size_t q = 0; q < nl; ++q) {
+        const size_t i = live[q];
+        const uint16_t* ai = a + 3 * (i0 + i) * L + j0;
+        VF d = hn::Abs(RoundHalf(df, hn::Sub(FromHalf(df, hn::LoadU(dh, ai)), hn::Set(df, bf[0][i]))));
+        for (size_t k = 1; k < 3; ++k) {
+          const VF diff = hn::Sub(FromHalf(df, hn::LoadU(dh, ai + k * L)), hn::Set(df, bf[k][i]));
+          d = hn::Add(d, hn::Abs(RoundHalf(df, diff)));
+        }
+        const VF m = RoundHalf(df, hn::Div(d, third));
+        total = hn::Add(total, RoundHalf(df, hn::Mul(m, hn::Set(df, wf[i]))));
+      }
+      hn::StoreU(total, df, out + j0);
+    }
+  }
+}
+
 float RetrieveTermExactRange(const uint16_t* HWY_RESTRICT a, const uint16_t* HWY_RESTRICT b,
                              const float* HWY_RESTRICT w, size_t n, size_t lo, size_t hi) {
   const DF df;
@@ -309,9 +352,11 @@ HWY_INLINE void ConvChannels(const float* HWY_RESTRICT pad, size_t S, int Cin, i
   const size_t plane = static_cast<size_t>(H) * W;
   const size_t wstride = static_cast<size_t>(Cin) * 9;
   const float* w0 = weight + oc * wstride;
+  HWY_ALIGN float part[kOc][hn::MaxLanes(DF())];
   for (int y = 0; y < H; ++y) {
-    size_t x = 0;
-    for (; x + N <= static_cast<size_t>(W); x += N) {
+    // The last, partial vector of a row reads the scratch's zero padding (its rows are padded
+    // to a multiple of 64 floats plus two) and stores only the columns inside the row.
+    for (size_t x = 0; x < static_cast<size_t>(W); x += N) {
       VF acc[kOc];
       for (int j = 0; j < kOc; ++j) acc[j] = hn::Zero(df);
       for (int ky = 0; ky < 3; ++ky) {
@@ -327,14 +372,16 @@ HWY_INLINE void ConvChannels(const float* HWY_RESTRICT pad, size_t S, int Cin, i
           }
         }
       }
-      for (int j = 0; j < kOc; ++j)
-        hn::StoreU(hn::Add(acc[j], hn::Set(df, bias[oc + j])), df,
-                   out_img + (oc + j) * plane + static_cast<size_t>(y) * W + x);
+      const size_t row = static_cast<size_t>(y) * W + x;
+      if (x + N <= static_cast<size_t>(W)) {
+        for (int j = 0; j < kOc; ++j) hn::StoreU(hn::Add(acc[j], hn::Set(df, bias[oc + j])), df, out_img + (oc + j) * plane + row);
+      } else {
+        for (int j = 0; j < kOc; ++j) {
+          hn::Store(hn::Add(acc[j], hn::Set(df, bias[oc + j])), df, part[j]);
+          std::memcpy(out_img + (oc + j) * plane + row, part[j], sizeof(float) * (W - x));
+        }
+      }
     }
-    for (; x < static_cast<size_t>(W); ++x)
-      for (int j = 0; j < kOc; ++j)
-        out_img[(oc + j) * plane + static_cast<size_t>(y) * W + x] =
-            detail::convPixel(pad, S, Cin, H, w0 + j * wstride, y, static_cast<int>(x)) + bias[oc + j];
   }
 }
 
@@ -376,6 +423,7 @@ HWY_EXPORT(F16ToF32);
 HWY_EXPORT(RoundF16Mul);
 HWY_EXPORT(Rgb8ToPlanarF16);
 HWY_EXPORT(RetrieveTermPooled);
+HWY_EXPORT(RetrieveTermPooledLanes);
 HWY_EXPORT(RetrieveTermExact);
 HWY_EXPORT(RetrieveTermExactRange);
 HWY_EXPORT(Conv3x3Range);
@@ -394,6 +442,9 @@ void rgb8ToPlanarF16(const uint8_t* rgb, uint16_t* out, size_t plane_stride, siz
 }
 float retrieveTermPooled(const uint16_t* a, const uint16_t* b, const uint16_t* w, size_t n) {
   return HWY_DYNAMIC_DISPATCH(RetrieveTermPooled)(a, b, w, n);
+}
+void retrieveTermPooledLanes(const uint16_t* a, const uint16_t* b, const uint16_t* w, size_t n, float* out) {
+  HWY_DYNAMIC_DISPATCH(RetrieveTermPooledLanes)(a, b, w, n, out);
 }
 float retrieveTermExact(const uint16_t* a, const uint16_t* b, const float* w, size_t n) {
   return HWY_DYNAMIC_DISPATCH(RetrieveTermExact)(a, b, w, n);

@@ -46,6 +46,17 @@ void rgb8ToPlanarF16(const uint8_t* rgb, uint16_t* out, size_t plane_stride, siz
 // half-rounded channel differences of the planar half images a and b (planes n apart).
 float retrieveTermPooled(const uint16_t* a, const uint16_t* b, const uint16_t* w, size_t n);
 
+// How many images one interleaved group of retrieveTermPooledLanes holds.
+constexpr size_t kPooledLanes = 16;
+
+// retrieveTermPooled of kPooledLanes planar half images against one b and w, bit for bit, with
+// the images interleaved: a[(3 * i + k) * kPooledLanes + j] is channel k of pixel i of image j.
+// out[j] receives image j's sum. Each image keeps its own sum in index order, so the lanes run
+// side by side without reordering anything. Pixels of zero weight are skipped: their term is +0
+// as long as the images there are finite with channel differences below 65520 (always so for
+// values in [0, 1]); an infinity or NaN at such a pixel does not reach the sum.
+void retrieveTermPooledLanes(const uint16_t* a, const uint16_t* b, const uint16_t* w, size_t n, float* out);
+
 // Sum over i in [lo, hi), index order, of w[i] * h(d_i / 3), skipping i where w[i] == 0.
 float retrieveTermExactRange(const uint16_t* a, const uint16_t* b, const float* w, size_t n,
                              size_t lo, size_t hi);
@@ -65,14 +76,19 @@ void yuv420RowToRgb24(const uint8_t* y, const uint8_t* u, const uint8_t* v, int 
                       int chroma_step, uint8_t* rgb);
 
 // Blends output pixels x_begin..x_end (inclusive) of one frame row from the interleaved
-// crop src (R, G, B, 0 floats per pixel, crop x crop pixels) under the crop mask, with
+// crop src (R, G, B, 0 floats per pixel, crop x crop pixels, stored column by column: pixel
+// (x, y) at floats 4 * (x * crop + y)) under the crop mask, with
 // 32-phase Lanczos-8 (256 floats) and bilinear (64 floats) tables. col_x / col_y hold the
 // fixed-point (10 fractional bits) source offsets of columns x_begin.., row_x / row_y the
-// row start. dst_row is the frame row (pixel x at bytes 3x..3x+2); only blended pixels
-// between x_begin and x_end are written.
+// row start. dst_row is the frame row (pixel x at bytes 3x..3x+2); only bytes between
+// x_begin and x_end are written, and only blended pixels change.
 void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const float* lanczos,
                       const float* bilinear, const int* col_x, const int* col_y, int row_x,
                       int row_y, int x_begin, int x_end, uint8_t* dst_row);
+
+// The source of pasteLanczos8Row from three n x n planes: for rows y0 <= y < y1 and every x,
+// pixel (x, y) goes to dst[4 * (x * n + y)] as r, g, b, 0.
+void interleaveColumns(const float* r, const float* g, const float* b, int n, int y0, int y1, float* dst);
 
 // Name of the best target the processor supports ("AVX3_DL", "AVX2", ...). Static string.
 LE_API const char* target();

@@ -11,8 +11,4 @@
 #endif
 
 // Products and sums stay separate roundings on every target (no fused multiply-add).
-#if defined(__clang__)
-#pragma STDC FP_CONTRACT OFF
-#elif defined(__GNUC__)
-#pragma GCC optimize("fp-contract=off")
-#endif
+#include "le/le_fp_exact.h"

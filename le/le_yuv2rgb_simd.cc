@@ -7,10 +7,11 @@
 #define LE_YUV2RGB_SCALAR_ONCE
 
 #include "le/le_simd.h"
+#include "le/le_util.h"
 
 namespace le::simd::detail {
 
-inline uint8_t clampByte(int v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
+using le::clampByte;
 
 // One pixel: 32-bit integer arithmetic, >> is an arithmetic shift.
 inline void yuvPixel(int Y, int U, int V, uint8_t* rgb) {

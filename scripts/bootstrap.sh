@@ -16,6 +16,7 @@ apt_packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libonnx-testdata
   espeak-ng sox
+  libboost-dev chromium
   libopencv-dev
   libfftw3-dev
   clang

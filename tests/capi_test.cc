@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -15,20 +16,18 @@
 #include "le/le_error.h"
 #include "le/le_pool.h"
 #include "le/le_simd.h"
+#include "le/le_util.h"
 #include "tools/forge/forge.h"
 
 namespace {
 
+using le::startsWith;
 using le::testing::ScratchDir;
 
 std::string forged(const ScratchDir& dir, const std::string& name, le::forge::Params p) {
   const std::string path = dir / name;
   le::forge::forgeBundle(path, p);
   return path;
-}
-
-bool startsWith(const std::string& s, const std::string& prefix) {
-  return s.compare(0, prefix.size(), prefix) == 0;
 }
 
 // A crop of the forged person, as the director would hand it over: planar float in [0, 1].
@@ -181,6 +180,43 @@ TEST(Context, ConstructionFailuresUndoThemselves) {
        true},
       {dir / "absent", "le_create: ", true},
   };
+  // Paste settings the compositor cannot honour are refused, naming the value.
+  for (float sigma : {0.f, -1.5f}) {
+    le::forge::Params p;
+    p.nt = 4;
+    p.frames = 4;
+    p.sigma = sigma;
+    char v[16];
+    std::snprintf(v, sizeof v, "%g", double(sigma));
+    cases.push_back({forged(dir, std::string("sigma") + v, p),
+                     std::string("le_create: paste: manifest \"sigma\" is ") + v +
+                         " — the unsharp mask's Gaussian needs a width above 0 (at 0 every tap "
+                         "divides by zero, below 0 the width is a sign error). REFUSING to load a "
+                         "paste whose blur nobody specified; the default is 2.0.",
+                     false});
+  }
+  auto withRow = [&](const std::string& name, int row, std::vector<float> M) {
+    const std::string bundle = broken(name, {});
+    std::FILE* f = std::fopen((bundle + "/M.f32").c_str(), "r+b");
+    EXPECT_TRUE(f && std::fseek(f, row * 24, SEEK_SET) == 0 &&
+                std::fwrite(M.data(), 4, 6, f) == 6 && std::fclose(f) == 0);
+    return bundle;
+  };
+  cases.push_back({withRow("near_singular", 2, {1e-7f, 0, 0, 0, 1e-7f, 0}),
+                   "le_create: paste: M.f32 row 2 (a, b, tx, c, d, ty) = (1e-07, 0, 0, 0, 1e-07, "
+                   "0) maps the 256x192 frame to crop positions beyond the paste's fixed-point "
+                   "range (2^20 crop pixels) — so nearly singular a transform cannot place the "
+                   "crop, and pasting would silently skip the frame. REFUSING to load it.",
+                   false});
+  cases.push_back({withRow("nan_row", 3, {1, 0, NAN, 0, 1, 0}),
+                   "le_create: paste: M.f32 row 3 (a, b, tx, c, d, ty) = (1, 0, nan, 0, 1, 0) is "
+                   "not finite — no frame position can be mapped through it, and pasting would "
+                   "silently skip the frame. REFUSING to load it.",
+                   false});
+  // Singular and off-frame rows paste nothing by design and load.
+  le_ctx* odd = le_create(withRow("singular", 1, {0, 0, 5, 0, 0, 5}).c_str(), "render", 1, nullptr);
+  EXPECT_NE(odd, nullptr) << le_last_error();
+  le_destroy(odd);
   for (const Case& c : cases) {
     EXPECT_EQ(le_create(c.bundle.c_str(), "render", 1, nullptr), nullptr);
     if (c.prefix)

@@ -17,6 +17,7 @@
 #include "le/le.h"
 #include "le/le_bundle.h"
 #include "le/render/le_renderer.h"
+#include "tests/support/media.h"
 #include "tools/forge/director_members.h"
 #include "tools/forge/forge.h"
 
@@ -42,7 +43,8 @@ struct Bundle {
     fs::remove_all(dir);
     fs::create_directories(dir);
     le::forge::DirectorMemberOptions o;
-    o.heavy = false;
+    o.heavyLayers = 1;
+    o.steadyBatch = 0;
     for (auto& m : le::forge::directorMembers(params, o)) params.extraMembers.push_back(std::move(m));
     le::forge::forgeBundle(dir, params);
     manifest = le::loadManifest(dir);
@@ -110,6 +112,18 @@ TEST(ConePrefetch, SplitCropsMatchWholeDirectorAndPredictionsHold) {
     }
   }
 
+  // The heavy director's cone carries an encoder of the source frame: split, it agrees with
+  // itself kept whole by the switch.
+  {
+    le::Renderer heavy(five.manifest, *five.identity, "b1_heavy", 1, "");
+    ASSERT_TRUE(heavy.coneSplit());
+    le::testmedia::ScopedEnv off("LE_CONE_SPLIT", "0");
+    le::Renderer heavyWhole(five.manifest, *five.identity, "b1_heavy", 1, "");
+    EXPECT_FALSE(heavyWhole.coneSplit());
+    EXPECT_LT(renderBoth(five, heavy, heavyWhole, walks[0].seq), 1e-4);
+    EXPECT_EQ(heavy.coneMisses(), 1);
+  }
+
   // One source frame: it stays in its slot and nothing is ever queued.
   const Bundle one(1);
   le::Renderer whole1(one.manifest, *one.identity, "b4", 1, "");
@@ -128,7 +142,7 @@ TEST(ConePrefetch, FailedPrepRefusesThatRenderAndEveryLaterOne) {
   int32_t si = 0;
   b.kps(si, 0, ks, kd);
   r.render(&si, ks.data(), kd.data(), 1);
-  r.terminateConeRuns();
+  le::testing::terminateConeRuns(r);
   // The boundary of frame 1 may already be in its slot; the run after it cannot be.
   const std::string prefix = "Renderer: the hoisted source cone failed in ORT — ";
   std::string first;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "le/le_bundle.h"
+#include "le/le_capi.h"
 #include "le/le_driver.h"
 #include "le/le_simd.h"
 #include "tools/forge/forge_movie.h"
@@ -144,38 +145,17 @@ double meanAbsDiff(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b)
 
 }  // namespace
 
+// Member sizes, stills and manifest values are checked by the engine's own readers below
+// (EngineReadsWhatTheForgeWrites); here, what only the forge decides.
 TEST(Forge, CanonicalBundleHasEveryMemberAtItsSize) {
   Params p = small();
   p.drive = DriveMedia::Both;
   p.fsRed = true;
   const std::string dir = scratch("canonical");
   const Result r = forgeBundle(dir, p);
-  const size_t nt = p.nt, c2 = static_cast<size_t>(p.crop) * p.crop, fr = p.frames;
-  const std::pair<const char*, size_t> sizes[] = {
-      {"P.f16", nt * 6 * c2},       {"pooled64.f16", nt * 131072}, {"fs_red.f16", nt * 524288},
-      {"M.f32", nt * 24},           {"mask_512.u8", c2},           {"xs_target.bin", nt * 252},
-      {"drive/xs.f32", fr * 252},   {"drive/xd.f32", fr * 252},    {"drive/si.i32", fr * 4},
-  };
-  for (const auto& [name, size] : sizes) {
-    ASSERT_TRUE(fs::exists(dir + "/" + name)) << name;
-    EXPECT_EQ(fs::file_size(dir + "/" + name), size) << name;
-  }
-  for (int i = 0; i < p.nt; ++i) {
-    char f[64];
-    std::snprintf(f, sizeof f, "/target_frames/frame_%06d.jpg", i);
-    const Decoded still = decode(dir + f);
-    EXPECT_EQ(still.width, p.width) << f;
-    EXPECT_EQ(still.height, p.height) << f;
-  }
   EXPECT_FALSE(fs::exists(dir + "/target_frames/frame_000005.jpg"));
   EXPECT_EQ(r.members.size(), 11u + p.nt);
-
-  const std::string m = text(dir + "/manifest.json");
-  for (const char* key : {"\"format\": \"le-bundle-v0\"", "\"agent\": \"forge-face\"", "\"NT\": 5", "\"W\": 96",
-                          "\"H\": 64", "\"crop\": 48", "\"M_src_w\": 96", "\"M_src_h\": 64", "\"amount\": 1.3",
-                          "\"sigma\": 2", "\"ksize\": 13", "\"frames\": 9"})
-    EXPECT_NE(m.find(key), std::string::npos) << key << " in\n" << m;
-  EXPECT_EQ(m.find("P_hevc"), std::string::npos);
+  EXPECT_EQ(text(dir + "/manifest.json").find("P_hevc"), std::string::npos);
 
   // the idle track: ping-pong over the sources, rows agree with the keypoint functions
   const auto si = table<int32_t>(dir + "/drive/si.i32");
@@ -223,9 +203,7 @@ TEST(Forge, AlternativeNamesAndManifestSpellings) {
                            "idle_loop/source_index.i32"})
     EXPECT_TRUE(fs::exists(dir + "/" + name)) << name;
   const std::string m = text(dir + "/manifest.json");
-  for (const char* key : {"\"frame_count\": 5", "\"crop_size\": 48", "\"paste_source_width\": 48",
-                          "\"paste_source_height\": 64", "\"note\": \"forged\""})
-    EXPECT_NE(m.find(key), std::string::npos) << key << " in\n" << m;
+  EXPECT_NE(m.find("\"note\": \"forged\""), std::string::npos) << m;
   for (const char* key : {"\"NT\"", "\"crop\"", "M_src"}) EXPECT_EQ(m.find(key), std::string::npos) << key;
 
   // M.f32 is authored on the 48x64 canvas: scaling back to 96x64 gives the frame transform
@@ -445,6 +423,9 @@ TEST(Forge, EngineReadsWhatTheForgeWrites) {
   const std::string dir = scratch("engine");
   forgeBundle(dir, p);
   const le::Manifest m = le::loadManifest(dir);
+  const le::Identity id(m);  // maps and reads every table at its exact size
+  EXPECT_EQ(le::loadDrive(m).si, (std::vector<int32_t>{0, 1, 2, 3, 4, 3, 2, 1, 0}));
+  EXPECT_EQ(le::readPasteMask(m).size(), static_cast<size_t>(p.crop) * p.crop);
   EXPECT_EQ(m.dir, dir);
   EXPECT_EQ(m.agent, "forge-face");
   EXPECT_EQ(m.NT, p.nt);

@@ -16,6 +16,7 @@
 #include "le/render/onnx_bytes.h"
 #include "tools/forge/director_graph.h"
 #include "tools/forge/onnx_builder.h"
+#include "tests/onnx_ort.h"
 
 using le::GsSlice;
 using le::forge::Attr;
@@ -65,6 +66,18 @@ std::vector<NodeView> nodesOf(const Bytes& model) {
   return out;
 }
 
+// Initializers no node reads: ONNX Runtime warns about each one when it loads the model.
+std::vector<std::string> unreadInitializers(const Bytes& model) {
+  std::set<std::string> inits, inputs, read;
+  std::vector<le::GsNodeInfo> infos;
+  le::gsReadGraph(le::gsGraphOf(model), infos, inits, inputs);
+  for (const le::GsNodeInfo& n : infos) read.insert(n.inputs.begin(), n.inputs.end());
+  std::vector<std::string> unread;
+  for (const std::string& i : inits)
+    if (!read.count(i)) unread.push_back(i);
+  return unread;
+}
+
 int countOp(const Bytes& model, const std::string& op) {
   int n = 0;
   for (const NodeView& v : nodesOf(model)) n += v.op == op;
@@ -102,31 +115,12 @@ struct Feed {
   std::vector<float> data;
 };
 
-Ort::Env& env() {
-  le::ortApi();
-  static Ort::Env e(ORT_LOGGING_LEVEL_ERROR, "graph_rewrites_test");
-  return e;
-}
-
 // Runs `model` on the feeds and returns output `out`; the engine's domain is registered.
 std::vector<float> run(const Bytes& model, const std::vector<Feed>& feeds, const std::string& out = "rgb") {
-  Ort::Env& e = env();
-  Ort::SessionOptions so;
-  so.SetIntraOpNumThreads(1);
-  le::registerGridSampleFast(so);
-  Ort::Session s(e, model.data(), model.size(), so);
-  Ort::MemoryInfo mi = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
-  std::vector<const char*> names;
-  std::vector<Ort::Value> values;
-  for (const Feed& fd : feeds) {
-    names.push_back(fd.name.c_str());
-    values.push_back(Ort::Value::CreateTensor<float>(mi, const_cast<float*>(fd.data.data()), fd.data.size(),
-                                                     fd.shape.data(), fd.shape.size()));
-  }
-  const char* outName = out.c_str();
-  std::vector<Ort::Value> res = s.Run(Ort::RunOptions{nullptr}, names.data(), values.data(), values.size(), &outName, 1);
-  const float* p = res[0].GetTensorData<float>();
-  return std::vector<float>(p, p + res[0].GetTensorTypeAndShapeInfo().GetElementCount());
+  Ort::Session s = le::test::ortSession(model);
+  std::vector<le::test::Feed> views;
+  for (const Feed& fd : feeds) views.push_back({fd.name, fd.shape, fd.data.data(), fd.data.size()});
+  return le::test::ortRun(s, views, out);
 }
 
 std::vector<float> pooled() {
@@ -395,6 +389,7 @@ TEST(GraphRewrites, HeadCubicResize) {
   le::gsReadGraph(le::gsGraphOf(m), infos, inits, inputs);
   EXPECT_TRUE(inits.count(prefix + "_pads"));
   EXPECT_TRUE(inits.count(prefix + "_dw_w"));
+  EXPECT_EQ(unreadInitializers(m), std::vector<std::string>());
 
   // The same filter: relative to the output's range, within 1e-5, on the director and on the
   // head alone (its Conv output, where the cubic's error is not diluted by the rest).
@@ -772,6 +767,8 @@ TEST(GraphRewrites, SourceConeSplit) {
   le::ldInputDims(le::gsGraphOf(perFrame), boundary, first, last, rank);
   EXPECT_EQ(rank, 4);
   EXPECT_EQ(last, kCrop);
+  EXPECT_EQ(unreadInitializers(prep), std::vector<std::string>());
+  EXPECT_EQ(unreadInitializers(perFrame), std::vector<std::string>());
 
   // Prep session, then per-frame session on its output: the whole graph's result.
   std::vector<Feed> feeds = directorFeeds();

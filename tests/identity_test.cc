@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "bundle_fixture.h"
 #include "le/le_bundle.h"
+#include "le/le_driver.h"
 #include "le/le_expand.h"
 #include "le/le_simd.h"
 #include "tools/forge/forge.h"
@@ -224,7 +226,8 @@ TEST(Drive, LoadsAndValidates) {
 }
 
 // A forged bundle whose warp prior is a video: rows come from the prior cursor, which is
-// created on first need and reports its backend, memory and seeks.
+// created on first need and reports its backend, memory and seeks. Every loader works from the
+// manifest text read at load: the file is gone by then.
 TEST(Identity, VideoPriorThroughThePriorCursor) {
   ScratchDir dir("identity");
   le::forge::Params p;
@@ -233,6 +236,8 @@ TEST(Identity, VideoPriorThroughThePriorCursor) {
   p.prior = le::forge::Prior::Hevc;
   le::forge::forgeBundle(dir / "b", p);
   const le::Manifest m = le::loadManifest(dir / "b");
+  ASSERT_EQ(std::remove((dir / "b/manifest.json").c_str()), 0);
+  EXPECT_NE(le::DriverCursor::open(m, 2, 11), nullptr);
   le::Identity id(m);
   EXPECT_FALSE(id.hasP());
   EXPECT_EQ(id.priorPath(), dir / "b/P_hevc.mov");

@@ -239,11 +239,7 @@ TEST(Int8Conv, GeometryRefusals) {
 // ---- the operator in ONNX Runtime ------------------------------------------------------------
 
 Ort::Session int8Session(const std::vector<uint8_t>& model, int threads = 1) {
-  Ort::Env& env = le::test::ortEnv();
-  Ort::SessionOptions so;
-  so.SetIntraOpNumThreads(threads);
-  le::registerInt8ConvVNNI(so);
-  return Ort::Session(env, model.data(), model.size(), so);
+  return le::test::ortSession(model, threads, le::registerInt8ConvVNNI);
 }
 
 TEST(Int8Conv, OperatorReadsItsAttributesAndRefusesBadInputs) {
@@ -298,7 +294,8 @@ TEST(Int8Conv, ConcurrentFirstRunsPrepareOnce) {
   s.pads = {1, 1, 1, 1};
   const Problem p = problem(s, 41);
   const std::vector<float> ref = reference(p.x, p.w, p.bias, s);
-  Ort::Session session = int8Session(le::forge::int8ConvModel(s, p.w, p.bias));
+  Ort::Session session =
+      le::test::ortSession(le::forge::int8ConvModel(s, p.w, p.bias), 1, le::registerInt8ConvVNNI, false);
   const uint64_t before = ic::preparations();
   constexpr int kThreads = 4;
   std::vector<std::vector<float>> ys(kThreads);

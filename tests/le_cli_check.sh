@@ -127,14 +127,53 @@ if "$le" --help | grep -q "^  speak "; then
   check_movie "$tmp/s.mp4" $((5 + speech + 6 + 10))
   expect 0 "speak interrupted" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/i.mp4" --lead-in 0 --tail 0.2 --interrupt-at 0.8 --quiet
   check_movie "$tmp/i.mp4" $((20 + 4 + 5))
+  expect 0 "speak offline" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/o.mp4" --offline --quiet
+  check_movie "$tmp/o.mp4" "$speech"
+  expect 2 "speak offline with a lead-in" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/x.mp4" --offline --lead-in 1
+  one_line_error "le speak: " "--offline renders the speech alone: it takes no --lead-in"
   expect 1 "speak a file that is not audio" -- "$le" speak "$tmp/b" "$tmp/b/manifest.json" -o "$tmp/x.mp4"
   one_line_error "le speak: " "$tmp/b/manifest.json: "
   expect 2 "speak with an interrupt past the end" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/x.mp4" --interrupt-at 60
   one_line_error "le speak: " "--interrupt-at wants a time inside the speech"
+  # the borrow: attached and reported when the bundle carries one, off with --no-borrow
+  expect 0 "forge a bundle with a borrow" -- "$le" forge "$tmp/t" --nt 4 --frames 6 --size 192x160 --crop 128 --lips template --tessera-donors 16 --quiet
+  expect 0 "speak with the borrow" -- "$le" speak "$tmp/t" "$tmp/st.wav" -o "$tmp/t.mp4" --lead-in 0 --tail 0.2
+  grep -qF "borrow: corpus geometry v1, 16 donors, window " "$tmp/err" && grep -qE "^borrow: $((speech + 6)) frames with borrowed teeth, 0 skipped$" "$tmp/err" ||
+    { echo "FAIL: le speak did not report its borrow:"; sed 's/^/  /' "$tmp/err"; fails=$((fails + 1)); }
+  expect 0 "speak --no-borrow" -- "$le" speak "$tmp/t" "$tmp/st.wav" -o "$tmp/t.mp4" --lead-in 0 --tail 0.2 --no-borrow
+  ! grep -qE "^(borrow:|\[borrow\])" "$tmp/err" || { echo "FAIL: le speak --no-borrow still borrows:"; sed 's/^/  /' "$tmp/err"; fails=$((fails + 1)); }
+  "$le" live "$tmp/t" --size 64x48 <"$tmp/s.raw" >/dev/null 2>"$tmp/err"
+  grep -qF "borrow: corpus geometry v1, 16 donors" "$tmp/err" && grep -qE "^borrow: [1-9][0-9]* frames with borrowed teeth" "$tmp/err" ||
+    { echo "FAIL: le live did not report its borrow:"; sed 's/^/  /' "$tmp/err"; fails=$((fails + 1)); }
   # live: every pushed sample spoken once, then the ramp, at the asked size
   "$le" live "$tmp/b" --size 64x48 <"$tmp/s.raw" >"$tmp/l.y4m" 2>"$tmp/err"
   grep -qF "($speech speech, 6 ramp," "$tmp/err" || { echo "FAIL: le live, wanted $speech speech frames:"; sed 's/^/  /' "$tmp/err"; fails=$((fails + 1)); }
   head -c 40 "$tmp/l.y4m" | grep -q "^YUV4MPEG2 W64 H48 F25:1" || { echo "FAIL: le live wrote no 64x48 YUV4MPEG2 stream"; fails=$((fails + 1)); }
+fi
+
+if "$le" --help | grep -q "^  serve "; then
+  expect 0 "serve --help" -- "$le" serve --help
+  stdout_has "usage: le serve BUNDLE"
+  expect 2 "serve on a bad port" -- "$le" serve "$tmp/b" --port 70000
+  one_line_error "le serve: " "--port wants an integer"
+  expect 2 "serve on a bad address" -- "$le" serve "$tmp/b" --bind localhost:80
+  one_line_error "le serve: " "--bind wants an IP address, got 'localhost:80'"
+  expect 1 "serve a bundle the engine refuses" -- "$le" serve "$tmp/bad" --port 0
+  one_line_error "le serve: " "AMBIGUOUS"
+  # the page over HTTP, then Ctrl-C: a clean exit
+  "$le" serve "$tmp/b" --port 0 --quiet 2>"$tmp/serve.err" &
+  pid=$!
+  for _ in $(seq 100); do grep -q "at http://" "$tmp/serve.err" && break; sleep 0.1; done
+  port=$(sed -n 's|.* at http://127.0.0.1:\([0-9]*\)/.*|\1|p' "$tmp/serve.err")
+  if [ -n "$port" ] && exec 3<>"/dev/tcp/127.0.0.1/$port"; then
+    printf 'GET / HTTP/1.0\r\n\r\n' >&3
+    grep -q '<canvas id="face"' <&3 || { echo "FAIL: le serve served no page"; fails=$((fails + 1)); }
+    exec 3<&-
+  else
+    echo "FAIL: le serve did not listen:"; sed 's/^/  /' "$tmp/serve.err"; fails=$((fails + 1))
+  fi
+  kill -INT "$pid"
+  wait "$pid" || { echo "FAIL: le serve exited $? after Ctrl-C"; fails=$((fails + 1)); }
 fi
 
 if [ "$fails" != 0 ]; then echo "$fails failure(s)"; exit 1; fi

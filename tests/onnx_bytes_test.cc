@@ -10,6 +10,7 @@
 
 #include "le/render/le_ort.h"
 #include "tools/forge/onnx_builder.h"
+#include "tests/onnx_ort.h"
 
 using le::GsField;
 using le::GsReader;
@@ -48,18 +49,6 @@ std::vector<uint8_t> smallModel() {
   return b.build();
 }
 
-Ort::Env& env() {
-  le::ortApi();
-  static Ort::Env e(ORT_LOGGING_LEVEL_ERROR, "onnx_bytes_test");
-  return e;
-}
-
-Ort::Session session(const std::vector<uint8_t>& model) {
-  Ort::Env& e = env();
-  Ort::SessionOptions so;
-  so.SetIntraOpNumThreads(1);
-  return Ort::Session(e, model.data(), model.size(), so);
-}
 
 }  // namespace
 
@@ -349,7 +338,7 @@ TEST(OnnxBytes, RebuildKeepsBytesAndAppliesEdits) {
     EXPECT_EQ(order, (std::vector<uint32_t>{1, 2, 7, 8, 6}));
 
   // The edited model runs: out = 2 * P_rgb.
-  Ort::Session s = session(out);
+  Ort::Session s = le::test::ortSession(out);
   std::vector<float> x(48);
   for (size_t i = 0; i < x.size(); ++i) x[i] = float(i) - 20.f;
   const int64_t shape[4] = {1, 3, 4, 4};
@@ -400,7 +389,7 @@ TEST(OnnxBuilder, ModelRunsInOrtWithAttributesInitializersAndConstants) {
   std::vector<uint8_t> model = b.build();
   EXPECT_EQ(b.nodeCount(), 7u);
 
-  Ort::Session s = session(model);
+  Ort::Session s = le::test::ortSession(model);
   std::vector<float> x(18);
   for (size_t i = 0; i < x.size(); ++i) x[i] = (float(i) - 9.f) * 0.25f;
   const int64_t shape[4] = {1, 2, 3, 3};

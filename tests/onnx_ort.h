@@ -18,13 +18,20 @@ inline Ort::Env& ortEnv() {
   return env;
 }
 
-// A CPU session over model bytes with the "com.vantorix" domain registered.
-inline Ort::Session ortSession(const std::vector<uint8_t>& model, int intraThreads = 1) {
+// A CPU session over model bytes with the engine's operators registered ("com.vantorix"
+// GridSampleFast unless the caller names another registration). Without the CPU arena every
+// output is an allocation of its own: sessions run from several threads at once under
+// ThreadSanitizer need that, since the arena passes one buffer from run to run under locks inside
+// the runtime that ThreadSanitizer cannot see.
+inline Ort::Session ortSession(const std::vector<uint8_t>& model, int intraThreads = 1,
+                               void (*registerOps)(Ort::SessionOptions&) = le::registerGridSampleFast,
+                               bool cpuArena = true) {
   Ort::Env& env = ortEnv();
   Ort::SessionOptions so;
+  if (!cpuArena) so.DisableCpuMemArena();
   so.SetIntraOpNumThreads(intraThreads);
   so.SetInterOpNumThreads(1);
-  le::registerGridSampleFast(so);
+  registerOps(so);
   return Ort::Session(env, model.data(), model.size(), so);
 }
 

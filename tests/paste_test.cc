@@ -16,6 +16,7 @@
 #include "bundle_fixture.h"
 #include "le/le_bundle.h"
 #include "le/le_pool.h"
+#include "tests/support/media.h"
 
 // Counts heap allocations while armed, to prove a warm composite allocates nothing.
 static std::atomic<bool> g_count_allocs{false};
@@ -32,28 +33,7 @@ void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
-// Sets (or unsets, with null) an environment variable for the life of the scope.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old, had_ = true;
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  }
-  ~ScopedEnv() {
-    if (had_)
-      setenv(name_, old_.c_str(), 1);
-    else
-      unsetenv(name_);
-  }
-
- private:
-  const char* name_;
-  std::string old_;
-  bool had_ = false;
-};
+using le::testmedia::ScopedEnv;
 
 le::Unsharp unsharp(float amount, float sigma, int ksize) {
   le::Unsharp u;
@@ -432,18 +412,30 @@ TEST(PasteComposite, SingularIsSilentAndAnnouncesOnceWithoutAllocating) {
   EXPECT_EQ(g_allocs.load(), 0);
 }
 
-TEST(PasteComposite, OversizedSideFailsBeforeTouchingTheFrame) {
+TEST(PasteComposite, UnplaceableInputFailsBeforeTouchingTheFrame) {
   ScopedEnv f("LE_PASTE_FAST", nullptr), k("LE_PASTE_KSIZE", nullptr);
-  const int n = 1025;
-  le::Paste paste(std::vector<uint8_t>(size_t(n) * n, 255), n, unsharp(1.3f, 2.0f, 3));
-  std::vector<float> planes(size_t(3) * n * n, 0.5f);
+  using le::testing::thrown;
   std::vector<uint8_t> frame(64 * 64 * 3, 9);
   const float M[6] = {1, 0, 0, 0, 1, 0};
-  try {
-    paste.composite(planes.data(), 255.f, M, frame.data(), 64, 64);
-    ADD_FAILURE() << "no throw";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "paste: side > 1024");
+  {
+    const int n = 1025;
+    le::Paste paste(std::vector<uint8_t>(size_t(n) * n, 255), n, unsharp(1.3f, 2.0f, 3));
+    std::vector<float> planes(size_t(3) * n * n, 0.5f);
+    EXPECT_EQ(thrown([&] { paste.composite(planes.data(), 255.f, M, frame.data(), 64, 64); }),
+              "paste: side > 1024");
   }
+  // Column offsets of 2^30 and more would wrap when added to the row start.
+  le::Paste paste(std::vector<uint8_t>(16 * 16, 255), 16, unsharp(1.3f, 2.0f, 3));
+  std::vector<float> planes(3 * 16 * 16, 0.5f);
+  const float tiny[6] = {1e-6f, 0, 30, 0, 1e-6f, 30};
+  EXPECT_EQ(thrown([&] { paste.composite(planes.data(), 255.f, tiny, frame.data(), 64, 64); })
+                .rfind("paste: transform (a, b, tx, c, d, ty) = (1e-06, 0, 30, 0, 1e-06, 30) maps "
+                       "the 64x64 frame to crop positions beyond",
+                       0),
+            0u);
   EXPECT_EQ(frame, std::vector<uint8_t>(64 * 64 * 3, 9));
+  // Just inside the range it pastes.
+  const float small[6] = {0.25f, 0, 0, 0, 0.25f, 0};
+  paste.composite(planes.data(), 255.f, small, frame.data(), 64, 64);
+  EXPECT_NE(frame, std::vector<uint8_t>(64 * 64 * 3, 9));
 }

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <set>
@@ -152,7 +153,11 @@ TEST(Pool, ManyCallingThreadsAtOnce) {
       std::vector<int> hits(257 + c);
       for (int r = 0; r < rounds; ++r) {
         const size_t n = 1 + (r * 37 + c) % hits.size();
+        // Some jobs come after the workers have stopped spinning, some keep the caller
+        // waiting past its spin: both sleeping paths must wake.
+        if (r % 10 == 0) std::this_thread::sleep_for(std::chrono::microseconds(300));
         le::pool::parallelRange(n, 1 + r % 3, [&](size_t b, size_t e) {
+          if (b > 0 && r % 7 == 0) std::this_thread::sleep_for(std::chrono::microseconds(300));
           for (size_t i = b; i < e; ++i) ++hits[i];
         });
         for (size_t i = 0; i < hits.size(); ++i) {

@@ -125,7 +125,7 @@ void refYuvRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, int width, 
 }
 
 struct PasteArgs {
-  std::vector<float> src;  // crop * crop * 4
+  std::vector<float> src;  // crop * crop * 4, column by column
   int crop = 0;
   std::vector<uint8_t> mask;
   std::vector<float> lanczos, bilinear;
@@ -153,7 +153,7 @@ void refPasteRow(const PasteArgs& a, uint8_t* dst) {
     for (int k = 0; k < 3; ++k) {
       auto s = [&](int row, int i) {
         const int col = ix + i;
-        return (col >= 0 && col < crop) ? a.src[(static_cast<size_t>(row) * crop + col) * 4 + k] : 0.0f;
+        return (col >= 0 && col < crop) ? a.src[(static_cast<size_t>(col) * crop + row) * 4 + k] : 0.0f;
       };
       float sum = 0.0f;
       for (int j = 0; j < 8; ++j) {
@@ -373,6 +373,36 @@ TEST(SimdRetrieve, TermsFollowIndexOrder) {
     EXPECT_EQ(le::simd::retrieveTermExact(ainf.data(), b.data(), wzero.data(), n), 0.0f);
     EXPECT_EQ(le::simd::retrieveTermExactRange(a.data(), b.data(), wf.data(), n, 10, 10), 0.0f);
   });
+
+  // sixteen images interleaved: each lane equals the scalar sum of its own image
+  constexpr size_t L = le::simd::kPooledLanes;
+  const size_t m = 301;
+  std::vector<uint16_t> imgs(L * 3 * m), lanes(L * 3 * m), q(3 * m), wq(m);
+  for (auto& v : imgs) v = refFloatToHalf(static_cast<float>(rng() % 100000) / 100000.0f);
+  for (auto& v : q) v = refFloatToHalf(static_cast<float>(rng() % 100000) / 100000.0f);
+  // runs of zero weights, as a mouth's pooled weights have; an infinity under a zero weight
+  // stays out of the sums
+  for (size_t i = 0; i < m; ++i)
+    wq[i] = (i / 9) % 3 == 1 ? 0 : refFloatToHalf(static_cast<float>(rng() % 1000) / 997.0f);
+  for (size_t j = 0; j < L; ++j)
+    for (size_t i = 0; i < m; ++i)
+      for (size_t k = 0; k < 3; ++k) lanes[(3 * i + k) * L + j] = imgs[j * 3 * m + k * m + i];
+  lanes[(3 * 10 + 1) * L + 3] = 0x7C00;
+  forEachTarget([&](const std::string&) {
+    for (size_t len : {size_t{0}, size_t{1}, size_t{17}, m}) {
+      float out[L];
+      // a shorter length reads the leading pixels of the same interleaved layout
+      std::vector<uint16_t> qa(3 * len);
+      for (size_t k = 0; k < 3; ++k) std::copy_n(q.begin() + k * m, len, qa.begin() + k * len);
+      le::simd::retrieveTermPooledLanes(lanes.data(), qa.data(), wq.data(), len, out);
+      for (size_t j = 0; j < L; ++j) {
+        std::vector<uint16_t> img(3 * len);
+        for (size_t k = 0; k < 3; ++k)
+          std::copy_n(imgs.begin() + j * 3 * m + k * m, len, img.begin() + k * len);
+        ASSERT_EQ(bitsOf(out[j]), bitsOf(refPooled(img.data(), qa.data(), wq.data(), len))) << j << " n=" << len;
+      }
+    }
+  });
 }
 
 TEST(SimdConv, ItemsMatchReferenceAndLeaveOthersAlone) {
@@ -479,8 +509,21 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
     PasteArgs a;
     a.crop = crop;
     pasteTables(a);
-    a.src.resize(static_cast<size_t>(crop) * crop * 4);
-    for (size_t i = 0; i < a.src.size(); ++i) a.src[i] = (i % 4 == 3) ? 0.0f : static_cast<float>(rng() % 30000) / 100.0f - 20.0f;
+    // The source, column by column, from three planes: interleaveColumns against the plain loop.
+    std::vector<float> planes(static_cast<size_t>(crop) * crop * 3);
+    for (float& v : planes) v = static_cast<float>(rng() % 30000) / 100.0f - 20.0f;
+    const float* pl[3] = {planes.data(), planes.data() + crop * crop, planes.data() + 2 * crop * crop};
+    a.src.assign(static_cast<size_t>(crop) * crop * 4, 0.0f);
+    for (int x = 0; x < crop; ++x)
+      for (int y = 0; y < crop; ++y)
+        for (int k = 0; k < 3; ++k) a.src[(static_cast<size_t>(x) * crop + y) * 4 + k] = pl[k][y * crop + x];
+    forEachTarget([&](const std::string&) {
+      std::vector<float> got(a.src.size(), -1.0f);
+      const int split = crop * 2 / 3;  // two row ranges, as two threads would write them
+      le::simd::interleaveColumns(pl[0], pl[1], pl[2], crop, split, crop, got.data());
+      le::simd::interleaveColumns(pl[0], pl[1], pl[2], crop, 0, split, got.data());
+      ASSERT_EQ(0, std::memcmp(got.data(), a.src.data(), got.size() * sizeof(float))) << "crop " << crop;
+    });
     a.mask.resize(static_cast<size_t>(crop) * crop);
     for (int yy = 0; yy < crop; ++yy)
       for (int xx = 0; xx < crop; ++xx)  // zero band on the left, full and soft regions elsewhere

@@ -13,7 +13,7 @@
 #include "le/le.h"
 #include "le/le_bundle.h"
 #include "tests/a2x_fixture.h"
-#include "tools/forge/director_graph.h"
+#include "tools/forge/director_members.h"
 
 namespace {
 
@@ -44,9 +44,10 @@ std::string forgeStreamBundle(const ScratchDir& d) {
   p.crop = 16;
   p.frames = 4;
   p.extraMembers = le::forge::audioMembers(p);
-  le::forge::DirectorGraphOptions g;
-  g.crop = p.crop;
-  p.extraMembers.push_back({"model_render.onnx", le::forge::forgeDirectorGraph(g)});
+  le::forge::DirectorMemberOptions o;
+  o.featSynth = o.heavy = false;
+  o.steadyBatch = 0;
+  for (auto& m : le::forge::directorMembers(p, o)) p.extraMembers.push_back(std::move(m));
   return le::forge::forgeBundle(d / "b", p).dir;
 }
 

@@ -211,10 +211,15 @@ TEST(UttSpeech, EndSilenceAndInterruptRamps) {
   expectSequential(std::vector<le_utt_frame_info>(p.got.begin(), p.got.begin() + long(cut)));
   expectSequential(std::vector<le_utt_frame_info>(p.got.begin() + long(cut), p.got.end()));
   EXPECT_GT(p.got[cut].seq, last.seq);
+  // The run the interrupt cut short is no failure.
+  uint64_t failures = 1;
+  EXPECT_EQ(le_utt_render_status(p.u, nullptr, 0, &failures), 0);
+  EXPECT_EQ(failures, 0u);
 }
 
 // Target keypoints that do not fit the context (another NT) load no ramp: speech ends straight
-// into idle frames. Teardown while speaking, with frames waiting, and during warm-up is clean.
+// into idle frames. Teardown while speaking, with frames waiting, during warm-up and right after
+// an interrupt is clean, and leaves the context rendering.
 TEST(UttSpeech, NoTargetsNoRampAndTeardownWhileSpeaking) {
   Bundle b;
   le::forge::Params four = b.params;
@@ -230,7 +235,7 @@ TEST(UttSpeech, NoTargetsNoRampAndTeardownWhileSpeaking) {
     p.speak(pcm, 2000, true);
     expectUtterance(p.got, 0, framesOf(pcm.size()), 0, b.nt());
   }
-  for (int phase = 0; phase < 3; ++phase) {
+  for (int phase = 0; phase < 4; ++phase) {
     le_utt_opts o{};
     o.motion_dir = m4.c_str();
     le_utt* u = le_utt_create(b.ctx, &o);
@@ -238,11 +243,15 @@ TEST(UttSpeech, NoTargetsNoRampAndTeardownWhileSpeaking) {
     if (phase > 0) {
       while (le_utt_ready(u) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       le_utt_push_audio(u, pcm.data(), int(pcm.size()));
-      // phase 1: speech frames queued in the ring; phase 2: mid-render
-      if (phase == 1)
-        while (le_utt_frames_available(u) < 8) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      // phase 1: speech frames queued in the ring; phase 2: mid-render; phase 3: a run cut
+      if (phase != 2)
+        while (le_utt_frames_available(u) < (phase == 1 ? 8 : 1))
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      if (phase == 3) le_utt_interrupt(u);
     }
     le_utt_destroy(u);
+    std::vector<float> xs(63, 0.f);
+    ASSERT_NE(le_render_kp_crop(b.ctx, 0, xs.data(), xs.data()), nullptr) << le_last_error();
   }
 }
 

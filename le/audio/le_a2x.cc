@@ -1,6 +1,7 @@
 // The audio-to-expression stream: speech features (shared 8 s encoder or windowed pair), the
 // bundle's streaming encoder and its autoregressive decoder, live and offline.
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -74,19 +75,128 @@ int metaBool(const std::string& text, const char* key) {
   return std::strtol(v, nullptr, 10) != 0;
 }
 
-// Rounds n floats to binary16 and back, through scratch.
+// Rounds n floats to binary16 and back, through scratch in pieces that stay in the L1 cache.
 void roundHalf(const float* src, float* dst, size_t n, std::vector<uint16_t>& scratch) {
-  if (scratch.size() < n) scratch.resize(n);
-  simd::f32ToF16(src, scratch.data(), n);
-  simd::f16ToF32(scratch.data(), dst, n);
+  constexpr size_t kPiece = 4096;
+  if (scratch.size() < kPiece) scratch.resize(kPiece);
+  for (size_t i = 0; i < n; i += kPiece) {
+    const size_t m = std::min(kPiece, n - i);
+    simd::f32ToF16(src + i, scratch.data(), m);
+    simd::f16ToF32(scratch.data(), dst + i, m);
+  }
 }
 
 const char* kLostW2v = "the shared 8 s w2v encoder did not load ($W2V_ONNX=";
 
-Ort::Env makeEnv() {
-  le::ortApi();
-  return Ort::Env(ORT_LOGGING_LEVEL_WARNING, "le_a2x");
-}
+// Growth without zero-filling, for rows that are written right away.
+template <class T>
+struct NoInitAllocator : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = NoInitAllocator<U>;
+  };
+  NoInitAllocator() = default;
+  template <class U>
+  NoInitAllocator(const NoInitAllocator<U>&) noexcept {}
+  template <class U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <class U, class... A>
+  void construct(U* p, A&&... a) {
+    ::new (static_cast<void*>(p)) U(std::forward<A>(a)...);
+  }
+};
+using FeatRows = std::vector<float, NoInitAllocator<float>>;
+
+thread_local int tRunDepth = 0;
+
+// Seconds spent inside ONNX Runtime's runs, added to a handle's total.
+class RunClock {
+ public:
+  explicit RunClock(double& total) : total_(total), t0_(std::chrono::steady_clock::now()) { ++tRunDepth; }
+  ~RunClock() {
+    --tRunDepth;
+    total_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0_).count();
+  }
+  RunClock(const RunClock&) = delete;
+  RunClock& operator=(const RunClock&) = delete;
+
+ private:
+  double& total_;
+  std::chrono::steady_clock::time_point t0_;
+};
+
+// The outputs of one session, written into memory the handle owns. The first run with a new
+// input shape (key) lets ONNX Runtime allocate them and records their shapes and types; later
+// runs with the same key write straight into the owned buffers, so a steady stream allocates no
+// output tensors.
+class OwnedOutputs {
+ public:
+  void run(Ort::Session& session, const char* const* inNames, const Ort::Value* in, size_t nIn,
+           const char* const* outNames, size_t nOut, int64_t key, double& runSeconds) {
+    if (key == key_ && values_.size() == nOut) {
+      RunClock clock(runSeconds);
+      session.Run(Ort::RunOptions{nullptr}, inNames, in, nIn, outNames, values_.data(), nOut);
+      return;
+    }
+    std::vector<Ort::Value> out;
+    {
+      RunClock clock(runSeconds);
+      out = session.Run(Ort::RunOptions{nullptr}, inNames, in, nIn, outNames, nOut);
+    }
+    values_.clear();
+    slots_.resize(nOut);
+    for (size_t i = 0; i < nOut; ++i) {
+      Slot& slot = slots_[i];
+      const Ort::TensorTypeAndShapeInfo info = out[i].GetTensorTypeAndShapeInfo();
+      slot.shape = info.GetShape();
+      slot.count = info.GetElementCount();
+      const ONNXTensorElementDataType type = slot.type = info.GetElementType();
+      const size_t bytes = slot.count * elementBytes(type);
+      const size_t floats = std::max<size_t>(1, (bytes + sizeof(float) - 1) / sizeof(float));
+      if (slot.data.size() < floats) slot.data.resize(floats);
+      if (bytes) std::memcpy(slot.data.data(), out[i].GetTensorRawData(), bytes);
+      values_.push_back(Ort::Value::CreateTensor(memory_, slot.data.data(), bytes, slot.shape.data(),
+                                                 slot.shape.size(), type));
+    }
+    key_ = key;
+  }
+  // Whether a run with this key writes into known shapes.
+  bool known(int64_t key) const { return key == key_ && !values_.empty(); }
+  // A run of a one-output session whose output (its known shape) goes to dst instead.
+  void runInto(Ort::Session& session, const char* const* inNames, const Ort::Value* in, size_t nIn,
+               const char* outName, void* dst, double& runSeconds) {
+    const Slot& slot = slots_.front();
+    Ort::Value out = Ort::Value::CreateTensor(memory_, dst, slot.count * elementBytes(slot.type), slot.shape.data(),
+                                              slot.shape.size(), slot.type);
+    RunClock clock(runSeconds);
+    session.Run(Ort::RunOptions{nullptr}, inNames, in, nIn, &outName, &out, 1);
+  }
+  template <class T>
+  const T* data(size_t i) const { return reinterpret_cast<const T*>(slots_[i].data.data()); }
+  size_t count(size_t i) const { return slots_[i].count; }
+  const std::vector<int64_t>& shape(size_t i) const { return slots_[i].shape; }
+
+ private:
+  static size_t elementBytes(ONNXTensorElementDataType t) {
+    switch (t) {
+      case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT: return 4;
+      case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16: return 2;
+      default: throw std::runtime_error("unexpected output element type");
+    }
+  }
+  struct Slot {
+    std::vector<float> data;  // float storage keeps 4-byte alignment for either element type
+    std::vector<int64_t> shape;
+    size_t count = 0;
+    ONNXTensorElementDataType type = ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
+  };
+  std::vector<Slot> slots_;
+  std::vector<Ort::Value> values_;
+  int64_t key_ = -1;
+  Ort::MemoryInfo memory_ = Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeDefault);
+};
 
 }  // namespace
 }  // namespace le::a2x
@@ -94,7 +204,7 @@ Ort::Env makeEnv() {
 using namespace le::a2x;
 
 struct le_a2x {
-  Ort::Env env = makeEnv();
+  Ort::Env& env = le::ortEnv();
   Ort::SessionOptions options;
   std::shared_ptr<Ort::Session> w2v8;
   std::string w2vPath;
@@ -117,7 +227,10 @@ struct le_a2x {
   int cursor = 0;
   int startIndex = 0, direction = 1, loopMode = 1;
   int eager = -1;
-  std::vector<float> featFrames;
+  // Feature rows of frames featBase, featBase + 1, ...: rows the encoder will not read again are
+  // dropped as the stream advances, so a long utterance keeps a bounded, cache-warm set.
+  FeatRows featFrames;
+  int featBase = 0;
   int w2vPos = 0, featDone = 0;
   std::vector<float> encOut, widthRow;
   int encDone = 0;
@@ -130,7 +243,15 @@ struct le_a2x {
   WindowedPair pair;
   std::vector<float> win8, trunkWin, headIn, trunkF;
   std::vector<float> pos, attn, mOut, hOut;
-  std::vector<uint16_t> half;
+  std::vector<uint16_t> half, trunkPair;
+  OwnedOutputs out8, trunkOutput, headOutput, encOutputs;
+  Ort::Value win8In{nullptr}, trunkIn{nullptr}, headInValue{nullptr};
+  int chunkL = 0;  // length of the encoder chunk encIn[1] and encIn[2] are shaped for
+  Ort::Value encIn[3] = {Ort::Value{nullptr}, Ort::Value{nullptr}, Ort::Value{nullptr}};
+  std::vector<float> ctxRow;
+  Ort::Value decIn[3] = {Ort::Value{nullptr}, Ort::Value{nullptr}, Ort::Value{nullptr}};
+  Ort::Value decOut[2] = {Ort::Value{nullptr}, Ort::Value{nullptr}};
+  double runSeconds = 0;  // inside ONNX Runtime's runs, since creation
 
   le_a2x(const std::string& dir, int threads);
 
@@ -141,13 +262,17 @@ struct le_a2x {
   int sourceIndex(int t) const;
 
   Ort::Session& shared8();
-  void ensureFeatRows(std::vector<float>& feat, int frames) const;
-  // One run of the 8 s encoder over window w of audio[0, extent); returns "audio_emb".
-  Ort::Value runWindow8(const float* audio, int64_t extent, int w);
+  float* featRow(int f) { return featFrames.data() + size_t(f - featBase) * kFeat; }
+  void ensureFeatRows(int frames);
+  void dropFeatRows();
+  // One run of the 8 s encoder over window w of audio[0, extent); returns "audio_emb", valid
+  // until the next run.
+  const float* runWindow8(const float* audio, int64_t extent, int w);
   void featuresLegacy(int need);
   void featuresWindowed(int need);
-  // Encoder rows [s, e) of feat into enc/width, with input end x (exclusive) and context start b.
-  void encodeChunk(const std::vector<float>& feat, int b, int s, int e, int x,
+  // Encoder rows [s, e) into enc/width, with context start b and input end x (exclusive);
+  // rows holds the feature rows of frames b .. x - 1.
+  void encodeChunk(const float* rows, int b, int s, int e, int x,
                    std::vector<float>& enc, std::vector<float>* width);
   void decodeFrame(const float* ctx, float* deltaRow);
   void extend(int target);
@@ -225,6 +350,21 @@ le_a2x::le_a2x(const std::string& dir, int threads_) : threads(threads_) {
 
   mOut.assign(kKp, 0.0f);
   hOut.assign(size_t(hiddenSize), 0.0f);
+  prev.assign(kKp, 0.0f);
+  hidden.assign(size_t(hiddenSize), 0.0f);
+  ctxRow.assign(size_t(hiddenSize), 0.0f);
+  // The decoder's tensors stay over the same buffers for the handle's life (prev and hidden
+  // are only ever assigned at their own size, which keeps their storage).
+  {
+    const int64_t cshape[2] = {1, hiddenSize};
+    const int64_t pshape[2] = {1, kKp};
+    const int64_t hshape[3] = {1, 1, hiddenSize};
+    decIn[0] = Ort::Value::CreateTensor<float>(memory, ctxRow.data(), ctxRow.size(), cshape, 2);
+    decIn[1] = Ort::Value::CreateTensor<float>(memory, prev.data(), prev.size(), pshape, 2);
+    decIn[2] = Ort::Value::CreateTensor<float>(memory, hidden.data(), hidden.size(), hshape, 3);
+    decOut[0] = Ort::Value::CreateTensor<float>(memory, mOut.data(), mOut.size(), pshape, 2);
+    decOut[1] = Ort::Value::CreateTensor<float>(memory, hOut.data(), hOut.size(), hshape, 3);
+  }
   int prime = metaInt(meta, "silence_prime", 0);
   if (const char* sp = std::getenv("LE_A2X_SILENCE_PRIME"); sp && *sp)
     prime = static_cast<int>(std::strtol(sp, nullptr, 10));
@@ -281,25 +421,37 @@ Ort::Session& le_a2x::shared8() {
 
 // Feature rows not computed yet read as zeros: the vector only ever grows zero-filled, and
 // reset empties it, so no row is stale from an earlier utterance.
-void le_a2x::ensureFeatRows(std::vector<float>& feat, int frames) const {
-  const size_t need = size_t(frames) * kFeat;
-  if (feat.size() < need) feat.resize(need, 0.0f);
+void le_a2x::ensureFeatRows(int frames) {
+  const size_t need = size_t(std::max(0, frames - featBase)) * kFeat;
+  if (featFrames.size() < need) featFrames.resize(need, 0.0f);
 }
 
-Ort::Value le_a2x::runWindow8(const float* audio, int64_t extent, int w) {
-  win8.assign(kWin8, 0.0f);
+// Encoder chunks start at their first row minus the left context, and chunks only move
+// forward, so rows below encDone - leftContext are never read again (features are computed at
+// or beyond featDone >= encDone). Dropped 64 rows or more at a time to keep the moves rare.
+void le_a2x::dropFeatRows() {
+  const int keep = std::max(0, encDone - leftContext);
+  const size_t rows = std::min(size_t(std::max(0, keep - featBase)), featFrames.size() / kFeat);
+  if (rows < 64) return;
+  featFrames.erase(featFrames.begin(), featFrames.begin() + std::ptrdiff_t(rows * kFeat));
+  featBase += int(rows);
+}
+
+const float* le_a2x::runWindow8(const float* audio, int64_t extent, int w) {
+  if (!win8In) {
+    win8.assign(kWin8, 0.0f);
+    const int64_t shape[2] = {1, kWin8};
+    win8In = Ort::Value::CreateTensor<float>(memory, win8.data(), win8.size(), shape, 2);
+  }
   const int64_t from = int64_t(w) * kHop;
   const int64_t n = std::max<int64_t>(0, std::min<int64_t>(kWin8, extent - from));
-  if (n > 0) std::memcpy(win8.data(), audio + from, size_t(n) * sizeof(float));
-  normaliseWindow(win8.data(), win8.size());
-  const int64_t shape[2] = {1, kWin8};
-  Ort::Value in = Ort::Value::CreateTensor<float>(memory, win8.data(), win8.size(), shape, 2);
+  normaliseWindowFrom(audio + (n > 0 ? from : 0), 0, size_t(n), win8.data(), win8.size());
   const char* inName = "input_values";
   const char* outName = "audio_emb";
-  std::vector<Ort::Value> out = shared8().Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &outName, 1);
-  if (out.front().GetTensorTypeAndShapeInfo().GetElementCount() < size_t(12) * kWin8Frames * 768)
+  out8.run(shared8(), &inName, &win8In, 1, &outName, 1, 0, runSeconds);
+  if (out8.count(0) < size_t(12) * kWin8Frames * 768)
     throw std::runtime_error("w2v: audio_emb holds fewer than 12 x 200 x 768 values");
-  return std::move(out.front());
+  return out8.data<float>(0);
 }
 
 // Copies frame `local` of the 12 planes of an 8 s encoder output into feature row dst.
@@ -314,14 +466,13 @@ void le_a2x::featuresLegacy(int need) {
   const int live = liveHorizon();
   while (featDone < need) {
     const int w = w2vPos;
-    Ort::Value out = runWindow8(samples.data(), extent, w);
-    const float* emb = out.GetTensorData<float>();
+    const float* emb = runWindow8(samples.data(), extent, w);
     const int first = w > 0 ? w + 50 : w;
     const int limit = finished ? w + kWin8Frames
                                : std::min(w + kWin8Frames, std::max(0, live - rightContext));
-    ensureFeatRows(featFrames, std::max(featDone, limit));
+    ensureFeatRows(std::max(featDone, limit));
     for (int f = std::max(first, featDone); f < limit; ++f) {
-      float* row = featFrames.data() + size_t(f) * kFeat;
+      float* row = featRow(f);
       gatherPlanes(emb, f - w, row);
       roundHalf(row, row, kFeat, half);
     }
@@ -337,33 +488,37 @@ void le_a2x::featuresWindowed(int need) {
   const char* trunkOut = pair.trunkOut.c_str();
   const char* headInName = "x";
   const char* headOutName = "emb";
-  trunkWin.resize(kTrunkWin);
-  headIn.resize(size_t(kBlockFrames) * kTrunkCh);
+  if (!trunkIn) {
+    trunkWin.assign(kTrunkWin, 0.0f);
+    headIn.assign(size_t(kBlockFrames) * kTrunkCh, 0.0f);
+    const int64_t tshape[2] = {1, kTrunkWin};
+    const int64_t hshape[2] = {kBlockFrames, kTrunkCh};
+    trunkIn = Ort::Value::CreateTensor<float>(memory, trunkWin.data(), trunkWin.size(), tshape, 2);
+    trunkPair.assign(2 * size_t(kBlockFrames) * kTrunkCh, 0);
+    trunkF.assign(2 * size_t(kBlockFrames) * kTrunkCh, 0.0f);
+    headInValue = Ort::Value::CreateTensor<float>(memory, headIn.data(), headIn.size(), hshape, 2);
+  }
   while (featDone < need) {
     const int p = w2vPos;
     const int64_t E = int64_t(kHop) * (p + kBlockFrames + trunkRight);
     if (!finished && E > extent) break;
     const int64_t start = E - kTrunkWin;
-    for (int i = 0; i < kTrunkWin; ++i) {
-      const int64_t k = start + i;
-      trunkWin[size_t(i)] = (k >= 0 && k < extent) ? samples[size_t(k)] : 0.0f;
-    }
-    normaliseWindow(trunkWin.data(), trunkWin.size());
-    const int64_t tshape[2] = {1, kTrunkWin};
-    Ort::Value tin = Ort::Value::CreateTensor<float>(memory, trunkWin.data(), trunkWin.size(), tshape, 2);
-    std::vector<Ort::Value> tout =
-        pair.trunk->Run(Ort::RunOptions{nullptr}, &inName, &tin, 1, &trunkOut, 1);
+    const int64_t from = std::clamp<int64_t>(-start, 0, kTrunkWin);         // zeros before 0
+    const int64_t to = std::clamp<int64_t>(extent - start, from, kTrunkWin);  // audio up to extent
+    const float* audio = to > from ? samples.data() + (start + from) : samples.data();
+    normaliseWindowFrom(audio, size_t(from), size_t(to), trunkWin.data(), trunkWin.size());
+    trunkOutput.run(*pair.trunk, &inName, &trunkIn, 1, &trunkOut, 1, 0, runSeconds);
     if (pair.lt == 0) {
-      const std::vector<int64_t> s = tout.front().GetTensorTypeAndShapeInfo().GetShape();
+      const std::vector<int64_t>& s = trunkOutput.shape(0);
       pair.lt = noteTrunkLength(s.empty() ? 0 : s.back());
     }
     const int64_t LT = pair.lt;
-    const size_t count = tout.front().GetTensorTypeAndShapeInfo().GetElementCount();
+    const size_t count = trunkOutput.count(0);
     if (LT < 1 || count < size_t(kTrunkCh) * size_t(LT))
       throw std::runtime_error("w2v_win: trunk output holds fewer than 640 x LT values");
-    trunkF.resize(count);
-    le::simd::f16ToF32(reinterpret_cast<const uint16_t*>(tout.front().GetTensorData<Ort::Float16_t>()),
-                   trunkF.data(), count);
+    const uint16_t* trunkHalf = trunkOutput.data<uint16_t>(0);
+    int64_t i0[kBlockFrames], i1[kBlockFrames];
+    double a[kBlockFrames];
     for (int j = 0; j < kBlockFrames; ++j) {
       const int f = p + j;
       const int k = f <= 199 ? 0 : (f / 100 - 1) * 100;
@@ -371,30 +526,48 @@ void le_a2x::featuresWindowed(int need) {
       const double u = double(int64_t(kHop) * k - start) / 80.0 + double(local) * 1598.0 / 199.0;
       const double fl = std::floor(u);
       if (fl < 0 || fl >= double(LT)) throw std::runtime_error("w2v_win: trunk pos out of range");
-      const int64_t i0 = static_cast<int64_t>(fl);
-      const int64_t i1 = std::min<int64_t>(i0 + 1, LT - 1);
-      const double a = u - fl;
-      float* dst = headIn.data() + size_t(j) * kTrunkCh;
-      for (int c = 0; c < kTrunkCh; ++c) {
-        const float* v = trunkF.data() + size_t(c) * size_t(LT);
-        dst[c] = static_cast<float>(double(v[i0]) * (1.0 - a) + double(v[i1]) * a);
+      i0[j] = static_cast<int64_t>(fl);
+      i1[j] = std::min<int64_t>(i0[j] + 1, LT - 1);
+      a[j] = u - fl;
+    }
+    // Only the two trunk steps each frame reads are widened from half; channel by channel the
+    // block's steps lie within a few cache lines.
+    for (int c = 0; c < kTrunkCh; ++c) {
+      const uint16_t* v = trunkHalf + size_t(c) * size_t(LT);
+      for (int j = 0; j < kBlockFrames; ++j) {
+        trunkPair[size_t(2 * j) * kTrunkCh + size_t(c)] = v[i0[j]];
+        trunkPair[size_t(2 * j + 1) * kTrunkCh + size_t(c)] = v[i1[j]];
       }
     }
+    le::simd::f16ToF32(trunkPair.data(), trunkF.data(), trunkF.size());
+    for (int j = 0; j < kBlockFrames; ++j) {
+      const float* v0 = trunkF.data() + size_t(2 * j) * kTrunkCh;
+      const float* v1 = v0 + kTrunkCh;
+      float* dst = headIn.data() + size_t(j) * kTrunkCh;
+      for (int c = 0; c < kTrunkCh; ++c)
+        dst[c] = static_cast<float>(double(v0[c]) * (1.0 - a[j]) + double(v1[c]) * a[j]);
+    }
     roundHalf(headIn.data(), headIn.data(), headIn.size(), half);
-    const int64_t hshape[2] = {kBlockFrames, kTrunkCh};
-    Ort::Value hin = Ort::Value::CreateTensor<float>(memory, headIn.data(), headIn.size(), hshape, 2);
-    std::vector<Ort::Value> hout =
-        pair.head->Run(Ort::RunOptions{nullptr}, &headInName, &hin, 1, &headOutName, 1);
-    if (hout.front().GetTensorTypeAndShapeInfo().GetElementCount() < size_t(kBlockFrames) * kFeat)
-      throw std::runtime_error("w2v_win: head output holds fewer than 8 x 9216 values");
-    ensureFeatRows(featFrames, p + kBlockFrames);
-    roundHalf(hout.front().GetTensorData<float>(), featFrames.data() + size_t(p) * kFeat,
-              size_t(kBlockFrames) * kFeat, half);
+    // The block's rows are written whole below: grown without the zero fill. Once the head's
+    // output shape is known and is exactly the block's rows, it writes straight into them.
+    const size_t rows = size_t(p + kBlockFrames - featBase) * kFeat;
+    if (featFrames.size() < rows) featFrames.resize(rows);
+    float* block = featRow(p);
+    constexpr size_t kBlockValues = size_t(kBlockFrames) * kFeat;
+    if (headOutput.known(0) && headOutput.count(0) == kBlockValues) {
+      headOutput.runInto(*pair.head, &headInName, &headInValue, 1, headOutName, block, runSeconds);
+    } else {
+      headOutput.run(*pair.head, &headInName, &headInValue, 1, &headOutName, 1, 0, runSeconds);
+      if (headOutput.count(0) < kBlockValues)
+        throw std::runtime_error("w2v_win: head output holds fewer than 8 x 9216 values");
+      std::memcpy(block, headOutput.data<float>(0), kBlockValues * sizeof(float));
+    }
+    roundHalf(block, block, kBlockValues, half);
     w2vPos = featDone = p + kBlockFrames;
   }
 }
 
-void le_a2x::encodeChunk(const std::vector<float>& feat, int b, int s, int e, int x,
+void le_a2x::encodeChunk(const float* rows, int b, int s, int e, int x,
                          std::vector<float>& enc, std::vector<float>* width) {
   const int L = x - b, h = hiddenSize, P = posRows();
   pos.resize(size_t(L) * h);
@@ -403,49 +576,46 @@ void le_a2x::encodeChunk(const std::vector<float>& feat, int b, int s, int e, in
     const int row = f < P ? f : (f - P) % (P - P / 2) + P / 2;
     std::memcpy(pos.data() + size_t(k) * h, posTable.data() + size_t(row) * h, size_t(h) * sizeof(float));
   }
-  attn.resize(size_t(L) * L);
-  const float ninf = -std::numeric_limits<float>::infinity();
-  for (int r = 0; r < L; ++r)
-    for (int j = 0; j < L; ++j)
-      attn[size_t(r) * L + j] = (j > r + window || j < r - left) ? ninf : 0.0f;
+  // Most chunks have the length of the one before: the mask and both tensors are kept.
+  if (L != chunkL) {
+    attn.resize(size_t(L) * L);
+    const float ninf = -std::numeric_limits<float>::infinity();
+    for (int r = 0; r < L; ++r)
+      for (int j = 0; j < L; ++j)
+        attn[size_t(r) * L + j] = (j > r + window || j < r - left) ? ninf : 0.0f;
+    const int64_t pshape[3] = {1, L, h};
+    const int64_t ashape[4] = {1, 1, L, L};
+    encIn[1] = Ort::Value::CreateTensor<float>(memory, pos.data(), pos.size(), pshape, 3);
+    encIn[2] = Ort::Value::CreateTensor<float>(memory, attn.data(), attn.size(), ashape, 4);
+    chunkL = L;
+  }
   const int64_t fshape[4] = {1, L, 12, 768};
-  const int64_t pshape[3] = {1, L, h};
-  const int64_t ashape[4] = {1, 1, L, L};
-  Ort::Value in[3] = {
-      Ort::Value::CreateTensor<float>(memory, const_cast<float*>(feat.data()) + size_t(b) * kFeat,
-                                      size_t(L) * kFeat, fshape, 4),
-      Ort::Value::CreateTensor<float>(memory, pos.data(), pos.size(), pshape, 3),
-      Ort::Value::CreateTensor<float>(memory, attn.data(), attn.size(), ashape, 4)};
+  encIn[0] = Ort::Value::CreateTensor<float>(memory, const_cast<float*>(rows), size_t(L) * kFeat, fshape, 4);
   const char* inNames[3] = {"feat", "pos_window", "attn"};
   const char* outNames[2] = {outName0.c_str(), outName1.c_str()};
-  std::vector<Ort::Value> out =
-      encoder->Run(Ort::RunOptions{nullptr}, inNames, in, 3, outNames, hasWidth ? 2 : 1);
-  if (out[0].GetTensorTypeAndShapeInfo().GetElementCount() < size_t(L) * h)
+  const size_t nOut = hasWidth ? 2 : 1;
+  encOutputs.run(*encoder, inNames, encIn, 3, outNames, nOut, L, runSeconds);
+  if (encOutputs.count(0) < size_t(L) * h)
     throw std::runtime_error("a2x encoder: output holds fewer than L x h values");
   if (enc.size() < size_t(e) * h) enc.resize(size_t(e) * h, 0.0f);
-  std::memcpy(enc.data() + size_t(s) * h, out[0].GetTensorData<float>() + size_t(s - b) * h,
+  std::memcpy(enc.data() + size_t(s) * h, encOutputs.data<float>(0) + size_t(s - b) * h,
               size_t(e - s) * h * sizeof(float));
   if (hasWidth && width) {
-    if (out[1].GetTensorTypeAndShapeInfo().GetElementCount() < size_t(L))
+    if (encOutputs.count(1) < size_t(L))
       throw std::runtime_error("a2x encoder: width output holds fewer than L values");
     if (width->size() < size_t(e)) width->resize(size_t(e), 0.0f);
-    std::memcpy(width->data() + s, out[1].GetTensorData<float>() + (s - b), size_t(e - s) * sizeof(float));
+    std::memcpy(width->data() + s, encOutputs.data<float>(1) + (s - b), size_t(e - s) * sizeof(float));
   }
 }
 
 void le_a2x::decodeFrame(const float* ctx, float* deltaRow) {
-  const int64_t cshape[2] = {1, hiddenSize};
-  const int64_t pshape[2] = {1, kKp};
-  const int64_t hshape[3] = {1, 1, hiddenSize};
-  Ort::Value in[3] = {
-      Ort::Value::CreateTensor<float>(memory, const_cast<float*>(ctx), size_t(hiddenSize), cshape, 2),
-      Ort::Value::CreateTensor<float>(memory, prev.data(), prev.size(), pshape, 2),
-      Ort::Value::CreateTensor<float>(memory, hidden.data(), hidden.size(), hshape, 3)};
-  Ort::Value out[2] = {Ort::Value::CreateTensor<float>(memory, mOut.data(), mOut.size(), pshape, 2),
-                       Ort::Value::CreateTensor<float>(memory, hOut.data(), hOut.size(), hshape, 3)};
+  std::copy(ctx, ctx + hiddenSize, ctxRow.begin());
   const char* inNames[3] = {"ctx_t", "prev", "h"};
   const char* outNames[2] = {"m", "h_out"};
-  decoder->Run(Ort::RunOptions{nullptr}, inNames, in, 3, outNames, out, 2);
+  {
+    RunClock clock(runSeconds);
+    decoder->Run(Ort::RunOptions{nullptr}, inNames, decIn, 3, outNames, decOut, 2);
+  }
   std::copy(mOut.begin(), mOut.end(), prev.begin());
   std::copy(hOut.begin(), hOut.end(), hidden.begin());
   for (int k = 0; k < kKp; ++k) deltaRow[k] = mOut[size_t(k)] * normScale[size_t(k)] + normMean[size_t(k)];
@@ -457,6 +627,7 @@ void le_a2x::extend(int target) {
   try {
     const int frames = ceilFrames(extentSamples());
     const int need = std::min(T + lookahead, frames);
+    dropFeatRows();
     if (windowed) featuresWindowed(need);
     else featuresLegacy(need);
     const int P = posRows();
@@ -469,8 +640,8 @@ void le_a2x::extend(int target) {
       }
       // On the 8 s window with an open utterance and a look-ahead beyond the right context,
       // x can pass featDone: those rows are zeros (ensureFeatRows), never uninitialised.
-      ensureFeatRows(featFrames, x);
-      encodeChunk(featFrames, b, s, e, x, encOut, &widthRow);
+      ensureFeatRows(x);
+      encodeChunk(featRow(b), b, s, e, x, encOut, &widthRow);
       encDone = e;
     }
     if (deltas.size() < size_t(T) * kKp) deltas.resize(size_t(T) * kKp);
@@ -492,8 +663,7 @@ const std::vector<float>& zeroEmbedding(le_a2x& h) {
   std::lock_guard<std::mutex> lock(mu);
   if (emb.empty()) {
     const float none = 0.0f;
-    Ort::Value out = h.runWindow8(&none, 0, 0);
-    const float* p = out.GetTensorData<float>();
+    const float* p = h.runWindow8(&none, 0, 0);
     emb.assign(p, p + size_t(12) * kWin8Frames * 768);
   }
   return emb;
@@ -511,7 +681,7 @@ void le_a2x::silencePrime(int count) {
       roundHalf(feat.data() + size_t(f) * kFeat, feat.data() + size_t(f) * kFeat, kFeat, half);
     }
     std::vector<float> enc;
-    encodeChunk(feat, 0, 0, N, N, enc, nullptr);
+    encodeChunk(feat.data(), 0, 0, N, N, enc, nullptr);
     prev.assign(kKp, 0.0f);
     hidden.assign(size_t(hiddenSize), 0.0f);
     std::vector<float> row(kKp);
@@ -533,6 +703,7 @@ void le_a2x::reset(int start, int dir, int loop) {
   loopMode = loop;
   samples.clear();
   featFrames.clear();
+  featBase = 0;
   encOut.clear();
   widthRow.clear();
   deltas.clear();
@@ -581,8 +752,7 @@ int offlineDeltas(le_a2x* h, const float* audio, int n, float* out, int maxFrame
   std::vector<float> feat(size_t(frames) * kFeat);
   int filled = 0;
   for (int w = 0; w < frames; w += 100) {
-    Ort::Value o = h->runWindow8(audio, n, w);
-    const float* emb = o.GetTensorData<float>();
+    const float* emb = h->runWindow8(audio, n, w);
     const int first = std::max(w > 0 ? w + 50 : w, filled);
     const int last = std::min(w + kWin8Frames, frames);
     for (int f = first; f < last; ++f) {
@@ -597,7 +767,7 @@ int offlineDeltas(le_a2x* h, const float* audio, int n, float* out, int maxFrame
   for (int s = 0; s < frames;) {
     const int b = std::max(0, s - h->leftContext), e = std::min(frames, s + 24);
     const int x = std::min(frames, e + h->lookahead);
-    h->encodeChunk(feat, b, s, e, x, enc, &h->offlineWidth);
+    h->encodeChunk(feat.data() + size_t(b) * kFeat, b, s, e, x, enc, &h->offlineWidth);
     s = e;
   }
   // The decoder state of the stream is left alone: run from the primed (or zero) state.
@@ -614,17 +784,21 @@ int offlineDeltas(le_a2x* h, const float* audio, int n, float* out, int maxFrame
     for (int f = 0; f < frames; ++f)
       h->decodeFrame(enc.data() + size_t(f) * h->hiddenSize, rows.data() + size_t(f) * kKp);
   } catch (...) {
-    h->prev.swap(savedPrev);
-    h->hidden.swap(savedHidden);
+    h->prev = savedPrev;
+    h->hidden = savedHidden;
     throw;
   }
-  h->prev.swap(savedPrev);
-  h->hidden.swap(savedHidden);
+  h->prev = savedPrev;
+  h->hidden = savedHidden;
   std::memcpy(out, rows.data(), rows.size() * sizeof(float));
   return frames;
 }
 
 }  // namespace
+
+double le::a2x::runSeconds(const le_a2x* h) { return h ? h->runSeconds : 0; }
+
+bool le::a2x::insideRun() { return tRunDepth > 0; }
 
 extern "C" {
 

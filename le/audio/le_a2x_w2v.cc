@@ -18,7 +18,6 @@ namespace {
 
 struct EncoderState {
   std::mutex mu;
-  std::unique_ptr<Ort::Env> env;
   std::shared_ptr<Ort::Session> shared;
   std::string sharedPath;
   WindowedPair pair;
@@ -30,14 +29,6 @@ struct EncoderState {
 EncoderState& state() {
   static EncoderState* s = std::make_unique<EncoderState>().release();
   return *s;
-}
-
-Ort::Env& envLocked(EncoderState& s) {
-  if (!s.env) {
-    ortApi();
-    s.env = std::make_unique<Ort::Env>(ORT_LOGGING_LEVEL_WARNING, "le_a2x_w2v");
-  }
-  return *s.env;
 }
 
 Ort::SessionOptions frontendOptions(int threads) {
@@ -88,7 +79,7 @@ bool lookForPair(EncoderState& s, int threads, const std::string& encoderPath) {
     return false;
   }
   try {
-    Ort::Env& env = envLocked(s);
+    Ort::Env& env = ortEnv();
     Ort::SessionOptions o = frontendOptions(threads);
     std::shared_ptr<Ort::Session> t = openWithGeluFallback(env, trunk, o);
     std::shared_ptr<Ort::Session> h = openWithGeluFallback(env, head, o);
@@ -126,16 +117,6 @@ int64_t fileSize(const char* path) {
 }
 
 // (x - mean) / sqrt(var + 1e-7) over n samples: statistics in double, the root in float.
-void normaliseWindow(float* x, size_t n) {
-  double sum = 0;
-  for (size_t i = 0; i < n; ++i) sum += x[i];
-  const double mean = sum / double(n);
-  double ss = 0;
-  for (size_t i = 0; i < n; ++i) ss += (x[i] - mean) * (x[i] - mean);
-  const float inv = 1.0f / std::sqrt(static_cast<float>(ss / double(n) + 1e-7));
-  for (size_t i = 0; i < n; ++i) x[i] = static_cast<float>((x[i] - mean) * inv);
-}
-
 std::unique_ptr<Ort::Session> openWithGeluFallback(Ort::Env& env, const std::string& path,
                                                    Ort::SessionOptions& options) {
   try {
@@ -156,7 +137,7 @@ std::shared_ptr<Ort::Session> sharedEncoder(const std::string& path, int threads
   EncoderState& s = state();
   std::lock_guard<std::mutex> lock(s.mu);
   if (s.shared) return s.shared;
-  Ort::Env& env = envLocked(s);
+  Ort::Env& env = ortEnv();
   Ort::SessionOptions o = frontendOptions(threads);
   s.shared = openWithGeluFallback(env, path, o);
   s.sharedPath = path;

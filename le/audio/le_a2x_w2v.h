@@ -16,13 +16,19 @@
 // exactly "w2v"; a runtime without it prints the failure line and stays on the CPU.
 void le_a2x_maybe_cuda(Ort::SessionOptions& options, const char* tag);
 
+struct le_a2x;
+
 namespace le::a2x {
 
 // Size of the file in bytes; -1 for null, empty or unopenable paths.
 int64_t fileSize(const char* path);
 
-// (x - mean) / sqrt(var + 1e-7) over n samples: statistics in double, the root in float.
+// (x - mean) / sqrt(var + 1e-7) over n samples: statistics in double (eight running sums),
+// the root in float; the same bits on every vector target.
 void normaliseWindow(float* x, size_t n);
+// The same over the window dst[0, n) whose values are src[0, to - from) at [from, to) and zero
+// elsewhere, without building it first. src may be dst only when from is 0.
+void normaliseWindowFrom(const float* src, size_t from, size_t to, float* dst, size_t n);
 
 // Opens path with options; when ONNX Runtime refuses a float16 com.microsoft.Gelu produced by
 // its own fusion, says so and reopens at ORT_ENABLE_BASIC (options keeps that level).
@@ -43,5 +49,11 @@ struct WindowedPair {
 bool windowedPair(int threads, const std::string& encoderPath, WindowedPair* out);
 // Records the trunk's output length read from its first run (when it declares none).
 int64_t noteTrunkLength(int64_t lt);
+
+// Wall seconds a handle has spent inside ONNX Runtime's runs since its creation.
+double runSeconds(const le_a2x* h);
+// Whether the calling thread is inside one of a stream's ONNX Runtime runs: lets a benchmark
+// tell the stream's own allocations from the runtime's.
+bool insideRun();
 
 }  // namespace le::a2x

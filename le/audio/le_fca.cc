@@ -30,11 +30,6 @@ constexpr int kOffsets[] = {-1, 0, 1, 2, 3, 4, 5};
 constexpr int kTaps = sizeof(kOffsets) / sizeof(kOffsets[0]);
 constexpr int kWindow = kTaps * kDim;
 
-Ort::Env makeEnv() {
-  le::ortApi();
-  return Ort::Env(ORT_LOGGING_LEVEL_WARNING, "le_fca");
-}
-
 // Value at fractional position q of the ascending sort of v, linear between neighbours.
 double quantileAt(std::vector<double>& v, double q) {
   std::sort(v.begin(), v.end());
@@ -46,7 +41,7 @@ double quantileAt(std::vector<double>& v, double q) {
 }  // namespace
 
 struct le_fca {
-  Ort::Env env = makeEnv();
+  Ort::Env& env = le::ortEnv();
   Ort::SessionOptions options;
   Ort::MemoryInfo memory = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
   std::unique_ptr<Ort::Session> encoder, decoder;

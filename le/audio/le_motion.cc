@@ -168,11 +168,6 @@ class Net {
   std::vector<size_t> inSizes_;
 };
 
-Ort::Env makeEnv() {
-  ortApi();
-  return Ort::Env(ORT_LOGGING_LEVEL_WARNING, "le_motion");
-}
-
 // Feature-path scratch of the calling thread.
 struct FeatureScratch {
   float padded[kPadded];
@@ -203,23 +198,9 @@ Fft512::Fft512() {
       stageSin_[h + k] = sin_[k * (256 / h)];
     }
   stageCos_[0] = stageSin_[0] = 0;
-  for (int i = 0; i < kFftSize; ++i) {
-    int r = 0;
-    for (int b = 0; b < 9; ++b) r |= ((i >> b) & 1) << (8 - b);
-    rev_[i] = static_cast<uint16_t>(r);
-  }
 }
 
-void Fft512::forward(float* re, float* im) const {
-  for (int i = 0; i < kFftSize; ++i) {
-    const int r = rev_[i];
-    if (r > i) {
-      std::swap(re[i], re[r]);
-      std::swap(im[i], im[r]);
-    }
-  }
-  fftButterflies(re, im, stageCos_, stageSin_);
-}
+void Fft512::forward(float* re, float* im) const { fftForward(re, im, stageCos_, stageSin_); }
 
 void logMelWindow(const Fft512& fft, const float* window, const float* binmat, const float* audio,
                   float* mel) {
@@ -258,7 +239,7 @@ struct Motion::Impl {
   std::vector<float> window, binmat, fmean, fstd, emo, chInfo, chSc, eyeOpen, eyeBall, vMinMax,
       srcInfo, xsTarget;
   float initState[kRowDim];
-  Ort::Env env = makeEnv();
+  Ort::Env& env = ortEnv();
   std::unique_ptr<Net> student, generator, stitcher;
   Fft512 fft;
   double studentMs = 0;

@@ -43,12 +43,11 @@ class Fft512 {
   float cos_[256], sin_[256];
   // Stage tables: the twiddles of the stage with half-size h at [h, 2h), k-th at h + k.
   float stageCos_[kFftSize], stageSin_[kFftSize];
-  uint16_t rev_[kFftSize];
 };
 
-// The butterfly stages of Fft512::forward over bit-reversed data, on the best vector target:
-// stage h (1, 2, ..., 256) takes its twiddles from stageCos/stageSin [h, 2h).
-void fftButterflies(float* re, float* im, const float* stageCos, const float* stageSin);
+// Fft512::forward on the best vector target: the bit-reversal permutation, then stage h
+// (1, 2, ..., 256) with its twiddles from stageCos/stageSin [h, 2h).
+void fftForward(float* re, float* im, const float* stageCos, const float* stageSin);
 
 // Log-mel of one feature window: audio holds kWindowSamples values (zeros where nothing was
 // pushed); mel receives 80 bands x 21 frames, band-major. window: 512 floats; binmat: 257 x 80.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <set>
 #include <stdexcept>
 #include <unordered_map>
@@ -486,7 +487,10 @@ size_t rewriteHeadCubicResize(std::vector<uint8_t>& model) {
         GsReader r(graph);
         GsField fd;
         int k = 0;
+        const bool scalesUnused = g.consumersOf(rz.inputs[2]).size() == 1 && !g.isGraphOutput(rz.inputs[2]);
         while (r.next(fd)) {
+          if (scalesUnused && isLen(fd, f::kGraphInitializer) && gsFirstStr(fd.payload, f::kTensorName) == rz.inputs[2])
+            continue;  // read only by the Resize this replaces
           if (isNodeField(fd) && k++ == cand) {
             Bytes padA;
             hcAttrS(padA, "edge");
@@ -883,6 +887,20 @@ bool splitCone(GsSlice model, const GraphView& g, const std::string& boundary, s
   return sourceCone(g, boundary, true, cone, reason);
 }
 
+// The values the nodes left after dropping `dropped` read, or null when one of them carries a
+// subgraph (whose reads of outer initializers are not listed as its inputs).
+std::unique_ptr<std::set<std::string>> readByKept(const GraphView& g, const std::vector<uint8_t>& dropped) {
+  // an initializer that is also declared as a graph input stays (older models list them so)
+  auto used = std::make_unique<std::set<std::string>>(g.inputs.begin(), g.inputs.end());
+  for (size_t k = 0; k < g.nodes.size(); ++k) {
+    if (dropped[k]) continue;
+    const std::string& op = g.nodes[k].opType;
+    if (op == "If" || op == "Loop" || op == "Scan") return nullptr;
+    used->insert(g.nodes[k].inputs.begin(), g.nodes[k].inputs.end());
+  }
+  return used;
+}
+
 }  // namespace
 
 bool buildSourceConePrep(GsSlice model, const std::string& boundary, std::vector<uint8_t>& prep,
@@ -898,8 +916,10 @@ bool buildSourceConePrep(GsSlice model, const std::string& boundary, std::vector
     reason = "empty cone";
     return false;
   }
+  const auto used = readByKept(g, drop);
   GsGraphEdit e;
   e.dropNodes = &drop;
+  e.keepInitializers = used.get();
   e.keepOnlyPrgbInput = true;
   e.dropOutputs = true;
   e.addName = &boundary;
@@ -917,8 +937,10 @@ bool buildSourceConePerFrame(GsSlice model, const std::string& boundary, const i
   GraphView g(model);
   std::vector<uint8_t> cone;
   if (!splitCone(model, g, boundary, cone, reason)) return false;
+  const auto used = readByKept(g, cone);
   GsGraphEdit e;
   e.dropNodes = &cone;
+  e.keepInitializers = used.get();
   e.dropPrgbInput = true;
   e.addName = &boundary;
   e.addDims = dims;

@@ -18,11 +18,7 @@
 
 // The dequantisation is shared by every path; products and sums stay separate roundings so the
 // plain loops of any caller reproduce it bit for bit.
-#if defined(__clang__)
-#pragma STDC FP_CONTRACT OFF
-#elif defined(__GNUC__)
-#pragma GCC optimize("fp-contract=off")
-#endif
+#include "le/le_fp_exact.h"
 
 namespace le {
 

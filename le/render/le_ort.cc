@@ -1,5 +1,6 @@
 #include "le/render/le_ort.h"
 
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -21,6 +22,14 @@ const OrtApi& ortApi() {
     return a;
   }();
   return *api;
+}
+
+Ort::Env& ortEnv() {
+  static Ort::Env* env = [] {
+    ortApi();
+    return std::make_unique<Ort::Env>(ORT_LOGGING_LEVEL_WARNING, "le").release();
+  }();
+  return *env;
 }
 
 std::string coremlCacheDir(const std::string& bundleDir) {

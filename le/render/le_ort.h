@@ -15,6 +15,12 @@ constexpr uint32_t kOrtApiVersion = 26;
 // kOrtApiVersion. Thread-safe.
 const OrtApi& ortApi();
 
+// The process's one ONNX Runtime environment, made on first use and never destroyed. The runtime
+// keeps a single environment per process whatever the handles ask for; holding it for good means
+// handles made and destroyed on many threads never race its creation and release, and sessions
+// that outlive static destruction still find it.
+Ort::Env& ortEnv();
+
 // Directory for CoreML's compiled-model cache inside a bundle:
 // bundleDir + "/.coreml_cache/ort" + the runtime's version ("unknown" when it has none).
 std::string coremlCacheDir(const std::string& bundleDir);

@@ -18,6 +18,7 @@
 #include "le/le_bundle.h"
 #include "le/le_pool.h"
 #include "le/le_simd.h"
+#include "le/le_util.h"
 #include "le/render/graph_rewrites.h"
 #include "le/render/gridsample_fast.h"
 #include "le/render/int8conv_vnni.h"
@@ -32,10 +33,6 @@ namespace {
 constexpr size_t kPooledElems = 64 * 32 * 32;
 constexpr size_t kFsRedElems = 64 * 64 * 64;
 constexpr size_t kKpFloats = 3 * kHostKpRows;
-
-bool startsWith(const std::string& s, const char* prefix) {
-  return s.compare(0, std::strlen(prefix), prefix) == 0;
-}
 
 // Switches are tested on their first character; unset or empty counts as neither '0' nor '1'.
 char envFirst(const char* name) {
@@ -97,11 +94,6 @@ std::string kpContractRefusal(const std::string& path, const std::string& input,
   return msg;
 }
 
-Ort::Env makeEnv() {
-  ortApi();
-  return Ort::Env(ORT_LOGGING_LEVEL_WARNING, "le");
-}
-
 // One precomputed boundary of the split director.
 struct ConeSlot {
   int32_t source = -1;  // -1: empty or being written
@@ -113,7 +105,7 @@ struct ConeSlot {
 
 struct Renderer::Impl {
   std::string epLabel;
-  Ort::Env env = makeEnv();
+  Ort::Env& env = ortEnv();
   Ort::SessionOptions sessionOptions;
   std::unique_ptr<Ort::Session> session;
   std::unique_ptr<Ort::IoBinding> binding;
@@ -180,6 +172,8 @@ struct Renderer::Impl {
   void runPrepL(int32_t si, int slot, std::unique_lock<std::mutex>& lock);
   void prefetchLoop();
   int32_t predict(int32_t si);
+  // Asks the prefetch thread for si's boundary unless a request is pending or a slot holds it.
+  void queuePrefetch(int32_t si);
 };
 
 // The split of the director at the one Concat that reads P_rgb; false (with its line printed)
@@ -206,6 +200,10 @@ bool Renderer::Impl::trySplit(const std::string& ep, bool warpMoved, const std::
     return false;
   }
   if (!identity || (!identity->hasP() && identity->priorPath().empty()) || bytes.empty()) return false;
+  if (envFirst("LE_CONE_SPLIT") == '0') {
+    std::fprintf(stderr, "[le] source-cone hoist NOT applied (%s): LE_CONE_SPLIT=0\n", name);
+    return false;
+  }
 
   std::string reason;
   try {
@@ -221,8 +219,6 @@ bool Renderer::Impl::trySplit(const std::string& ep, bool warpMoved, const std::
       opts.SetGraphOptimizationLevel(ORT_ENABLE_ALL);
       opts.AddConfigEntry("session.intra_op.allow_spinning", "0");
       opts.AddConfigEntry("mlas.disable_kleidiai", "1");
-      // The cone model keeps the whole graph's initializers; ORT's notes on dropping them are noise.
-      opts.SetLogSeverityLevel(ORT_LOGGING_LEVEL_ERROR);
       coneSession = std::make_unique<Ort::Session>(env, prep.data(), prep.size(), opts);
       const std::vector<int64_t> in =
           coneSession->GetInputTypeInfo(0).GetTensorTypeAndShapeInfo().GetShape();
@@ -577,6 +573,17 @@ void Renderer::Impl::runPrepL(int32_t si, int slot, std::unique_lock<std::mutex>
   }
 }
 
+void Renderer::Impl::queuePrefetch(int32_t si) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (requestedSource >= 0 || !coneError.empty() || holdingL(si) >= 0) return;
+  const int free = freeSlotL(si);
+  if (free < 0) return;
+  coneSlots[size_t(free)]->source = -1;
+  requestedSlot = free;
+  requestedSource = si;
+  wake.notify_all();
+}
+
 void Renderer::Impl::prefetchLoop() {
   std::unique_lock<std::mutex> lock(mutex);
   while (!stop) {
@@ -760,19 +767,7 @@ const float* Renderer::render(const int32_t* sourceIdx, const float* kpSource,
     std::memcpy(m.kpSource.data(), kpSource, kKpFloats * sizeof(float));
     std::memcpy(m.kpDriving.data(), kpDriving, kKpFloats * sizeof(float));
     if (m.lipBound) m.lipContour->contourF32Canvas(kpDriving, m.lipDelivery.data());
-    const int32_t next = m.predict(si);
-    {
-      std::lock_guard<std::mutex> lock(m.mutex);
-      if (m.requestedSource < 0 && m.coneError.empty() && m.holdingL(next) < 0) {
-        const int free = m.freeSlotL(next);
-        if (free >= 0) {
-          m.coneSlots[size_t(free)]->source = -1;
-          m.requestedSlot = free;
-          m.requestedSource = next;
-          m.wake.notify_all();
-        }
-      }
-    }
+    m.queuePrefetch(m.predict(si));
   } else {
     for (int k = 0; k < m.batch; ++k) {
       if (k >= n)
@@ -798,6 +793,15 @@ int Renderer::crop() const { return impl_->crop; }
 double Renderer::runMsTotal() const { return impl_->runMsTotal; }
 int64_t Renderer::runCount() const { return impl_->runCount; }
 bool Renderer::coneSplit() const { return impl_->coneSession != nullptr; }
+void Renderer::prefetchSource(int32_t si) {
+  if (impl_->coneSession && si >= 0 && si < impl_->identity->NT) impl_->queuePrefetch(si);
+}
+void Renderer::cancelRuns() {
+  if (impl_->session) impl_->runOptions.SetTerminate();
+}
+void Renderer::resumeRuns() {
+  if (impl_->session) impl_->runOptions.UnsetTerminate();
+}
 int64_t Renderer::coneHits() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->hits;
@@ -806,6 +810,11 @@ int64_t Renderer::coneMisses() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->misses;
 }
-void Renderer::terminateConeRuns() { impl_->coneRunOptions.SetTerminate(); }
+void testing::terminateConeRuns(Renderer& r) { r.impl_->coneRunOptions.SetTerminate(); }
+void testing::awaitConePrefetch(Renderer& r) {
+  Renderer::Impl& m = *r.impl_;
+  std::unique_lock<std::mutex> lock(m.mutex);
+  m.wake.wait(lock, [&] { return m.requestedSource < 0; });
+}
 
 }  // namespace le

@@ -10,6 +10,15 @@ namespace le {
 
 struct Manifest;
 class Identity;
+class Renderer;
+
+namespace testing {
+// Makes every later prep run of r's split source cone fail inside ONNX Runtime, so tests can
+// reach the refusal path. Not part of the engine's interface.
+void terminateConeRuns(Renderer& r);
+// Waits until r's prefetch thread has nothing requested.
+void awaitConePrefetch(Renderer& r);
+}  // namespace testing
 
 // Threads: one caller drives render(); the renderer is not safe for concurrent render() calls.
 // The manifest and the identity are borrowed and must outlive the renderer.
@@ -45,14 +54,23 @@ class Renderer {
   // The source-cone split: whether the director was split, boundaries found already computed
   // (hits) and computed on the calling thread (misses).
   bool coneSplit() const;
+  // A hint from the caller that source frame si comes next: with the split, its boundary is
+  // computed ahead on the prefetch thread (unless a computation is under way or a slot holds
+  // it). Does nothing without the split. Any thread.
+  void prefetchSource(int32_t si);
   int64_t coneHits() const;
   int64_t coneMisses() const;
-  // Makes every later prep run fail inside ONNX Runtime (exercises the failure path).
-  void terminateConeRuns();
 
+  // Any thread: makes the director run in flight, and every later one until resumeRuns(), stop
+  // early and throw, so a caller that no longer wants the frame gets the renderer back at once.
+  // Source cones already computed stay valid.
+  void cancelRuns();
+  void resumeRuns();
   struct Impl;
 
  private:
+  friend void testing::terminateConeRuns(Renderer& r);
+  friend void testing::awaitConePrefetch(Renderer& r);
   std::unique_ptr<Impl> impl_;
 };
 

@@ -426,6 +426,8 @@ void rebuildGraph(GsSlice graph, const GsGraphEdit& e, std::vector<uint8_t>& g) 
           const bool keep = e.keepOnlyPrgbInput ? (isPrgb && !e.dropPrgbInput) : !isPrgb;
           if (!keep) continue;
         }
+      } else if (f.number == onnxf::kGraphInitializer) {
+        if (e.keepInitializers && !e.keepInitializers->count(gsFirstStr(f.payload, onnxf::kTensorName))) continue;
       } else if (f.number == onnxf::kGraphOutput) {
         if (e.dropOutputs) continue;
       } else if (f.number == onnxf::kGraphValueInfo) {

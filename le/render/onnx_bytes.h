@@ -114,6 +114,8 @@ struct GsGraphEdit {
   const int64_t* addDims = nullptr;
   int addRank = 0;
   uint32_t addField = 0;  // 11 input, 12 output, 0 none
+  // When set, initializers not named here are left out (ONNX Runtime warns about each unused one).
+  const std::set<std::string>* keepInitializers = nullptr;
 };
 
 // ONNX field numbers and constants used by the toolkit and its users.

@@ -250,7 +250,11 @@ extern "C" const int le_test_suppressions_anchor = 1;
 // accesses to decoded frames stay checked. ONNX Runtime is not instrumented either: its intra-op
 // pool runs the custom operator kernels and joins them through synchronisation ThreadSanitizer
 // cannot see, so a session's own buffers look shared between the caller and the pool threads, and
-// the pool's condition waits unlock mutexes ThreadSanitizer never saw locked.
+// the pool's condition waits unlock mutexes ThreadSanitizer never saw locked. Its frames are not
+// symbolised in ThreadSanitizer's stacks, so three of its mutex reports are named by the
+// third-party frame that does show: libstdc++'s condition_variable::wait inside the pool,
+// ONNX Runtime's own C++ header (Ort::detail::OrtRelease) destroying a session whose pool
+// mutexes were locked unseen, and glibc's exit handlers running its static destructors.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
   return "called_from_lib:libonnxruntime.so\n"
          "race:libonnxruntime.so\n"

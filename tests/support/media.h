@@ -43,6 +43,9 @@ void writeJpeg(const std::string& path, const uint8_t* rgb, int w, int h, int qu
 // One-channel PNG through stb_image_write.
 void writeGreyPng(const std::string& path, const uint8_t* grey, int w, int h);
 
+// Packed RGB PNG through stb_image_write.
+void writeRgbPng(const std::string& path, const uint8_t* rgb, int w, int h);
+
 // Writes frame_%06d.jpg for frames 0 … n-1 into dir (created).
 void writeJpegDir(const std::string& dir, int w, int h, int n);
 

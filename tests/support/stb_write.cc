@@ -26,4 +26,8 @@ void writeGreyPng(const std::string& path, const uint8_t* grey, int w, int h) {
   if (!stbi_write_png(path.c_str(), w, h, 1, grey, w)) throw std::runtime_error("testmedia: png write " + path);
 }
 
+void writeRgbPng(const std::string& path, const uint8_t* rgb, int w, int h) {
+  if (!stbi_write_png(path.c_str(), w, h, 3, rgb, 3 * w)) throw std::runtime_error("testmedia: png write " + path);
+}
+
 }  // namespace le::testmedia

@@ -157,7 +157,7 @@ constexpr int kMotionGrid = 64;
 
 }  // namespace
 
-std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int layers) {
+std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int layers, int coneLayers) {
   const std::string base = "/heavy_base";
   // The trunk's detail joins the face before the compose tail, so the tail stays the graph's
   // last step (the lip-contour binding looks for it there): rgb = Add(Mul(face, a), ...).
@@ -206,13 +206,43 @@ std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int
   const std::vector<uint8_t> trunkBytes = t.build();
   const Parts trunk = split(trunkBytes);
 
+  // The source cone gains a grouped convolution encoder of the source frame whose small
+  // contribution joins the second differences: work a real director spends on the source alone.
+  // Grouped, so the int8 form keeps the cone in float and it still splits off.
+  GsSlice coneConcat;
+  for (GsSlice n : p.nodes) {
+    const std::vector<std::string> ins = inputsOf(n);
+    if (gsFirstStr(n, f::kNodeOpType) == "Concat" && ins.size() == 2 && ins[0] == "P_rgb") coneConcat = n;
+  }
+  if (coneConcat.empty()) throw std::runtime_error("director surgery: no source cone Concat");
+  const std::string d2 = inputsOf(coneConcat).at(1), d2Heavy = "/heavy_cone_d2";
+  OnnxBuilder c("heavy_cone");
+  c.input("P_rgb", {1, 3, crop, crop});
+  c.input(d2, {1, 9, crop, crop});
+  const int width = 24;  // 8 channels per colour plane
+  const std::vector<Attr> grouped3 = {Attr::i("group", 3), Attr::ints("pads", {1, 1, 1, 1})};
+  std::string e = c.op("Relu", {c.op("Conv", {"P_rgb", c.init("w_in", {width, 1, 3, 3}, weights(width * 9, 0.5f))}, grouped3)});
+  for (int l = 0; l < coneLayers; ++l)
+    e = c.op("Relu", {c.op("Conv", {e, c.init("w" + std::to_string(l), {width, width / 3, 3, 3},
+                                              weights(size_t(width) * (width / 3) * 9, 0.3f))},
+                           grouped3)});
+  e = c.op("Conv", {e, c.init("w_out", {9, width / 3, 1, 1}, weights(9 * (width / 3), 0.3f))}, {Attr::i("group", 3)});
+  c.node("Add", {d2, c.op("Mul", {c.op("Tanh", {e}), c.initializer(Tensor::scalar(0.002f, "gain"))})}, {d2Heavy}, {}, "add");
+  c.output(d2Heavy, {1, 9, crop, crop});
+  const std::vector<uint8_t> coneBytes = c.build();
+  const Parts cone = split(coneBytes);
+
   std::vector<uint8_t> g;
   // The director's face becomes the trunk's base; the trunk runs right before the compose.
   const Rename value = [&](const std::string& v) { return v == face ? base : v; };
+  const Rename toHeavyD2 = [&](const std::string& v) { return v == d2 ? d2Heavy : v; };
   for (GsSlice n : p.nodes) {
     if (n.p == faceMul.p) {
       putSubgraph(g, trunk, {"pooled64", base, face}, "/heavy/");
       putNode(g, n, kSame, kSame);
+    } else if (n.p == coneConcat.p) {
+      putSubgraph(g, cone, {"P_rgb", d2, d2Heavy}, "/heavy_cone/");
+      putNode(g, n, toHeavyD2, kSame);
     } else {
       putNode(g, n, value, kSame);
     }
@@ -273,12 +303,15 @@ std::vector<Member> directorMembers(const Params& p, const DirectorMemberOptions
   const bool alt = p.alternativeNames;
   std::vector<Member> m;
   m.push_back({alt ? "render_model.batch1.onnx" : "model_b1.onnx", b1});
+  // The offline stream renderer opens its context on the key "render", which has no
+  // alternative name.
+  m.push_back({"model_render.onnx", b1});
   // The batched member always carries its newer name, so resolution is exercised either way.
   m.push_back({"render_model.batch" + std::to_string(o.batch) + ".onnx", forgeDirectorGraph(gopt)});
   if (o.featSynth)
     m.push_back({alt ? "render_model.batch1.fs.onnx" : "model_b1_fs.onnx", featSynthDirector(b1, p.crop)});
   if (o.heavy) {
-    const std::vector<uint8_t> heavy = heavyDirector(b1, p.crop, o.heavyLayers);
+    const std::vector<uint8_t> heavy = heavyDirector(b1, p.crop, o.heavyLayers, o.heavyConeLayers);
     m.push_back({alt ? "render_model.batch1.heavy.onnx" : "model_b1_heavy.onnx", heavy});
     m.push_back({alt ? "render_model.batch1.int8.onnx" : "model_b1_int8.onnx", int8Director(heavy)});
   }

@@ -1,5 +1,7 @@
 #include "tools/forge/forge_movie.h"
 
+#include "le/le_ff.h"
+
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
@@ -11,21 +13,17 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
+#include "le/le_util.h"
+
 namespace le::forge {
 namespace {
 
-std::string avText(int code) {
-  char buf[AV_ERROR_MAX_STRING_SIZE] = {0};
-  av_strerror(code, buf, sizeof buf);
-  return buf;
-}
-
-inline uint8_t clamp8(int v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
+using le::ff::avText;
 
 // BT.601 limited range, 8-bit integer form.
-inline uint8_t lumaOf(int r, int g, int b) { return clamp8(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16); }
-inline uint8_t cbOf(int r, int g, int b) { return clamp8(((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128); }
-inline uint8_t crOf(int r, int g, int b) { return clamp8(((112 * r - 94 * g - 18 * b + 128) >> 8) + 128); }
+inline uint8_t lumaOf(int r, int g, int b) { return clampByte(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16); }
+inline uint8_t cbOf(int r, int g, int b) { return clampByte(((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128); }
+inline uint8_t crOf(int r, int g, int b) { return clampByte(((112 * r - 94 * g - 18 * b + 128) >> 8) + 128); }
 
 }  // namespace
 

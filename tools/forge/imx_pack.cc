@@ -11,12 +11,12 @@
 #include <memory>
 #include <stdexcept>
 
+#include "le/le_util.h"
+
 
 namespace le::forge {
 
 namespace {
-
-[[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
 
 void putLe(std::string& s, uint64_t v, int bytes) {
   for (int i = 0; i < bytes; ++i) s.push_back(static_cast<char>((v >> (8 * i)) & 0xff));

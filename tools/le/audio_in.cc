@@ -15,11 +15,7 @@ extern "C" {
 namespace le::cli {
 namespace {
 
-std::string avText(int code) {
-  char buf[AV_ERROR_MAX_STRING_SIZE] = {0};
-  av_strerror(code, buf, sizeof buf);
-  return buf;
-}
+using ff::avText;
 
 struct SwrFreer {
   void operator()(SwrContext* s) const { swr_free(&s); }

@@ -44,6 +44,7 @@ const char kHelp[] =
     "  --motion DIR      keypoint source directory (default: the bundle's own)\n"
     "  --model KEY       director member model_KEY.onnx (default b1)\n"
     "  --threads N       engine thread budget (default: the engine's choice)\n"
+    "  --no-borrow       leave the bundle's mouth-interior borrow (real teeth) off\n"
     "  --quiet           no summary on standard error\n"
     "\n"
     "W2V_ONNX, when unset, names the bundle's own speech encoder.\n";
@@ -148,7 +149,7 @@ class StdinPump {
 }  // namespace
 
 int cmdLive(const std::vector<std::string>& argv) {
-  const Args args(argv, {"quiet"}, {"size", "frames", "motion", "model", "threads"});
+  const Args args(argv, {"quiet", "no-borrow"}, {"size", "frames", "motion", "model", "threads"});
   if (args.help()) {
     std::fputs(kHelp, stdout);
     return kOk;
@@ -173,6 +174,7 @@ int cmdLive(const std::vector<std::string>& argv) {
   if (!outW) outW = W, outH = H;
   Y4mWriter y4m(W, H, outW, outH);
   const UttPtr utt = openSpeech(ctx.get(), bundle, args.str("motion", ""), !quiet);
+  if (!args.flag("no-borrow")) attachBorrow(utt.get(), bundle, !quiet);
   if (!y4m.header()) return kOk;
 
   StdinPump pump(utt.get());
@@ -212,6 +214,7 @@ int cmdLive(const std::vector<std::string>& argv) {
                  "le live: %ld frames (%ld speech, %ld ramp, %ld idle, %ld shown again), %lld samples in, "
                  "first-frame latency %.1f ms\n",
                  frames, counts[1], counts[2], counts[0], repeated, pump.samples(), st.firstFrameLatencyMs);
+    printBorrowStats(utt.get());
   }
   return kOk;
 }

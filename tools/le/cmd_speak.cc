@@ -1,12 +1,15 @@
 // le speak BUNDLE IN -o OUT.mp4: the bundle's person speaks an audio file. The utterance
 // pipeline is driven as a live host drives it (40 ms packets pushed, frames pulled), and the
-// frames become an H.264 movie with the audio muxed in as AAC.
+// frames become an H.264 movie with the audio muxed in as AAC. --offline renders the clip
+// through the offline stream renderer instead.
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <memory>
 #include <exception>
 #include <mutex>
 #include <stdexcept>
@@ -43,7 +46,13 @@ const char kHelp[] =
     "  --model KEY           director member model_KEY.onnx (default b1)\n"
     "  --threads N           engine thread budget (default: the engine's choice)\n"
     "  --crf N               H.264 quality, 0 (lossless) .. 51 (default 18)\n"
+    "  --no-borrow           leave the bundle's mouth-interior borrow (real teeth from its\n"
+    "                        donor bank) off; it is on whenever the bundle carries it\n"
     "  --quiet               no progress bar on standard error\n"
+    "  --offline             render the whole clip at once with the offline stream renderer\n"
+    "                        (the bundle's model_render.onnx and fca_stream.onnx): the movie\n"
+    "                        holds the speech frames alone, one per 640 samples, with the\n"
+    "                        audio; no lead-in, ramp or tail\n"
     "\n"
     "W2V_ONNX, when unset, names the bundle's own speech encoder.\n";
 
@@ -306,6 +315,8 @@ class Speaker {
     le_utt_render_status(utt_, text, sizeof text, &failures);
     std::string why = "the speech pipeline delivered no frame for 30 s";
     if (failures) why += " (" + std::to_string(failures) + " render failures, the last: " + text + ")";
+    const std::string borrow = borrowFailure(utt_);
+    if (!borrow.empty()) why += " (the mouth borrow failed: " + borrow + "; --no-borrow renders without it)";
     throw std::runtime_error(why);
   }
 
@@ -323,12 +334,72 @@ class Speaker {
 
 int framesOf(double seconds) { return static_cast<int>(std::lround(seconds * 25.0)); }
 
+struct StreamDeleter {
+  void operator()(le_stream* s) const { le_stream_destroy(s); }
+};
+
+struct OfflineRun {
+  MovieSink* sink;
+  const std::vector<int16_t>* pcm;
+  Progress* bar;
+  std::exception_ptr error;
+};
+
+// Frame j shows samples 640j .. 640j+639; the last frame's missing samples are silence.
+int takeStreamFrame(void* user, int j, const uint8_t* rgb, int width, int height) {
+  auto* run = static_cast<OfflineRun*>(user);
+  if (run->error) return 0;
+  try {
+    std::vector<uint8_t> frame = run->sink->buffer();
+    std::copy(rgb, rgb + size_t(width) * height * 3, frame.begin());
+    const size_t from = size_t(j) * kSamplesPerFrame;
+    std::vector<int16_t> audio(kSamplesPerFrame, 0);
+    for (size_t t = from; t < std::min(from + kSamplesPerFrame, run->pcm->size()); ++t) audio[t - from] = (*run->pcm)[t];
+    run->sink->push(std::move(frame), std::move(audio));
+    run->bar->update(j + 1);
+  } catch (...) {
+    run->error = std::current_exception();  // never across the engine's callback
+  }
+  return 0;
+}
+
+// The whole clip through the offline stream renderer: rendering on its thread overlaps
+// pasting and encoding on this one.
+void speakOffline(const std::string& bundle, const std::vector<int16_t>& pcm, const std::string& out, int threads,
+                  int crf, bool quiet) {
+  std::vector<char> dir(4096);
+  if (le_bundle_resolve_handle(bundle.c_str(), dir.data(), dir.size()) != 1) throw std::runtime_error(engineError());
+  const std::string encoder = defaultW2v(dir.data());
+  std::unique_ptr<le_stream, StreamDeleter> stream(le_stream_create(dir.data(), encoder.c_str(), threads, 0, 1.0f));
+  if (!stream) throw std::runtime_error(le_stream_last_error());
+  const int W = le_stream_width(stream.get()), H = le_stream_height(stream.get());
+  forge::MovieSpec spec = h264Spec(W, H, crf);
+  spec.audioRate = kSampleRate;
+  forge::MovieWriter movie(out, spec);
+  const int frames = static_cast<int>((pcm.size() + kSamplesPerFrame - 1) / kSamplesPerFrame);
+  Progress bar("speak (offline)", frames, !quiet);
+  bar.update(0);
+  MovieSink sink(movie, static_cast<size_t>(W) * H * 3);
+  std::vector<float> audio(pcm.size());
+  for (size_t i = 0; i < pcm.size(); ++i) audio[i] = pcm[i] / 32768.0f;
+  OfflineRun run{&sink, &pcm, &bar, nullptr};
+  const int delivered = le_stream_run(stream.get(), audio.data(), static_cast<int>(audio.size()), takeStreamFrame, &run);
+  if (run.error) std::rethrow_exception(run.error);
+  if (delivered < 0) throw std::runtime_error(le_stream_last_error());
+  sink.close();
+  movie.finish();
+  bar.finish();
+  if (!quiet)
+    std::fprintf(stderr, "wrote %s: %d frames %dx%d at 25 fps (offline), %.2f s of audio\n", out.c_str(), delivered, W,
+                 H, static_cast<double>(pcm.size()) / kSampleRate);
+}
+
 }  // namespace
 
 int cmdSpeak(const std::vector<std::string>& argv) {
   std::vector<std::string> args0;
   for (const std::string& a : argv) args0.push_back(a == "-o" ? "--output" : a);
-  const Args args(args0, {"realtime", "quiet"},
+  const Args args(args0, {"realtime", "quiet", "offline", "no-borrow"},
                   {"output", "lead-in", "tail", "interrupt-at", "motion", "model", "threads", "crf"});
   if (args.help()) {
     std::fputs(kHelp, stdout);
@@ -345,6 +416,13 @@ int cmdSpeak(const std::vector<std::string>& argv) {
   const int threads = args.integer("threads", 0, 0, 256);
   const int crf = args.integer("crf", 18, 0, 51);
 
+  if (args.flag("offline")) {
+    for (const char* live : {"realtime", "lead-in", "tail", "interrupt-at", "motion", "model"})
+      if (args.flag(live) || args.has(live))
+        throw UsageError(std::string("--offline renders the speech alone: it takes no --") + live);
+    speakOffline(bundle, readAudio16k(input), out, threads, crf, quiet);
+    return kOk;
+  }
   const std::vector<int16_t> pcm = readAudio16k(input);
   const int speechFrames = static_cast<int>((pcm.size() + kSamplesPerFrame - 1) / kSamplesPerFrame);
   if (args.has("interrupt-at")) {
@@ -364,6 +442,7 @@ int cmdSpeak(const std::vector<std::string>& argv) {
   spec.audioRate = kSampleRate;
   forge::MovieWriter movie(out, spec);
   UttPtr utt = openSpeech(ctx.get(), bundle, args.str("motion", ""), !quiet);
+  if (!args.flag("no-borrow")) attachBorrow(utt.get(), bundle, !quiet);
 
   const int expected = plan.leadIn + (plan.interruptAt >= 0 ? plan.interruptAt + 4 : speechFrames + 6) + plan.tail;
   Progress bar(realtime ? "speak (live)" : "speak", expected, !quiet);
@@ -391,6 +470,7 @@ int cmdSpeak(const std::vector<std::string>& argv) {
                  speaker.waitingIdle());
   }
   if (failures) std::fprintf(stderr, "%llu render failures, the last: %s\n", static_cast<unsigned long long>(failures), status);
+  if (!quiet) printBorrowStats(utt.get());
   utt.reset();  // prints the stage report when asked
   if (!quiet)
     std::fprintf(stderr, "wrote %s: %d frames %dx%d at 25 fps (%d lead-in, %d speech, %d ramp, %d tail)%s, %.2f s of audio\n",

@@ -71,5 +71,6 @@ int cmdPaste(const std::vector<std::string>& argv);
 int cmdFrame(const std::vector<std::string>& argv);
 int cmdSpeak(const std::vector<std::string>& argv);
 int cmdLive(const std::vector<std::string>& argv);
+int cmdServe(const std::vector<std::string>& argv);
 
 }  // namespace le::cli

@@ -3,6 +3,9 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -71,6 +74,105 @@ UttPtr openSpeech(le_ctx* ctx, const std::string& bundle, const std::string& mot
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return utt;
+}
+
+namespace {
+
+struct CarriageDeleter {
+  void operator()(le_tessera_carriage* c) const { le_tessera_carriage_close(c); }
+};
+struct MembersDeleter {
+  void operator()(le_tessera_members* m) const { le_tessera_members_close(m); }
+};
+
+std::vector<uint8_t> readWhole(const std::string& path) {
+  std::FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) throw std::runtime_error("cannot open " + path);
+  std::vector<uint8_t> bytes;
+  uint8_t buf[1 << 16];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) bytes.insert(bytes.end(), buf, buf + n);
+  const bool failed = std::ferror(f) != 0;
+  std::fclose(f);
+  if (failed) throw std::runtime_error("cannot read " + path);
+  return bytes;
+}
+
+}  // namespace
+
+namespace {
+
+void attachOrThrow(le_utt* utt, const std::string& bundle, bool chatty);
+
+}  // namespace
+
+bool attachBorrow(le_utt* utt, const std::string& bundle, bool chatty) {
+  std::unique_ptr<le_tessera_carriage, CarriageDeleter> carriage(le_tessera_carriage_open(bundle.c_str()));
+  if (!carriage || !le_tessera_carriage_complete(carriage.get())) {
+    if (carriage && chatty && le_tessera_carriage_declared(carriage.get())) {
+      std::string missing;
+      for (int i = 0; i < le_tessera_carriage_missing_count(carriage.get()); ++i)
+        missing += std::string(i ? ", " : "") + le_tessera_carriage_missing(carriage.get(), i);
+      std::fprintf(stderr, "borrow: off, the bundle declares it but lacks %s\n", missing.c_str());
+    }
+    return false;
+  }
+  try {
+    attachOrThrow(utt, bundle, chatty);
+    return true;
+  } catch (const std::exception& e) {
+    // The speech goes on without it: the borrow is an addition the host did not ask for by name.
+    std::fprintf(stderr, "borrow: OFF, the engine refused this bundle's borrow: %s\n", e.what());
+    return false;
+  }
+}
+
+namespace {
+
+void attachOrThrow(le_utt* utt, const std::string& bundle, bool chatty) {
+  char err[2048] = {0};
+  std::unique_ptr<le_tessera_members, MembersDeleter> m(le_tessera_members_open(bundle.c_str(), err, sizeof err));
+  if (!m) throw std::runtime_error(err);
+  const int n = le_tessera_members_n_donors(m.get());
+  const std::vector<uint8_t> track = readWhole(le_tessera_members_bank_track_path(m.get()));
+  std::vector<int32_t> inTrackOrder(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) inTrackOrder[static_cast<size_t>(i)] = i;
+  const std::vector<uint8_t> decoded =
+      le::tessera::decodeBankTrack(track.data(), track.size(), n, le_tessera_members_band_h(m.get()),
+                                   le_tessera_members_band_w(m.get()), inTrackOrder);
+  std::vector<uint8_t> donors(decoded.size());
+  if (le_tessera_members_reorder(m.get(), decoded.data(), donors.data(), err, sizeof err) != 0)
+    throw std::runtime_error(err);
+  if (le_utt_tessera_attach(utt, donors.data(), n, le_tessera_members_cent(m.get()),
+                            le_tessera_members_c_canon(m.get()), le_tessera_members_aperture(m.get()),
+                            le_tessera_members_stamp(m.get()), le_tessera_members_head_pt(m.get()),
+                            le_tessera_members_head_pt_len(m.get()), le_tessera_members_head_json(m.get()),
+                            le_tessera_members_manifest_json(m.get()), err, sizeof err) != 0)
+    throw std::runtime_error(err);
+  if (chatty) {
+    char geometry[16] = {0};
+    le_utt_tessera_geometry(utt, geometry, sizeof geometry);
+    const int32_t* st = le_tessera_members_stamp(m.get());
+    std::fprintf(stderr, "borrow: corpus geometry %s, %d donors, window %dx%d at (%d, %d) of the %dx%d crop\n",
+                 geometry, n, st[4], st[5], st[2], st[3], st[0], st[1]);
+  }
+}
+
+}  // namespace
+
+void printBorrowStats(le_utt* utt) {
+  uint64_t written = 0, skipped = 0;
+  char reason[512] = {0};
+  const int r = le_utt_tessera_stats(utt, &written, &skipped, reason, sizeof reason);
+  if (r == 0) return;
+  std::fprintf(stderr, "borrow: %llu frames with borrowed teeth, %llu skipped%s%s\n",
+               static_cast<unsigned long long>(written), static_cast<unsigned long long>(skipped),
+               r < 0 ? "; FAILED, delivery stopped: " : *reason ? "; last skip: " : "", reason);
+}
+
+std::string borrowFailure(le_utt* utt) {
+  char reason[512] = {0};
+  return le_utt_tessera_stats(utt, nullptr, nullptr, reason, sizeof reason) < 0 ? reason : "";
 }
 
 forge::MovieSpec h264Spec(int width, int height, int crf) {

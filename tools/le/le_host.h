@@ -32,6 +32,17 @@ CtxPtr openContext(const std::string& bundle, const std::string& key, int thread
 // chatty. Throws the pipeline's message.
 UttPtr openSpeech(le_ctx* ctx, const std::string& bundle, const std::string& motionDir, bool chatty);
 
+// The bundle's mouth-interior borrow attached to utt the way a host does it: the four members
+// loaded, the bank track decoded into donor order, the attachment made. Does nothing for a bundle
+// that does not carry all four members (a line says what is missing when it declares them); a
+// refused borrow is reported in a line and left off. Prints the corpus geometry and the donors
+// when chatty. Returns whether a borrow was attached.
+bool attachBorrow(le_utt* utt, const std::string& bundle, bool chatty);
+// One line of the attached borrow's statistics on standard error; nothing without a borrow.
+void printBorrowStats(le_utt* utt);
+// "" while the borrow serves (or none is attached), else why it stopped delivery.
+std::string borrowFailure(le_utt* utt);
+
 // The tool's H.264 settings (4:2:0, 25 fps) for WxH frames; throws when a side is odd.
 forge::MovieSpec h264Spec(int width, int height, int crf);
 

@@ -27,6 +27,7 @@ const Command kCommands[] = {
     {"frame", le::cli::cmdFrame, "render one frame with the director and write it as PNG"},
     {"speak", le::cli::cmdSpeak, "the person speaks an audio file: an MP4 with its sound"},
     {"live", le::cli::cmdLive, "speak live: PCM on standard input, YUV4MPEG2 on standard output"},
+    {"serve", le::cli::cmdServe, "a web page that speaks back what its microphone hears"},
 };
 
 void usage(FILE* out) {
