@@ -3,7 +3,8 @@
 // spectrum); "vs_*" counters are time ratios, below 1 means ours is faster. The feature window
 // (5 frames: 21 spectra, mel bands, the speech-feature network) reports the share spent outside
 // ONNX Runtime. Eager delivery reports how much audio had been pushed when the first frame could
-// be pulled, and what the provisional work costs per second of speech.
+// be pulled, and what the provisional work costs per second of speech. In steady state (eager
+// off, a second of speech in), the heap allocations per frame made outside the networks' runs.
 #include <benchmark/benchmark.h>
 #include <fftw3.h>
 
@@ -21,6 +22,9 @@
 #include "le/le_imx.h"
 #include "tests/support/speech.h"
 #include "tools/forge/forge_motion.h"
+#include "bench/alloc_count.h"
+
+bool benchInsideRun() { return le::motion::insideRun(); }
 
 namespace {
 
@@ -165,5 +169,39 @@ void BM_Eager(benchmark::State& state) {
   le_motion_destroy(m);
 }
 BENCHMARK(BM_Eager)->Arg(0)->Arg(-1)->Arg(4)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
+
+// Speech pushed in 40 ms pieces with a pull after each; allocations counted after the first
+// second of every utterance but the first (the handle's rows grow to an utterance's length once
+// and keep that room across resets).
+void BM_SteadyFrames(benchmark::State& state) {
+  le_motion* m = le_motion_create(motionDir().c_str(), 1, nullptr);
+  const std::vector<float>& a = speech();
+  int si[16];
+  float xs[16 * 63], xd[16 * 63];
+  long allocs = 0, outside = 0, bytes = 0;
+  double frames = 0;
+  bool warm = false;
+  for (auto _ : state) {
+    le_motion_reset(m, 0, 1, 1);
+    for (size_t at = 0; at < a.size(); at += 640) {
+      const bool counted = warm && at >= 16000;
+      const long a0 = gAllocs.load(), o0 = gAllocsOutside.load(), b0 = gAllocBytes.load();
+      le_motion_push(m, a.data() + at, static_cast<int>(std::min<size_t>(640, a.size() - at)));
+      int got = 0;
+      for (int n; (n = le_motion_pull(m, si, xs, xd, 16)) > 0;) got += n;
+      if (counted) {
+        allocs += gAllocs.load() - a0, outside += gAllocsOutside.load() - o0, bytes += gAllocBytes.load() - b0;
+        frames += got;
+      }
+    }
+    warm = true;
+  }
+  le_motion_destroy(m);
+  state.counters["frames"] = frames;
+  state.counters["allocs_per_frame"] = frames > 0 ? double(allocs) / frames : 0;
+  state.counters["allocs_outside_ort_per_frame"] = frames > 0 ? double(outside) / frames : 0;
+  state.counters["alloc_bytes_per_frame"] = frames > 0 ? double(bytes) / frames : 0;
+}
+BENCHMARK(BM_SteadyFrames)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 }  // namespace

@@ -90,4 +90,7 @@ class Motion {
   std::unique_ptr<Impl> impl_;
 };
 
+// True while this thread is inside one of the networks' ONNX Runtime runs.
+bool insideRun();
+
 }  // namespace le::motion
