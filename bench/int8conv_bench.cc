@@ -115,8 +115,8 @@ const std::string& bundle() {
     const char* t = std::getenv("LE_BENCH_TMP");
     const std::string d = std::string(t && *t ? t : "/tmp") + "/le_int8conv_bench_bundle";
     if (!fs::exists(d + "/model_b1_int8.onnx")) {
-      le::forge::Params p;
-      p.nt = 2, p.frames = 2, p.width = 640, p.height = 540, p.crop = 512, p.directors = true, p.replace = true;
+      le::forge::Params p = le::forge::sized(2, 640, 540, 512, 2);
+      p.directors = p.replace = true;
       le::forge::forgeBundle(d, p);
     }
     return d;

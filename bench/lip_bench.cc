@@ -30,12 +30,7 @@ using le::tessera::UnifiedPi;
 constexpr int kCanvas = 512;
 
 le::forge::Params params() {
-  le::forge::Params p;
-  p.nt = 4;
-  p.frames = 16;
-  p.width = 640;
-  p.height = 360;
-  p.crop = kCanvas;
+  le::forge::Params p = le::forge::sized(4, 640, 360, kCanvas, 16);
   p.lips = le::forge::Lips::Learned;
   return p;
 }

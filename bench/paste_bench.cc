@@ -172,12 +172,7 @@ double residentMiB() {
 void BM_ContextResident(benchmark::State& state) {
   const char* root = std::getenv("LE_BENCH_DIR");
   const std::string dir = std::string(root && *root ? root : "/tmp") + "/le_bench_nt2000_crop512";
-  le::forge::Params p;
-  p.nt = 2000;
-  p.crop = 512;
-  p.width = 1280;
-  p.height = 720;
-  p.frames = 64;
+  le::forge::Params p = le::forge::sized(2000, 1280, 720, 512, 64);
   const std::string done = dir + ".complete";  // written once the forge has finished
   if (!std::ifstream(done)) {
     p.replace = true;

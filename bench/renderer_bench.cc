@@ -29,12 +29,7 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 le::forge::Params benchParams() {
-  le::forge::Params p;
-  p.nt = 4;
-  p.frames = 4;
-  p.width = 1920;
-  p.height = 1080;
-  p.crop = 512;
+  le::forge::Params p = le::forge::sized(4, 1920, 1080, 512, 4);
   p.directors = true;
   return p;
 }

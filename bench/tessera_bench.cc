@@ -34,12 +34,7 @@ struct Bank {
   std::vector<uint8_t> track;
   Bank() {
     dir = "/tmp/le_tessera_bench." + std::to_string(::getpid());
-    le::forge::Params p;
-    p.nt = 8;
-    p.frames = 2;
-    p.crop = 256;
-    p.width = 320;
-    p.height = 288;
+    le::forge::Params p = le::forge::sized(8, 320, 288, 256, 2);
     p.tessera = true;
     p.tesseraDonors = 1024;
     p.replace = true;
@@ -132,15 +127,9 @@ struct Pass {
   std::vector<uint8_t> crops[2], mask;
   Pass() {
     const Bank& b = bank();
-    le::tessera::BankData d;
-    d.band = le::tessera::decodeBankTrack(b.track.data(), b.track.size(), b.in.n_donors, b.in.band_h, b.in.band_w,
-                                          b.in.track_order);
-    d.cent = b.in.cent, d.c_canon = b.in.c_canon, d.aperture = b.in.aperture, d.stamp = b.in.stamp;
-    d.n_donors = b.in.n_donors;
-    pass = std::make_unique<le::tessera::TeethPass>(std::move(d), le::tessera::loadHeadPt(b.in.head_pt),
+    pass = std::make_unique<le::tessera::TeethPass>(b.in.bankData(), le::tessera::loadHeadPt(b.in.head_pt),
                                                     le::tessera::ServeConfig::fromHeadMemberJson(b.in.head_json));
-    le::forge::Params p;
-    p.nt = 8, p.frames = 2, p.crop = 256, p.width = 320, p.height = 288;
+    const le::forge::Params p = le::forge::sized(8, 320, 288, 256, 2);
     const le::tessera::GeometryStamp& s = b.in.stamp;
     const int c = s.canvas_w;
     const int x0 = s.window_x0 + s.band_c0 - s.shift_margin, y0 = s.window_y0 + s.band_r0 - s.shift_margin;

@@ -36,12 +36,7 @@ inline double maxAbsDiff(const std::vector<float>& a, const std::vector<float>& 
 // A small bundle with the audio members o asks for, in d/name. Returns its directory.
 inline std::string forgeAudioBundle(const le::testing::ScratchDir& d, const std::string& name,
                                     const le::forge::AudioOptions& o = {}, int nt = 8) {
-  le::forge::Params p;
-  p.nt = nt;
-  p.width = 64;
-  p.height = 48;
-  p.crop = 16;
-  p.frames = 4;
+  le::forge::Params p = le::forge::sized(nt, 64, 48, 16, 4);
   p.drive = le::forge::DriveMedia::None;
   p.extraMembers = le::forge::audioMembers(p, o);
   return le::forge::forgeBundle(d / name, p).dir;

@@ -15,13 +15,7 @@
 namespace {
 
 using le::forge::AudioOptions;
-using le::testa2x::forgeAudioBundle;
-using le::testa2x::maxAbsDiff;
-using le::testa2x::w2vOf;
-using le::testa2x::longSpeech;
-using le::testa2x::Pulled;
-using le::testa2x::pullAll;
-using le::testa2x::Reference;
+using namespace le::testa2x;
 using le::testing::ScratchDir;
 using le::testmedia::ScopedEnv;
 

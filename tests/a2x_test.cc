@@ -20,13 +20,7 @@
 namespace {
 
 using le::forge::AudioOptions;
-using le::testa2x::forgeAudioBundle;
-using le::testa2x::maxAbsDiff;
-using le::testa2x::w2vOf;
-using le::testa2x::longSpeech;
-using le::testa2x::Pulled;
-using le::testa2x::pullAll;
-using le::testa2x::Reference;
+using namespace le::testa2x;
 using le::testing::ScratchDir;
 using le::testmedia::ScopedEnv;
 
@@ -270,12 +264,7 @@ TEST(A2x, SourceIndexWalks) {
   std::vector<int> si(5);
   std::vector<float> t(5 * 63), dr(5 * 63);
   ASSERT_EQ(le_a2x_pull(h, si.data(), t.data(), dr.data(), 5), 5);
-  le::forge::Params p;
-  p.nt = 5;
-  p.width = 64;
-  p.height = 48;
-  p.crop = 16;
-  p.frames = 4;
+  const le::forge::Params p = le::forge::sized(5, 64, 48, 16, 4);
   for (int f = 0; f < 5; ++f)
     EXPECT_EQ(std::vector<float>(t.begin() + f * 63, t.begin() + (f + 1) * 63), le::forge::keypoints(p, si[size_t(f)]));
 

@@ -11,8 +11,7 @@
 
 namespace {
 
-using le::testa2x::forgeAudioBundle;
-using le::testa2x::longSpeech;
+using namespace le::testa2x;
 using le::testing::ScratchDir;
 using le::testmedia::ScopedEnv;
 

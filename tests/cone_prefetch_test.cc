@@ -31,12 +31,7 @@ struct Bundle {
   le::Manifest manifest;
   std::unique_ptr<le::Identity> identity;
 
-  explicit Bundle(int nt) {
-    params.nt = nt;
-    params.width = 160;
-    params.height = 120;
-    params.crop = 64;
-    params.frames = 4;
+  explicit Bundle(int nt) : params(le::forge::sized(nt, 160, 120, 64, 4)) {
     const char* t = std::getenv("LE_TEST_TMP");
     const fs::path base = t && *t ? fs::path(t) : fs::temp_directory_path() / "le_cone_prefetch_test";
     dir = (base / ("nt" + std::to_string(nt) + "_" + std::to_string(::getpid()))).string();

@@ -113,8 +113,8 @@ TEST(ConvBackend, NotAvailableHereAndTheRendererSaysSo) {
             "le_conv: built without NEON fp16 support");
 
   le::testing::ScratchDir dir("conv_backend_bundle");
-  le::forge::Params p;
-  p.nt = 2, p.width = 96, p.height = 80, p.crop = 64, p.frames = 2, p.directors = true;
+  le::forge::Params p = le::forge::sized(2, 96, 80, 64, 2);
+  p.directors = true;
   le::forge::forgeBundle(dir.path() + "/b", p);
   const le::Manifest m = le::loadManifest(dir.path() + "/b");
   const le::Identity id(m);

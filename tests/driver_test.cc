@@ -19,6 +19,7 @@ extern "C" {
 #include "le/le_simd.h"
 #include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
+#include "tools/forge/forge.h"
 
 namespace media = le::testmedia;
 using ::testing::HasSubstr;
@@ -58,8 +59,7 @@ std::vector<uint8_t> readAll(le::driver::Source& s) {
 
 TEST(MovieSource, MatchesFfmpegDecodeThroughTheFormulaAndSeeks) {
   const le::testing::ScratchDir tmp("movie_source");
-  const std::string dir = tmp.path();
-  const std::string path = dir + "/drive.mp4";
+  const std::string path = tmp / "drive.mp4";
   media::MovieSpec spec;
   spec.w = 96, spec.h = 64, spec.frames = 30, spec.gop = 10;
   media::writeMovie(path, spec);
@@ -131,8 +131,7 @@ TEST(MovieSource, RewindReplaysTheSameFramesInEveryContainer) {
 
 TEST(MovieSource, Nv12RowsUseInterleavedChroma) {
   const le::testing::ScratchDir tmp("nv12");
-  const std::string dir = tmp.path();
-  const std::string path = dir + "/drive.nut";
+  const std::string path = tmp / "drive.nut";
   media::MovieSpec spec;
   spec.encoder = "rawvideo", spec.pixFmt = "nv12", spec.w = 64, spec.h = 32, spec.frames = 3;
   media::writeMovie(path, spec);
@@ -155,8 +154,7 @@ TEST(MovieSource, Nv12RowsUseInterleavedChroma) {
 
 TEST(MovieSource, PriorDecodesToHalfPlanesWithTheFixedPointFormula) {
   const le::testing::ScratchDir tmp("prior");
-  const std::string dir = tmp.path();
-  const std::string path = dir + "/P_hevc.mov";
+  const std::string path = tmp / "P_hevc.mov";
   const int side = 64, n = 4;
   media::MovieSpec spec;
   spec.encoder = "libx265", spec.pixFmt = "yuv444p", spec.w = side, spec.h = side, spec.frames = n;
@@ -278,7 +276,7 @@ TEST(JpgDirSource, DeliversStillsAndRefusesAWrongSize) {
   media::writeJpegDir(dir, 80, 48, 6);
   // frame 3 one pixel narrower
   const auto narrow = media::patternRgb(79, 48, 3);
-  media::writeJpeg(dir + "/frame_000003.jpg", narrow.data(), 79, 48);
+  le::forge::writeJpeg(dir + "/frame_000003.jpg", narrow.data(), 79, 48, 92);
 
   auto src = le::driver::openJpgDir(dir, 6, 80, 48);
   EXPECT_EQ(src->name(), "jpg/stb");
@@ -320,8 +318,10 @@ TEST(Image, PngRoundTripsAndFailuresNameThePath) {
   EXPECT_EQ(le::testing::thrown([&] { le::writePNG(dir + "/no/such/dir/a.png", rgb.data(), 33, 17); }),
             "png write failed: " + dir + "/no/such/dir/a.png");
   EXPECT_EQ(le::testing::thrown([&] { le::loadImageRGB(dir + "/absent.jpg", &w, &h); }), "decode failed: " + dir + "/absent.jpg");
-  // A grey PNG comes back with three channels.
-  const std::vector<uint8_t> grey(16 * 16, 77);
-  media::writeGreyPng(dir + "/g.png", grey.data(), 16, 16);
+  // A grey PNG (written by the ffmpeg tool from raw grey bytes) comes back with three channels.
+  le::testing::writeFile(dir + "/g.raw", std::string(16 * 16, char(77)));
+  ASSERT_EQ(media::run("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt gray -s 16x16 -i '" + dir +
+                       "/g.raw' -pix_fmt gray '" + dir + "/g.png'"),
+            0);
   EXPECT_EQ(le::loadImageRGB(dir + "/g.png", &w, &h), std::vector<uint8_t>(16 * 16 * 3, 77));
 }

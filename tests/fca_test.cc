@@ -12,8 +12,7 @@
 
 namespace {
 
-using le::testa2x::forgeAudioBundle;
-using le::testa2x::longSpeech;
+using namespace le::testa2x;
 using le::testing::ScratchDir;
 
 struct FcaBundle {

@@ -17,6 +17,8 @@
 #include "le/le_capi.h"
 #include "le/le_driver.h"
 #include "le/le_simd.h"
+#include "tests/bundle_fixture.h"
+#include "tests/support/media.h"
 #include "tools/forge/forge_movie.h"
 
 extern "C" {
@@ -31,23 +33,12 @@ using namespace le::forge;
 namespace {
 
 std::string scratch(const std::string& name) {
-  const char* t = std::getenv("LE_TEST_TMP");
-  const fs::path base = t && *t ? fs::path(t) : fs::temp_directory_path() / "le_forge_test";
-  fs::create_directories(base);
-  const fs::path p = base / name;
-  fs::remove_all(p);
-  return p.string();
+  static const le::testing::ScratchDir root("forge");
+  return root / name;
 }
 
-std::vector<uint8_t> slurp(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return std::vector<uint8_t>((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-}
-
-std::string text(const std::string& path) {
-  const auto b = slurp(path);
-  return std::string(b.begin(), b.end());
-}
+std::vector<uint8_t> slurp(const std::string& path) { return le::testmedia::readBytes(path); }
+std::string text(const std::string& path) { return le::readFile(path); }
 
 template <class T>
 std::vector<T> table(const std::string& path) {
@@ -57,14 +48,16 @@ std::vector<T> table(const std::string& path) {
   return v;
 }
 
-Params small() {
-  Params p;
-  p.nt = 5;
-  p.width = 96;
-  p.height = 64;
-  p.crop = 48;
-  p.frames = 9;
-  return p;
+Params small() { return le::forge::sized(5, 96, 64, 48, 9); }
+
+// The small bundle with both drive media (or the one named) and the video prior, forged.
+std::string forgedWithMovies(const std::string& name, Params& p, DriveMedia drive = DriveMedia::Both) {
+  p = small();
+  p.drive = drive;
+  p.prior = Prior::Hevc;
+  const std::string dir = scratch(name);
+  forgeBundle(dir, p);
+  return dir;
 }
 
 // Everything a decoder reports about a movie, and its first frame converted to RGB with the
@@ -235,11 +228,8 @@ TEST(Forge, SameParametersSameBytes) {
 }
 
 TEST(Forge, MoviesDecodeAsTheEngineExpects) {
-  Params p = small();
-  p.drive = DriveMedia::Movie;
-  p.prior = Prior::Hevc;
-  const std::string dir = scratch("movies");
-  forgeBundle(dir, p);
+  Params p;
+  const std::string dir = forgedWithMovies("movies", p, DriveMedia::Movie);
   EXPECT_NE(text(dir + "/manifest.json").find("\"P_hevc\": \"P_hevc.mov\""), std::string::npos);
   EXPECT_FALSE(fs::exists(dir + "/target_frames"));
 
@@ -332,11 +322,7 @@ TEST(Forge, BrokenTablesAndManifests) {
 }
 
 TEST(Forge, PicturesAgreeWithGeometry) {
-  Params p = small();
-  p.nt = 8;
-  p.width = 320;
-  p.height = 240;
-  p.crop = 160;
+  const Params p = sized(8, 320, 240, 160, 9);
   const int n = p.crop;
   for (int si : {0, 2, 5}) {
     const auto crop = cropImage(p, si);
@@ -417,27 +403,17 @@ TEST(Forge, RefusesBadGeometryAndMovieSizes) {
 // every spelling, the drive cursor and the prior cursor deliver the forged pictures, and the
 // breaks meet the engine's refusals.
 TEST(Forge, EngineReadsWhatTheForgeWrites) {
-  Params p = small();
-  p.drive = DriveMedia::Both;
-  p.prior = Prior::Hevc;
-  const std::string dir = scratch("engine");
-  forgeBundle(dir, p);
+  Params p;
+  const std::string dir = forgedWithMovies("engine", p);
   const le::Manifest m = le::loadManifest(dir);
   const le::Identity id(m);  // maps and reads every table at its exact size
   EXPECT_EQ(le::loadDrive(m).si, (std::vector<int32_t>{0, 1, 2, 3, 4, 3, 2, 1, 0}));
   EXPECT_EQ(le::readPasteMask(m).size(), static_cast<size_t>(p.crop) * p.crop);
   EXPECT_EQ(m.dir, dir);
   EXPECT_EQ(m.agent, "forge-face");
-  EXPECT_EQ(m.NT, p.nt);
-  EXPECT_EQ(m.W, p.width);
-  EXPECT_EQ(m.H, p.height);
-  EXPECT_EQ(m.crop, p.crop);
-  EXPECT_EQ(m.frames, p.frames);
-  EXPECT_EQ(m.M_src_w, p.width);
-  EXPECT_EQ(m.M_src_h, p.height);
-  EXPECT_FLOAT_EQ(m.unsharp.amount, 1.3f);
-  EXPECT_FLOAT_EQ(m.unsharp.sigma, 2.0f);
-  EXPECT_EQ(m.unsharp.ksize, 13);
+  EXPECT_EQ(std::vector<int>({m.NT, m.W, m.H, m.crop, m.frames, m.M_src_w, m.M_src_h, m.unsharp.ksize}),
+            std::vector<int>({p.nt, p.width, p.height, p.crop, p.frames, p.width, p.height, p.ksize}));
+  EXPECT_EQ(std::make_pair(m.unsharp.amount, m.unsharp.sigma), std::make_pair(p.amount, p.sigma));
 
   {
     // stills win over the movie; frames are the forged ones, through JPEG

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "le/render/graph_rewrites.h"
 #include "le/render/onnx_bytes.h"
 #include "tests/onnx_ort.h"
 #include "tests/onnx_suite.h"
@@ -45,87 +46,24 @@ std::vector<float> reference(const std::vector<float>& in, const std::vector<flo
 }
 
 
-
-struct GsAttrs {
-  std::string mode, padding;  // empty when the attribute is absent
+// What a GridSample node computes once ONNX's defaults are applied (an absent mode is bilinear,
+// which the engine's rewrite does not take on trust).
+bool samplesLikeFast(le::GsSlice node) {
+  std::string mode = "bilinear", padding;
   int64_t align = 0;
-};
-
-GsAttrs attrsOf(le::GsSlice node) {
-  GsAttrs a0;
-  std::string& mode = a0.mode;
-  std::string& padding = a0.padding;
-  int64_t& align = a0.align;
   le::GsReader r(node);
   le::GsField f;
   while (r.next(f)) {
     if (f.number != of::kNodeAttribute || f.wireType != 2) continue;
     const std::string name = le::gsFirstStr(f.payload, of::kAttrName);
-    const std::string s = le::gsFirstStr(f.payload, of::kAttrS);
+    if (name == "mode") mode = le::gsFirstStr(f.payload, of::kAttrS);
+    if (name == "padding_mode") padding = le::gsFirstStr(f.payload, of::kAttrS);
     le::GsReader ar(f.payload);
     le::GsField a;
     while (ar.next(a))
       if (name == "align_corners" && a.number == of::kAttrI && a.wireType == 0) align = int64_t(a.value);
-    if (name == "mode") mode = s;
-    if (name == "padding_mode") padding = s;
   }
-  return a0;
-}
-
-// Only a node that names bilinear sampling and border padding is switched: an absent mode or
-// padding_mode leaves it standard.
-bool rewritable(le::GsSlice node) {
-  const GsAttrs a = attrsOf(node);
-  return (a.mode == "bilinear" || a.mode == "linear") && a.padding == "border" && a.align == 0;
-}
-
-// What the node computes once ONNX's defaults are applied.
-bool samplesLikeFast(le::GsSlice node) {
-  const GsAttrs a = attrsOf(node);
-  const std::string mode = a.mode.empty() ? "bilinear" : a.mode;
-  return (mode == "bilinear" || mode == "linear") && a.padding == "border" && a.align == 0;
-}
-
-size_t switchToFast(std::vector<uint8_t>& model) {
-  size_t switched = 0;
-  std::vector<uint8_t> out;
-  le::GsReader mr(model);
-  le::GsField mf;
-  while (mr.next(mf)) {
-    if (mf.number != of::kModelGraph || mf.wireType != 2) {
-      le::gsPutRaw(out, mf.raw);
-      continue;
-    }
-    std::vector<uint8_t> graph;
-    le::GsReader gr(mf.payload);
-    le::GsField gf;
-    while (gr.next(gf)) {
-      if (gf.number != of::kGraphNode || gf.wireType != 2 || le::gsFirstStr(gf.payload, of::kNodeOpType) != "GridSample" ||
-          !rewritable(gf.payload)) {
-        le::gsPutRaw(graph, gf.raw);
-        continue;
-      }
-      std::vector<uint8_t> node;
-      le::GsReader nr(gf.payload);
-      le::GsField nf;
-      while (nr.next(nf))
-        if (nf.number != of::kNodeOpType && nf.number != of::kNodeAttribute && nf.number != of::kNodeDomain)
-          le::gsPutRaw(node, nf.raw);
-      le::gsPutBytes(node, of::kNodeOpType, std::string("GridSampleFast"));
-      le::gsPutBytes(node, of::kNodeDomain, std::string(le::kVantorixDomain));
-      le::gsPutBytes(graph, of::kGraphNode, node);
-      ++switched;
-    }
-    le::gsPutBytes(out, of::kModelGraph, graph);
-  }
-  if (switched) {
-    std::vector<uint8_t> os;
-    le::gsPutBytes(os, of::kOpsetDomain, std::string(le::kVantorixDomain));
-    le::gsPutVarintField(os, of::kOpsetVersion, 1);
-    le::gsPutBytes(out, of::kModelOpsetImport, os);
-  }
-  model.swap(out);
-  return switched;
+  return (mode == "bilinear" || mode == "linear") && padding == "border" && align == 0;
 }
 
 }  // namespace
@@ -265,7 +203,7 @@ TEST(GridSampleFast, OnnxSuiteGridSampleCases) {
     // The suite writes its bilinear cases without a mode attribute: the switch leaves every
     // one of them standard, and the standard model still gives the suite's answer.
     std::vector<uint8_t> switched = model;
-    EXPECT_EQ(switchToFast(switched), 0u) << name;
+    EXPECT_EQ(le::rewriteGridSampleToFast(switched), 0u) << name;
     EXPECT_EQ(switched, model) << name;
     Ort::Session standard = le::test::ortSession(model);
     // (ONNX Runtime's bicubic differs from the suite's reference by a few 1e-5.)
@@ -281,7 +219,7 @@ TEST(GridSampleFast, OnnxSuiteGridSampleCases) {
            {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border"), Attr::i("align_corners", 0)});
     b.output("Y", {N, C, g.dims[1], g.dims[2]});
     std::vector<uint8_t> explicitModel = b.build();
-    ASSERT_EQ(switchToFast(explicitModel), 1u) << name;
+    ASSERT_EQ(le::rewriteGridSampleToFast(explicitModel), 1u) << name;
     Ort::Session fast = le::test::ortSession(explicitModel);
     const std::vector<Feed> xf = {{"X", x.dims, x.values.data(), x.values.size()},
                                   {"grid", g.dims, g.values.data(), g.values.size()}};

@@ -18,8 +18,8 @@ namespace {
 
 TEST(Int8Director, CropsMatchTheFloatDirector) {
   le::testing::ScratchDir dir("int8_director");
-  le::forge::Params p;
-  p.nt = 3, p.width = 192, p.height = 160, p.crop = 128, p.frames = 3, p.directors = true;
+  le::forge::Params p = le::forge::sized(3, 192, 160, 128, 3);
+  p.directors = true;
   le::forge::forgeBundle(dir.path() + "/b", p);
   const le::Manifest m = le::loadManifest(dir.path() + "/b");
   const le::Identity id(m);

@@ -33,12 +33,7 @@ namespace {
 constexpr int kCrop = 64;
 
 le::forge::Params lipBundle(le::forge::Lips lips) {
-  le::forge::Params p;
-  p.nt = 4;
-  p.width = 160;
-  p.height = 120;
-  p.crop = kCrop;
-  p.frames = 6;
+  le::forge::Params p = le::forge::sized(4, 160, 120, kCrop, 6);
   p.lips = lips;
   le::forge::DirectorMemberOptions o;
   o.heavy = false;
@@ -81,10 +76,7 @@ Bytes withComposeParts(const Bytes& model, std::string names[3]) {
   const int64_t dims[4] = {1, 0, kCrop, kCrop};
   for (int k = 0; k < 3; ++k) {
     le::GsGraphEdit e;
-    e.addName = &names[k];
-    e.addDims = dims;
-    e.addRank = 4;
-    e.addField = le::onnxf::kGraphOutput;
+    e.declare(names[k], dims, 4, le::onnxf::kGraphOutput);
     Bytes next;
     le::gsRebuild(out, e, next);
     out.swap(next);

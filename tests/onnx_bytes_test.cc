@@ -310,10 +310,7 @@ TEST(OnnxBytes, RebuildKeepsBytesAndAppliesEdits) {
   e.dropNodes = &drop;
   e.keepOnlyPrgbInput = true;
   e.dropOutputs = true;
-  e.addName = &mul;
-  e.addDims = dims;
-  e.addRank = 4;
-  e.addField = of::kGraphOutput;
+  e.declare(mul, dims, 4, of::kGraphOutput);
   le::gsRebuild(model, e, out);
   nodes.clear();
   inits.clear();

@@ -23,8 +23,10 @@
 #include "le/le.h"
 #include "le/le_bundle.h"
 #include "le/le_pool.h"
+#include "le/le_simd.h"
 #include "le/render/graph_rewrites.h"
 #include "le/render/le_ort.h"
+#include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
 #include "tools/forge/director_graph.h"
 #include "tools/forge/director_members.h"
@@ -44,53 +46,20 @@ using le::testmedia::ScopedEnv;
 using le::forge::OnnxBuilder;
 using le::forge::Shape;
 
-std::string scratch(const std::string& name) {
-  const char* t = std::getenv("LE_TEST_TMP");
-  const fs::path base = t && *t ? fs::path(t) : fs::temp_directory_path() / "le_renderer_test";
-  fs::create_directories(base);
-  // ctest runs every test case in its own process, several at once: one directory per process.
-  const fs::path p = base / (name + "_" + std::to_string(::getpid()));
-  fs::remove_all(p);
-  return p.string();
-}
-
-float halfBits(uint16_t h) {
-  const uint32_t sign = (h & 0x8000u) << 16;
-  const int exp = (h >> 10) & 0x1f;
-  const uint32_t man = h & 0x3ffu;
-  float v;
-  if (exp == 0)
-    v = std::ldexp(static_cast<float>(man), -24);
-  else if (exp == 31)
-    v = man ? NAN : INFINITY;
-  else
-    v = std::ldexp(static_cast<float>(man | 0x400u), exp - 25);
-  return sign ? -v : v;
-}
-
+// Row `row` of a half-float member, widened.
 std::vector<float> widenFile(const std::string& path, size_t row, size_t elems) {
-  std::ifstream f(path, std::ios::binary);
-  f.seekg(static_cast<std::streamoff>(row * elems * 2));
-  std::vector<uint16_t> h(elems);
-  f.read(reinterpret_cast<char*>(h.data()), static_cast<std::streamsize>(elems * 2));
+  const std::string bytes = le::readFile(path);
   std::vector<float> v(elems);
-  for (size_t i = 0; i < elems; ++i) v[i] = halfBits(h[i]);
+  le::halfToFloat(reinterpret_cast<const uint16_t*>(bytes.data()) + row * elems, v.data(), elems);
   return v;
 }
 
-le::forge::Params smallBundle() {
-  le::forge::Params p;
-  p.nt = 4;
-  p.width = 160;
-  p.height = 120;
-  p.crop = 64;
-  p.frames = 6;
-  return p;
-}
+le::forge::Params smallBundle() { return le::forge::sized(4, 160, 120, 64, 6); }
 
 // Writes a forged bundle with its director members; extra models go in as "model_<key>.onnx".
 std::string forgeWithDirectors(const std::string& name, le::forge::Params p) {
-  const std::string dir = scratch(name);
+  static le::testing::ScratchDir root("renderer");
+  const std::string dir = root / name;
   le::forge::DirectorMemberOptions o;
   o.heavy = false;
   for (auto& m : le::forge::directorMembers(p, o)) p.extraMembers.push_back(std::move(m));
@@ -156,7 +125,6 @@ class RendererTest : public ::testing::Test {
     p.fsRed = true;
     dir_ = forgeWithDirectors("renderer_bundle", p);
   }
-  static void TearDownTestSuite() { fs::remove_all(dir_); }
   static std::string model(const std::string& key, const std::vector<uint8_t>& bytes) {
     le::forge::writeModelBytes(dir_ + "/model_" + key + ".onnx", bytes);
     return key;
@@ -221,8 +189,6 @@ TEST_F(RendererTest, MissingTablesAreRefused) {
   EXPECT_THAT(refusal([&] { le::Renderer r(b.manifest, *b.identity, "std", 1, ""); }),
               StartsWith("m4b graph (P_rgb input) but this bundle carries no warp prior: neither "
                          "P.f16, nor fs_red.f16, nor a P_hevc.mov to play in place is present"));
-  fs::remove_all(plain);
-  fs::remove_all(fsOnly);
 }
 
 // Every slot is filled from its own source frame, padding repeats the last real frame, and the
@@ -317,8 +283,8 @@ TEST_F(RendererTest, ProvidersAndTheirLines) {
 TEST_F(RendererTest, ProfileLinesAtDestruction) {
   Loaded l(dir_);
   model("prof", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
-  const std::string prefix = scratch("renderer_profile");
-  fs::create_directories(prefix);
+  const le::testing::ScratchDir tmp("renderer_profile");
+  const std::string prefix = tmp.path();
   ScopedEnv env("LE_ORT_PROFILE", (prefix + "/run").c_str());
   std::vector<float> kp(63, 0.f);
   const int32_t si = 1;
@@ -335,7 +301,6 @@ TEST_F(RendererTest, ProfileLinesAtDestruction) {
   ASSERT_NE(at, std::string::npos) << err;
   const std::string file = err.substr(at + 17, err.find('\n', at) - at - 17);
   EXPECT_TRUE(fs::exists(file)) << file;
-  fs::remove_all(prefix);
 }
 
 // A graph with GridSampleFast baked in is refused when the custom op is switched off; a standard

@@ -37,12 +37,7 @@ int collect(void* user, int frameIndex, const uint8_t* rgb, int width, int heigh
 
 // Three source frames with stills to paste into, and the audio members.
 std::string forgeStreamBundle(const ScratchDir& d) {
-  le::forge::Params p;
-  p.nt = 3;
-  p.width = 64;
-  p.height = 48;
-  p.crop = 16;
-  p.frames = 4;
+  le::forge::Params p = le::forge::sized(3, 64, 48, 16, 4);
   p.extraMembers = le::forge::audioMembers(p);
   le::forge::DirectorMemberOptions o;
   o.featSynth = o.heavy = false;

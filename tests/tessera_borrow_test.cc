@@ -12,6 +12,7 @@
 
 #include "le/le.h"
 #include "le/le_bundle.h"
+#include "le/le_image.h"
 #include "le/le_imx.h"
 #include "le/render/le_renderer.h"
 #include "le/tessera/le_tessera.h"
@@ -46,8 +47,7 @@ double opening(const uint8_t* rgb, int crop, int x0, int y0, int w, int h) {
 
 TEST(TesseraBorrow, ForgedMouthsGetTeethFromMatchingDonors) {
   le::testing::ScratchDir dir("tessera_borrow");
-  le::forge::Params p;
-  p.nt = 2, p.width = 192, p.height = 160, p.crop = 128, p.frames = 6;
+  le::forge::Params p = le::forge::sized(2, 192, 160, 128, 6);
   p.lips = le::forge::Lips::Unified;
   p.tessera = true;
   p.tesseraDonors = 96;
@@ -57,12 +57,7 @@ TEST(TesseraBorrow, ForgedMouthsGetTeethFromMatchingDonors) {
   le::forge::forgeBundle(dir.path(), p);
 
   const le::TesseraAttachInputs in = le::loadTesseraMembers(dir.path());
-  const std::string track = le::readFile(in.bank_track_path);
-  le::tessera::BankData bank;
-  bank.band = le::tessera::decodeBankTrack(reinterpret_cast<const uint8_t*>(track.data()), track.size(), in.n_donors,
-                                           in.band_h, in.band_w, in.track_order);
-  bank.cent = in.cent, bank.c_canon = in.c_canon, bank.aperture = in.aperture, bank.stamp = in.stamp;
-  bank.n_donors = in.n_donors;
+  const le::tessera::BankData bank = in.bankData();
   const le::tessera::HeadWeights head = le::tessera::loadHeadPt(in.head_pt);
   const le::tessera::ServeConfig cfg = le::tessera::ServeConfig::fromHeadMemberJson(in.head_json);
   le::tessera::TeethPass pass(bank, head, cfg);
@@ -166,8 +161,8 @@ TEST(TesseraBorrow, ForgedMouthsGetTeethFromMatchingDonors) {
   const char* root = std::getenv("LE_TEST_TMP");
   const std::string outDir = std::string(root && *root ? root : "/tmp") + "/tessera_borrow";
   le::imx::mkdirs(outDir);
-  le::testmedia::writeRgbPng(outDir + "/before_after.png", picture.data(), 2 * c, n * c);
-  le::testmedia::writeRgbPng(outDir + "/mouths_x4.png", zoom.data(), 2 * zw * z, n * zh * z);
+  le::writePNG(outDir + "/before_after.png", picture.data(), 2 * c, n * c);
+  le::writePNG(outDir + "/mouths_x4.png", zoom.data(), 2 * zw * z, n * zh * z);
 }
 
 }  // namespace

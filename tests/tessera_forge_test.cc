@@ -20,12 +20,7 @@ namespace {
 using le::testing::ScratchDir;
 
 le::forge::Params small() {
-  le::forge::Params p;
-  p.nt = 4;
-  p.frames = 2;
-  p.width = 160;
-  p.height = 120;
-  p.crop = 96;
+  le::forge::Params p = le::forge::sized(4, 160, 120, 96, 2);
   p.tessera = true;
   p.tesseraDonors = 24;
   return p;

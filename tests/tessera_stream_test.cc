@@ -100,36 +100,24 @@ TEST(TesseraStream, RgbaWriteBackIsOpaqueAndTakesTheWindowBytes) {
 // delivery mask; the offline run with and without its shift table.
 struct Bank {
   le::testing::ScratchDir dir{"tessera_stream"};
-  le::forge::Params p;
+  le::forge::Params p = le::forge::sized(4, 160, 128, 128, 2);
   le::TesseraAttachInputs in;
-  std::vector<uint8_t> donors;
+  le::tessera::BankData bank;
   Bank() {
-    p.nt = 4, p.frames = 2, p.width = 160, p.height = 128, p.crop = 128;
     p.tessera = true;
     p.tesseraDonors = 16;
     p.lips = le::forge::Lips::Unified;
     le::forge::forgeBundle(dir / "b", p);
     in = le::loadTesseraMembers(dir / "b");
-    const std::string track = le::readFile(in.bank_track_path);
-    donors = le::tessera::decodeBankTrack(reinterpret_cast<const uint8_t*>(track.data()), track.size(), in.n_donors,
-                                          in.band_h, in.band_w, in.track_order);
+    bank = in.bankData();
   }
-  le::tessera::BankData data() const {
-    le::tessera::BankData b;
-    b.band = donors;
-    b.cent = in.cent;
-    b.c_canon = in.c_canon;
-    b.aperture = in.aperture;
-    b.stamp = in.stamp;
-    b.n_donors = in.n_donors;
-    return b;
-  }
+  const le::tessera::BankData& data() const { return bank; }
   int run(const std::vector<uint8_t>& crops, const std::vector<uint8_t>& masks, const int32_t* shifts, int frames,
           std::vector<uint8_t>& windows, std::vector<uint32_t>& flags, std::string& err) const {
     windows.assign(size_t(std::max(frames, 1)) * size_t(in.stamp.window_w * in.stamp.window_h * 3), 77);
     flags.assign(size_t(std::max(frames, 1)), 9);
     char buf[512];
-    const int r = le_tessera_run_shift(donors.data(), in.n_donors, in.cent.data(), in.c_canon.data(),
+    const int r = le_tessera_run_shift(bank.band.data(), in.n_donors, in.cent.data(), in.c_canon.data(),
                                        in.aperture.data(), in.stamp.values().data(), in.head_pt.data(),
                                        uint32_t(in.head_pt.size()), in.head_json.c_str(), crops.data(), masks.data(),
                                        shifts, frames, windows.data(), flags.data(), buf, sizeof buf);

@@ -45,8 +45,8 @@ std::vector<uint8_t> brokenChunkDirector(int crop, int batch) {
 // The pipeline's speaking bundle, with a steady chunk member that draws differently, so a test
 // can see which frames it made, and one whose runs fail.
 struct Bundle : le::testmedia::SpeakingBundle {
-  Bundle() : SpeakingBundle("utt_a2x", params()) {}
-  static le::forge::Params params() {
+  Bundle() : SpeakingBundle("utt_a2x", forgeParams()) {}
+  static le::forge::Params forgeParams() {
     le::forge::Params p = le::testmedia::uttBundleParams(96, 80, 64, 5);
     le::forge::DirectorGraphOptions g;
     g.crop = p.crop;

@@ -38,13 +38,9 @@ using Clock = std::chrono::steady_clock;
 struct Bundle : le::testmedia::SpeakingBundle {
   le::TesseraAttachInputs in;
   std::vector<uint8_t> donors;
-  Bundle() : SpeakingBundle("utt_borrow", params()) {
-    in = le::loadTesseraMembers(path);
-    const std::string track = le::readFile(in.bank_track_path);
-    donors = le::tessera::decodeBankTrack(reinterpret_cast<const uint8_t*>(track.data()), track.size(), in.n_donors,
-                                          in.band_h, in.band_w, in.track_order);
-  }
-  static le::forge::Params params() {
+  Bundle()
+      : SpeakingBundle("utt_borrow", forgeParams()), in(le::loadTesseraMembers(path)), donors(in.bankData().band) {}
+  static le::forge::Params forgeParams() {
     le::forge::Params p = le::testmedia::uttBundleParams(160, 128, 128, 5);
     p.tessera = true;
     p.tesseraDonors = 24;

@@ -27,33 +27,15 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kIdle = LE_UTT_KIND_IDLE, kSpeech = LE_UTT_KIND_SPEECH, kRamp = LE_UTT_KIND_RAMP;
 
-struct Bundle {
-  le::testing::ScratchDir dir{"utt_speech"};
-  le::forge::Params params = le::testmedia::uttBundleParams(96, 80, 64, 5);
-  le_ctx* ctx = nullptr;
-  Bundle() {
-    le::forge::forgeBundle(dir / "b", params);
-    ctx = le_create((dir / "b").c_str(), "b1", 2, nullptr);
-    if (!ctx) throw std::runtime_error(le_last_error());
-  }
-  ~Bundle() { le_destroy(ctx); }
-  const std::string motionDir = dir / "b/motion";
-  size_t frameBytes() const { return size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3; }
-  int nt() const { return le_nt(ctx); }
+struct Bundle : le::testmedia::OpenBundle {
+  Bundle() : OpenBundle("utt_speech", le::testmedia::uttBundleParams(96, 80, 64, 5)) {}
+  const std::string motionDir = path + "/motion";
 };
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
+using le::testmedia::kSanitized;
 
-const std::vector<int16_t>& clip() {
-  // Sanitized builds run ten times slower: a shorter sentence there.
-  static const std::vector<int16_t> c =
-      le::testmedia::speak16kPcm(kSanitized ? "Say ah." : "Open wide and say ah.");
-  return c;
-}
+// Sanitized builds run ten times slower: a shorter sentence there.
+constexpr auto clip = &le::testmedia::sayAhClip;
 
 int framesOf(size_t samples) { return int((samples + 639) / 640); }
 

@@ -14,6 +14,7 @@
 #include "le/le_a2x.h"
 #include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
+#include "tests/support/utt_soak.h"
 #include "tools/forge/forge.h"
 
 namespace {
@@ -22,27 +23,13 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 le::forge::Params smallParams() {
-  le::forge::Params p;
-  p.nt = 5;
-  p.width = 96;
-  p.height = 80;
-  p.crop = 64;
-  p.frames = 6;
+  le::forge::Params p = le::forge::sized(5, 96, 80, 64, 6);
   p.directors = true;
   return p;
 }
 
-struct Bundle {
-  le::testing::ScratchDir dir{"utt"};
-  le::forge::Params params = smallParams();
-  le_ctx* ctx = nullptr;
-  Bundle() {
-    le::forge::forgeBundle(dir / "b", params);
-    ctx = le_create((dir / "b").c_str(), "b1", 2, nullptr);
-    if (!ctx) throw std::runtime_error(le_last_error());
-  }
-  ~Bundle() { le_destroy(ctx); }
-  size_t frameBytes() const { return size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3; }
+struct Bundle : le::testmedia::OpenBundle {
+  Bundle() : OpenBundle("utt", smallParams()) {}
   // Drive frames of every source index, read before a pipeline takes the context.
   std::vector<std::vector<uint8_t>> driveFrames() const {
     std::vector<std::vector<uint8_t>> f;

@@ -17,66 +17,53 @@ void check(const char* (*lastError)()) {
   if (e && *e) throw std::runtime_error(e);
 }
 
-class A2xSource final : public KeypointSource {
- public:
-  A2xSource(const std::string& dir, int threads)
-      : h_(le_a2x_create(dir.c_str(), threads)) {
-    if (!h_) throw std::runtime_error(le_a2x_last_error());
-  }
-  ~A2xSource() override { le_a2x_destroy(h_); }
-  void reset(int start, int direction, int loop) override { le_a2x_reset(h_, start, direction, loop); }
-  void setEager(int value) override { le_a2x_set_eager(h_, value); }
-  void push(const float* s, int n) override {
-    if (!le_a2x_push(h_, s, n)) check(le_a2x_last_error);
-  }
-  void finish() override { le_a2x_finish(h_); }
-  int avail() override {
-    const int n = le_a2x_avail(h_);
-    check(le_a2x_last_error);
-    return n;
-  }
-  int pull(int32_t* si, float* xs, float* xd, int max) override {
-    const int n = le_a2x_pull(h_, si, xs, xd, max);
-    check(le_a2x_last_error);
-    return n;
-  }
-  int total() override { return le_a2x_total(h_); }
-  const char* name() const override { return "a2x"; }
-
- private:
-  le_a2x* h_;
+// One family's flat functions (le_motion_total takes a const handle: TotalH).
+template <class H, class TotalH = H>
+struct FlatApi {
+  void (*destroy)(H*);
+  const char* (*lastError)();
+  void (*reset)(H*, int, int, int);
+  void (*setEager)(H*, int);
+  int (*push)(H*, const float*, int);
+  void (*finish)(H*);
+  int (*avail)(H*);
+  int (*pull)(H*, int*, float*, float*, int);
+  int (*total)(TotalH*);
+  const char* name;
 };
 
-class MotionSource final : public KeypointSource {
+const FlatApi<le_a2x> kA2x = {le_a2x_destroy, le_a2x_last_error, le_a2x_reset, le_a2x_set_eager, le_a2x_push,
+                              le_a2x_finish,  le_a2x_avail,      le_a2x_pull,  le_a2x_total,     "a2x"};
+const FlatApi<le_motion, const le_motion> kMotion = {
+    le_motion_destroy, le_motion_last_error, le_motion_reset, le_motion_set_eager, le_motion_push,
+    le_motion_finish,  le_motion_avail,      le_motion_pull,  le_motion_total,     "motion"};
+
+// A source over a created handle of one family (null throws that family's error).
+template <class H, class TotalH>
+class FlatSource final : public KeypointSource {
  public:
-  MotionSource(const std::string& dir, int threads, const std::string& ep)
-      : h_(le_motion_create(dir.c_str(), threads, ep.c_str())) {
-    if (!h_) throw std::runtime_error(le_motion_last_error());
+  FlatSource(const FlatApi<H, TotalH>& api, H* h) : api_(api), h_(h) {
+    if (!h_) throw std::runtime_error(api_.lastError());
   }
-  ~MotionSource() override { le_motion_destroy(h_); }
-  void reset(int start, int direction, int loop) override {
-    le_motion_reset(h_, start, direction, loop);
-  }
-  void setEager(int value) override { le_motion_set_eager(h_, value); }
+  ~FlatSource() override { api_.destroy(h_); }
+  void reset(int start, int direction, int loop) override { api_.reset(h_, start, direction, loop); }
+  void setEager(int value) override { api_.setEager(h_, value); }
   void push(const float* s, int n) override {
-    if (!le_motion_push(h_, s, n)) check(le_motion_last_error);
+    if (!api_.push(h_, s, n)) check(api_.lastError);
   }
-  void finish() override { le_motion_finish(h_); }
-  int avail() override {
-    const int n = le_motion_avail(h_);
-    check(le_motion_last_error);
-    return n;
-  }
-  int pull(int32_t* si, float* xs, float* xd, int max) override {
-    const int n = le_motion_pull(h_, si, xs, xd, max);
-    check(le_motion_last_error);
-    return n;
-  }
-  int total() override { return le_motion_total(h_); }
-  const char* name() const override { return "motion"; }
+  void finish() override { api_.finish(h_); }
+  int avail() override { return checked(api_.avail(h_)); }
+  int pull(int32_t* si, float* xs, float* xd, int max) override { return checked(api_.pull(h_, si, xs, xd, max)); }
+  int total() override { return api_.total(h_); }
+  const char* name() const override { return api_.name; }
 
  private:
-  le_motion* h_;
+  int checked(int n) {
+    check(api_.lastError);
+    return n;
+  }
+  const FlatApi<H, TotalH>& api_;
+  H* h_;
 };
 
 }  // namespace
@@ -87,8 +74,9 @@ bool hasA2xStream(const std::string& dir) {
 
 std::unique_ptr<KeypointSource> openSource(const std::string& dir, bool a2x, int threads,
                                            const std::string& motionEp) {
-  if (a2x) return std::make_unique<A2xSource>(dir, threads);
-  return std::make_unique<MotionSource>(dir, threads, motionEp);
+  if (a2x) return std::make_unique<FlatSource<le_a2x, le_a2x>>(kA2x, le_a2x_create(dir.c_str(), threads));
+  return std::make_unique<FlatSource<le_motion, const le_motion>>(
+      kMotion, le_motion_create(dir.c_str(), threads, motionEp.c_str()));
 }
 
 }  // namespace le::utt

@@ -195,6 +195,22 @@ Bytes rebuildModel(GsSlice model, const std::function<void(GsSlice, Bytes&)>& ed
   return out;
 }
 
+// rebuildModel whose graph edit goes field by field: `field` writes what stands in place of each
+// graph field, told the index of the node it is (-1 when it is no node); `after` appends.
+Bytes rebuildGraphFields(GsSlice model, const std::function<void(const GsField&, int, Bytes&)>& field,
+                         bool vantorix, const std::function<void(Bytes&)>& after = {}) {
+  return rebuildModel(
+      model,
+      [&](GsSlice graph, Bytes& ng) {
+        GsReader r(graph);
+        GsField fd;
+        int k = -1;
+        while (r.next(fd)) field(fd, isNodeField(fd) ? ++k : -1, ng);
+        if (after) after(ng);
+      },
+      vantorix);
+}
+
 // Copies a NodeProto, leaving out the fields whose numbers are in `skip`.
 Bytes copyNodeWithout(GsSlice node, std::initializer_list<uint32_t> skip) {
   Bytes out;
@@ -222,15 +238,11 @@ size_t rewriteMatchingNodes(std::vector<uint8_t>& model, bool (*qualifies)(GsSli
       if (isNodeField(fd) && qualifies(fd.payload)) ++count;
   }
   if (!count) return 0;
-  Bytes out = rebuildModel(
+  Bytes out = rebuildGraphFields(
       model,
-      [&](GsSlice g, Bytes& ng) {
-        GsReader r(g);
-        GsField fd;
-        while (r.next(fd)) {
-          if (isNodeField(fd) && qualifies(fd.payload)) gsPutBytes(ng, f::kGraphNode, rewrite(fd.payload));
-          else gsPutRaw(ng, fd.raw);
-        }
+      [&](const GsField& fd, int, Bytes& ng) {
+        if (isNodeField(fd) && qualifies(fd.payload)) gsPutBytes(ng, f::kGraphNode, rewrite(fd.payload));
+        else gsPutRaw(ng, fd.raw);
       },
       vantorix);
   model.swap(out);
@@ -672,39 +684,28 @@ int rewriteBindLipContour(std::vector<uint8_t>& model, std::string& reason, int*
   const std::string& a = tail.alpha;
   const std::string lipName = kLipInput;
   const int64_t dims[4] = {batch, 1, canvas, canvas};
-  Bytes out = rebuildModel(
+  Bytes out = rebuildGraphFields(
       model,
-      [&](GsSlice graph, Bytes& ng) {
-        GsReader r(graph);
-        GsField fd;
-        int k = -1;
-        while (r.next(fd)) {
-          if (isLen(fd, f::kGraphValueInfo) && gsFirstStr(fd.payload, f::kValueInfoName) == lipName) continue;
-          if (!isNodeField(fd)) {
-            gsPutRaw(ng, fd.raw);
-            continue;
+      [&](const GsField& fd, int k, Bytes& ng) {
+        if (isLen(fd, f::kGraphValueInfo) && gsFirstStr(fd.payload, f::kValueInfoName) == lipName) return;
+        const std::vector<std::string>* ins = k >= 0 ? &g.nodes[k].inputs : nullptr;
+        if (!ins || std::find(ins->begin(), ins->end(), a) == ins->end()) {
+          gsPutRaw(ng, fd.raw);
+        } else {
+          Bytes n;
+          GsReader nr(fd.payload);
+          GsField x;
+          while (nr.next(x)) {
+            if (isLen(x, f::kNodeInput) && x.payload.str() == a)
+              gsPutBytes(n, f::kNodeInput, std::string(kLipAlpha));
+            else
+              gsPutRaw(n, x.raw);
           }
-          ++k;
-          const std::vector<std::string>& ins = g.nodes[k].inputs;
-          if (std::find(ins.begin(), ins.end(), a) == ins.end()) {
-            gsPutRaw(ng, fd.raw);
-          } else {
-            Bytes n;
-            GsReader nr(fd.payload);
-            GsField x;
-            while (nr.next(x)) {
-              if (isLen(x, f::kNodeInput) && x.payload.str() == a)
-                gsPutBytes(n, f::kNodeInput, std::string(kLipAlpha));
-              else
-                gsPutRaw(n, x.raw);
-            }
-            gsPutBytes(ng, f::kGraphNode, n);
-          }
-          if (k == alphaProducer) hcNode(ng, "Min", {a, lipName}, kLipAlpha, kLipMin, {});
+          gsPutBytes(ng, f::kGraphNode, n);
         }
-        gsPutTensorValueInfo(ng, f::kGraphInput, lipName, dims, 4);
+        if (k >= 0 && k == alphaProducer) hcNode(ng, "Min", {a, lipName}, kLipAlpha, kLipMin, {});
       },
-      false);
+      false, [&](Bytes& ng) { gsPutTensorValueInfo(ng, f::kGraphInput, lipName, dims, 4); });
   if (!lipBindingSelfCheck(out, a, reason)) return 0;
   model.swap(out);
   if (canvasOut) *canvasOut = int(canvas);
@@ -822,31 +823,20 @@ size_t rewriteWarpBlockAt(std::vector<uint8_t>& model, const WarpBlock& block, s
   std::vector<uint8_t> drop(nodes.size(), 0);
   for (int k : block.replaced)
     if (k >= 0 && k < int(drop.size())) drop[k] = 1;
-  Bytes out = rebuildModel(
+  Bytes out = rebuildGraphFields(
       model,
-      [&](GsSlice graph, Bytes& ng) {
-        GsReader r(graph);
-        GsField fd;
-        int k = -1;
-        while (r.next(fd)) {
-          if (isNodeField(fd)) {
-            ++k;
-            if (k == at) {
-              Bytes n;
-              gsPutBytes(n, f::kNodeInput, std::string("P_rgb"));
-              gsPutBytes(n, f::kNodeInput, block.grid);
-              gsPutBytes(n, f::kNodeOutput, block.exit);
-              gsPutBytes(n, f::kNodeName, std::string("le_warp_director"));
-              gsPutBytes(n, f::kNodeOpType, std::string("WarpDirector"));
-              gsPutBytes(n, f::kNodeDomain, std::string(kCustomDomain));
-              gsPutBytes(ng, f::kGraphNode, n);
-              continue;
-            }
-            if (drop[k]) continue;
-          } else if (isLen(fd, f::kGraphValueInfo) &&
-                     gsFirstStr(fd.payload, f::kValueInfoName) == block.boundary) {
-            continue;
-          }
+      [&](const GsField& fd, int k, Bytes& ng) {
+        if (k >= 0 && k == at) {
+          Bytes n;
+          gsPutBytes(n, f::kNodeInput, std::string("P_rgb"));
+          gsPutBytes(n, f::kNodeInput, block.grid);
+          gsPutBytes(n, f::kNodeOutput, block.exit);
+          gsPutBytes(n, f::kNodeName, std::string("le_warp_director"));
+          gsPutBytes(n, f::kNodeOpType, std::string("WarpDirector"));
+          gsPutBytes(n, f::kNodeDomain, std::string(kCustomDomain));
+          gsPutBytes(ng, f::kGraphNode, n);
+        } else if (!(k >= 0 && drop[k]) &&
+                   !(isLen(fd, f::kGraphValueInfo) && gsFirstStr(fd.payload, f::kValueInfoName) == block.boundary)) {
           gsPutRaw(ng, fd.raw);
         }
       },
@@ -922,10 +912,7 @@ bool buildSourceConePrep(GsSlice model, const std::string& boundary, std::vector
   e.keepInitializers = used.get();
   e.keepOnlyPrgbInput = true;
   e.dropOutputs = true;
-  e.addName = &boundary;
-  e.addDims = nullptr;
-  e.addRank = 4;
-  e.addField = f::kGraphOutput;
+  e.declare(boundary, nullptr, 4, f::kGraphOutput);
   Bytes out;
   gsRebuild(model, e, out);
   prep.swap(out);
@@ -942,10 +929,7 @@ bool buildSourceConePerFrame(GsSlice model, const std::string& boundary, const i
   e.dropNodes = &cone;
   e.keepInitializers = used.get();
   e.dropPrgbInput = true;
-  e.addName = &boundary;
-  e.addDims = dims;
-  e.addRank = rank;
-  e.addField = f::kGraphInput;
+  e.declare(boundary, dims, rank, f::kGraphInput);
   Bytes out;
   gsRebuild(model, e, out);
   perFrame.swap(out);

@@ -219,16 +219,13 @@ struct GSFKernel {
   OrtStatusPtr ComputeV2(OrtKernelContext* context) { return gsf::computeStatus(*this, context); }
 
   void compute(Ort::KernelContext& ctx) {
-    Ort::ConstValue x = ctx.GetInput(0);
-    Ort::ConstValue grid = ctx.GetInput(1);
-    const std::vector<int64_t> xs = x.GetTensorTypeAndShapeInfo().GetShape();
-    const std::vector<int64_t> gs = grid.GetTensorTypeAndShapeInfo().GetShape();
-    gsf::checkShapes(kName, xs, gs);
-    Ort::UnownedValue y = ctx.GetOutput(0, xs);
-    const int64_t N = xs[0], C = xs[1], H = xs[2], W = xs[3];
+    const gsf::SampleInputs s(ctx);
+    gsf::checkShapes(kName, s.xs, s.gs);
+    Ort::UnownedValue y = ctx.GetOutput(0, s.xs);
+    const int64_t N = s.xs[0], C = s.xs[1], H = s.xs[2], W = s.xs[3];
     if (N == 0 || C == 0 || H == 0 || W == 0) return;
-    const float* in = x.GetTensorData<float>();
-    const float* g = grid.GetTensorData<float>();
+    const float* in = s.x.GetTensorData<float>();
+    const float* g = s.grid.GetTensorData<float>();
     float* out = y.GetTensorMutableData<float>();
     const size_t bands = size_t((H + kBandRows - 1) / kBandRows);
     for (int64_t n = 0; n < N; ++n) {

@@ -85,6 +85,17 @@ struct FloatOp : Ort::CustomOpBase<FloatOp<Kernel>, Kernel, true> {
   ONNXTensorElementDataType GetOutputType(size_t) const { return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT; }
 };
 
+// A sampling node's two inputs, the image and the grid, with their shapes.
+struct SampleInputs {
+  Ort::ConstValue x, grid;
+  std::vector<int64_t> xs, gs;
+  explicit SampleInputs(Ort::KernelContext& ctx)
+      : x(ctx.GetInput(0)),
+        grid(ctx.GetInput(1)),
+        xs(x.GetTensorTypeAndShapeInfo().GetShape()),
+        gs(grid.GetTensorTypeAndShapeInfo().GetShape()) {}
+};
+
 // The kernels' ComputeV2: runs compute and turns exceptions into an ONNX Runtime status.
 template <typename Kernel>
 OrtStatusPtr computeStatus(Kernel& k, OrtKernelContext* context) noexcept {

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "le/le.h"
@@ -377,24 +378,18 @@ void Renderer::Impl::createSession(const std::string& ep) {
   const bool split = trySplit(ep, warpMoved, bytes, perFrame);
 
   // 8. Log lines.
-  if (gsCount)
-    std::fprintf(stderr,
-                 "[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: %zu "
-                 "node(s) (%s)\n",
-                 gsCount, member.c_str());
-  if (blendCount)
-    std::fprintf(stderr,
-                 "[le] L3 student blend MatMul -> Gemm load-time normalisation: %zu node(s) (%s) "
-                 "— a pre-2026-09-11 student; as MatMul this graph aborts Apple's MPSGraph "
-                 "compiler on every CoreML unit that includes the GPU\n",
-                 blendCount, member.c_str());
-  if (cubicCount)
-    std::fprintf(stderr,
-                 "[le] head cubic x2 -> Pad(edge,2)+Conv5x5(dw)+DepthToSpace(2,CRD) load-time "
-                 "rewrite: %zu node(s) (%s) — the same filter to fp32 round-off; ORT's cubic "
-                 "Resize kernel is the pole on every CPU-class EP and no CoreML/NNAPI EP can "
-                 "claim it\n",
-                 cubicCount, member.c_str());
+  const std::pair<size_t, const char*> rewrites[] = {
+      {gsCount, "[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: %zu node(s) (%s)\n"},
+      {blendCount,
+       "[le] L3 student blend MatMul -> Gemm load-time normalisation: %zu node(s) (%s) — a pre-2026-09-11 "
+       "student; as MatMul this graph aborts Apple's MPSGraph compiler on every CoreML unit that includes the "
+       "GPU\n"},
+      {cubicCount,
+       "[le] head cubic x2 -> Pad(edge,2)+Conv5x5(dw)+DepthToSpace(2,CRD) load-time rewrite: %zu node(s) (%s) — "
+       "the same filter to fp32 round-off; ORT's cubic Resize kernel is the pole on every CPU-class EP and no "
+       "CoreML/NNAPI EP can claim it\n"}};
+  for (const auto& [count, line] : rewrites)
+    if (count) std::fprintf(stderr, line, count, member.c_str());
   if (lipBound)
     std::fprintf(stderr,
                  "[le] compose alpha: LIP CONTOUR (%s) — Min(a, lip_delivery) bound at load, %d verts, "

@@ -183,23 +183,21 @@ struct WarpKernel {
   OrtStatusPtr ComputeV2(OrtKernelContext* context) { return gsf::computeStatus(*this, context); }
 
   void compute(Ort::KernelContext& ctx) {
-    Ort::ConstValue x = ctx.GetInput(0);
-    Ort::ConstValue grid = ctx.GetInput(1);
-    const std::vector<int64_t> xs = x.GetTensorTypeAndShapeInfo().GetShape();
-    const std::vector<int64_t> gs = grid.GetTensorTypeAndShapeInfo().GetShape();
+    const gsf::SampleInputs s(ctx);
+    const std::vector<int64_t>& xs = s.xs;
     if (xs.size() == 4 && xs[1] != 3)
       throw std::runtime_error(
           "com.vantorix::WarpDirector: this node warps the director's 3-channel source and the graph "
           "handed it C=" + std::to_string(xs[1]) + ". REFUSING rather than writing a frame nobody asked for.");
-    gsf::checkShapes(kName, xs, gs);
+    gsf::checkShapes(kName, xs, s.gs);
     const int64_t N = xs[0], H = xs[2], W = xs[3];
     Ort::UnownedValue y = ctx.GetOutput(0, {N, 3, H, W});
     if (N == 0 || H == 0 || W == 0) return;
     width = int32_t(W);
     height = int32_t(H);
     planes.resize(size_t(H) * size_t(W) * kWarpPlaneFloats);
-    const float* in = x.GetTensorData<float>();
-    const float* g = grid.GetTensorData<float>();
+    const float* in = s.x.GetTensorData<float>();
+    const float* g = s.grid.GetTensorData<float>();
     float* out = y.GetTensorMutableData<float>();
     const size_t bands = size_t((H + kBandRows - 1) / kBandRows);
     for (int64_t n = 0; n < N; ++n) {

@@ -350,15 +350,19 @@ void gsPutTensorValueInfo(std::vector<uint8_t>& out, uint32_t field, const std::
     }
     gsPutBytes(shape, onnxf::kShapeDim, dim);
   }
+  gsPutBytes(out, field, gsValueInfo(name, onnxf::kDataFloat, shape));
+}
+
+std::vector<uint8_t> gsValueInfo(const std::string& name, uint64_t elemType, const std::vector<uint8_t>& shape) {
   std::vector<uint8_t> tensor;
-  gsPutVarintField(tensor, onnxf::kTensorElemType, onnxf::kDataFloat);
+  gsPutVarintField(tensor, onnxf::kTensorElemType, elemType);
   gsPutBytes(tensor, onnxf::kTensorShape, shape);
   std::vector<uint8_t> type;
   gsPutBytes(type, onnxf::kTypeTensor, tensor);
   std::vector<uint8_t> vi;
   gsPutBytes(vi, onnxf::kValueInfoName, name);
   gsPutBytes(vi, onnxf::kValueInfoType, type);
-  gsPutBytes(out, field, vi);
+  return vi;
 }
 
 void hcNode(std::vector<uint8_t>& graph, const std::string& opType, const std::vector<std::string>& inputs,

@@ -116,6 +116,11 @@ struct GsGraphEdit {
   uint32_t addField = 0;  // 11 input, 12 output, 0 none
   // When set, initializers not named here are left out (ONNX Runtime warns about each unused one).
   const std::set<std::string>* keepInitializers = nullptr;
+
+  // Declares `name` (rank dims, null dims for named ones) as a graph input or output.
+  void declare(const std::string& name, const int64_t* dims, int rank, uint32_t field) {
+    addName = &name, addDims = dims, addRank = rank, addField = field;
+  }
 };
 
 // ONNX field numbers and constants used by the toolkit and its users.
@@ -179,6 +184,9 @@ void gsPutVarintField(std::vector<uint8_t>& out, uint32_t field, uint64_t value)
 // non-positive dimension k becomes dim_param "le_hoist_d<k>".
 void gsPutTensorValueInfo(std::vector<uint8_t>& out, uint32_t field, const std::string& name,
                           const int64_t* dims, int rank);
+// A ValueInfoProto payload: `name`, a tensor of element type elemType with the TensorShapeProto
+// payload `shape`.
+std::vector<uint8_t> gsValueInfo(const std::string& name, uint64_t elemType, const std::vector<uint8_t>& shape);
 // A default-domain NodeProto with one output, appended as graph node (1).
 void hcNode(std::vector<uint8_t>& graph, const std::string& opType, const std::vector<std::string>& inputs,
             const std::string& output, const std::string& name, const std::vector<uint8_t>& attrs);

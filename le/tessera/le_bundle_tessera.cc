@@ -6,8 +6,10 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "le/le.h"
 #include "le/le_bundle.h"
 #include "le/le_imx.h"
+#include "le/tessera/le_tessera.h"
 
 namespace le {
 
@@ -303,6 +305,15 @@ const std::string& TesseraCarriage::path(std::string_view key) const {
   const int i = tesseraSlotIndex(key);
   if (i < 0) fail("teeth: no such member slot '" + std::string(key) + "'");
   return paths[static_cast<size_t>(i)];
+}
+
+tessera::BankData TesseraAttachInputs::bankData() const {
+  const std::string track = readFile(bank_track_path);
+  tessera::BankData b;
+  b.band = tessera::decodeBankTrack(reinterpret_cast<const uint8_t*>(track.data()), track.size(), n_donors, band_h,
+                                    band_w, track_order);
+  b.cent = cent, b.c_canon = c_canon, b.aperture = aperture, b.stamp = stamp, b.n_donors = n_donors;
+  return b;
 }
 
 size_t TesseraAttachInputs::bandBytes() const {

@@ -18,6 +18,8 @@ struct Manifest;
 
 namespace tessera {
 
+struct BankData;
+
 namespace json {
 
 // One JSON value. Objects keep their members in document order, duplicates included; lookups
@@ -140,6 +142,8 @@ struct TesseraAttachInputs {
 
   // n_donors * band_h * band_w * 3
   size_t bandBytes() const;
+  // The teeth pass's bank: the bank track read and decoded, its patches in donor order.
+  tessera::BankData bankData() const;
 };
 
 // Never throws for a missing or unreadable manifest: the carriage is then undeclared.

@@ -10,6 +10,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "tools/forge/forge.h"
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -189,7 +191,7 @@ void writeJpegDir(const std::string& dir, int w, int h, int n) {
     char name[64];
     std::snprintf(name, sizeof name, "/frame_%06d.jpg", i);
     const auto rgb = patternRgb(w, h, i);
-    writeJpeg(dir + name, rgb.data(), w, h);
+    le::forge::writeJpeg(dir + name, rgb.data(), w, h, 92);
   }
 }
 

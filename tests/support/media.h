@@ -1,5 +1,5 @@
 // Real media for tests and benchmarks: movies encoded through libavcodec and JPEG stills
-// written with stb_image_write. Every frame carries its index as a row of black/white blocks
+// written by the forge. Every frame carries its index as a row of black/white blocks
 // so that a reader can tell which frame it got.
 #pragma once
 
@@ -36,15 +36,6 @@ std::vector<uint8_t> patternRgb(int w, int h, int index);
 
 // The index read back from the blocks of a packed RGB frame (w >= 64); -1 when unreadable.
 int frameTag(const uint8_t* rgb, int w);
-
-// JPEG still through stb_image_write.
-void writeJpeg(const std::string& path, const uint8_t* rgb, int w, int h, int quality = 92);
-
-// One-channel PNG through stb_image_write.
-void writeGreyPng(const std::string& path, const uint8_t* grey, int w, int h);
-
-// Packed RGB PNG through stb_image_write.
-void writeRgbPng(const std::string& path, const uint8_t* rgb, int w, int h);
 
 // Writes frame_%06d.jpg for frames 0 … n-1 into dir (created).
 void writeJpegDir(const std::string& dir, int w, int h, int n);

@@ -15,30 +15,34 @@
 namespace le::testmedia {
 
 le::forge::Params uttBundleParams(int width, int height, int crop, int nt) {
-  le::forge::Params p;
-  p.nt = nt;
-  p.frames = nt;
-  p.width = width;
-  p.height = height;
-  p.crop = crop;
+  le::forge::Params p = le::forge::sized(nt, width, height, crop, nt);
   p.directors = true;
   p.motion = true;
   return p;
 }
 
-SpeakingBundle::SpeakingBundle(const std::string& tag, le::forge::Params p) : dir(tag) {
+OpenBundle::OpenBundle(const std::string& tag, le::forge::Params p) : dir(tag), params(std::move(p)) {
+  path = le::forge::forgeBundle(dir / "b", params).dir;
+  ctx = le_create(path.c_str(), "b1", 2, nullptr);
+  if (!ctx) throw std::runtime_error(le_last_error());
+}
+
+OpenBundle::~OpenBundle() { le_destroy(ctx); }
+
+size_t OpenBundle::frameBytes() const { return size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3; }
+
+namespace {
+le::forge::Params withAudio(le::forge::Params p) {
   auto audio = le::forge::audioMembers(p, {});
   p.extraMembers.insert(p.extraMembers.begin(), std::make_move_iterator(audio.begin()),
                         std::make_move_iterator(audio.end()));
-  path = le::forge::forgeBundle(dir / "b", p).dir;
-  ctx = le_create(path.c_str(), "b1", 2, nullptr);
-  if (!ctx) throw std::runtime_error(le_last_error());
-  w2v_ = std::make_unique<ScopedEnv>("W2V_ONNX", (path + "/" + le::forge::kW2vMember).c_str());
+  return p;
 }
+}  // namespace
 
-SpeakingBundle::~SpeakingBundle() { le_destroy(ctx); }
-
-size_t SpeakingBundle::frameBytes() const { return size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3; }
+SpeakingBundle::SpeakingBundle(const std::string& tag, le::forge::Params p)
+    : OpenBundle(tag, withAudio(std::move(p))),
+      w2v_(std::make_unique<ScopedEnv>("W2V_ONNX", (path + "/" + le::forge::kW2vMember).c_str())) {}
 
 const std::vector<int16_t>& sayAhClip() {
   static const std::vector<int16_t> c = speak16kPcm(kSanitized ? "Say ah." : "Open wide and say ah.");

@@ -23,18 +23,25 @@ inline constexpr bool kSanitized = true;
 inline constexpr bool kSanitized = false;
 #endif
 
-// A forged speaking bundle in a scratch directory: p (from uttBundleParams) with the
-// audio-to-expression members added beside the motion directory, W2V_ONNX pointing at them while
-// it lives, opened with director b1 on 2 threads.
-struct SpeakingBundle {
+// A bundle forged from params into a scratch directory ("b" in it), opened with director b1 on
+// 2 threads.
+struct OpenBundle {
   le::testing::ScratchDir dir;
+  le::forge::Params params;
   std::string path;
   le_ctx* ctx = nullptr;
-  SpeakingBundle(const std::string& tag, le::forge::Params p);
-  ~SpeakingBundle();
-  SpeakingBundle(const SpeakingBundle&) = delete;
-  SpeakingBundle& operator=(const SpeakingBundle&) = delete;
+  OpenBundle(const std::string& tag, le::forge::Params p);
+  ~OpenBundle();
+  OpenBundle(const OpenBundle&) = delete;
+  OpenBundle& operator=(const OpenBundle&) = delete;
   size_t frameBytes() const;
+  int nt() const { return params.nt; }
+};
+
+// A speaking bundle: p (from uttBundleParams) with the audio-to-expression members added beside
+// the motion directory, W2V_ONNX pointing at them while it lives.
+struct SpeakingBundle : OpenBundle {
+  SpeakingBundle(const std::string& tag, le::forge::Params p);
 
  private:
   std::unique_ptr<ScopedEnv> w2v_;

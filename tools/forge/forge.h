@@ -116,6 +116,13 @@ struct Params {
   bool has(Break b) const;
 };
 
+// Params of the given geometry, everything else at its default.
+inline Params sized(int nt, int width, int height, int crop, int frames) {
+  Params p;
+  p.nt = nt, p.width = width, p.height = height, p.crop = crop, p.frames = frames;
+  return p;
+}
+
 struct Result {
   std::string dir;
   std::vector<std::string> members;  // relative names written, in writing order

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 
 #include "le/render/onnx_bytes.h"
@@ -47,15 +48,7 @@ std::vector<uint8_t> encodeValueInfo(const std::string& name, const Shape& shape
     else if (d.value >= 0) gsPutVarintField(dim, of::kDimValue, uint64_t(d.value));
     gsPutBytes(shp, of::kShapeDim, dim);
   }
-  std::vector<uint8_t> tensor;
-  gsPutVarintField(tensor, of::kTensorElemType, uint64_t(type));
-  gsPutBytes(tensor, of::kTensorShape, shp);
-  std::vector<uint8_t> tp;
-  gsPutBytes(tp, of::kTypeTensor, tensor);
-  std::vector<uint8_t> vi;
-  gsPutBytes(vi, of::kValueInfoName, name);
-  gsPutBytes(vi, of::kValueInfoType, tp);
-  return vi;
+  return le::gsValueInfo(name, uint64_t(type), shp);
 }
 
 }  // namespace
@@ -318,31 +311,42 @@ std::string addStandardWarpBlock(OnnxBuilder& b, const std::string& src, const s
   return node("rxy", "Add", {out, node("rxy", "Mul", {axy, Fxxyy})});
 }
 
-std::vector<uint8_t> gridSampleModel(bool fast, int64_t N, int64_t C, int64_t H, int64_t W) {
-  OnnxBuilder b(fast ? "gridsample_fast" : "gridsample", 16);
-  b.input("X", {N, C, H, W}).input("grid", {N, H, W, 2});
-  if (fast) {
+namespace {
+
+// A model over an image [N, C, H, W] and a grid [N, H, W, 2] giving `out` of outShape: one node
+// of the engine's custom operator `op` (named `nodeName`) when op is set, else what `standard` adds.
+std::vector<uint8_t> samplerModel(const std::string& name, const std::string& image, const std::string& out,
+                                  const Shape& outShape, const char* op, const char* nodeName, int64_t N,
+                                  int64_t C, int64_t H, int64_t W,
+                                  const std::function<void(OnnxBuilder&)>& standard) {
+  OnnxBuilder b(name, 16);
+  b.input(image, {N, C, H, W}).input("grid", {N, H, W, 2});
+  if (op) {
     b.opset("com.vantorix", 1);
-    b.node("GridSampleFast", {"X", "grid"}, {"Y"}, {}, "gsf", "com.vantorix");
+    b.node(op, {image, "grid"}, {out}, {}, nodeName, "com.vantorix");
   } else {
-    b.node("GridSample", {"X", "grid"}, {"Y"},
-           {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border"), Attr::i("align_corners", 0)});
+    standard(b);
   }
-  b.output("Y", {N, C, H, W});
+  b.output(out, outShape);
   return b.build();
 }
 
+}  // namespace
+
+std::vector<uint8_t> gridSampleModel(bool fast, int64_t N, int64_t C, int64_t H, int64_t W) {
+  return samplerModel(fast ? "gridsample_fast" : "gridsample", "X", "Y", {N, C, H, W},
+                      fast ? "GridSampleFast" : nullptr, "gsf", N, C, H, W, [](OnnxBuilder& b) {
+                        b.node("GridSample", {"X", "grid"}, {"Y"},
+                               {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border"),
+                                Attr::i("align_corners", 0)});
+                      });
+}
+
 std::vector<uint8_t> warpModel(bool fused, int64_t N, int64_t C, int64_t H, int64_t W) {
-  OnnxBuilder b(fused ? "warp_fused" : "warp_standard", 16);
-  b.input("P_rgb", {N, C, H, W}).input("grid", {N, H, W, 2});
-  if (fused) {
-    b.opset("com.vantorix", 1);
-    b.node("WarpDirector", {"P_rgb", "grid"}, {"warped"}, {}, "le_warp_director", "com.vantorix");
-  } else {
-    b.op("Identity", {addStandardWarpBlock(b, "P_rgb", "grid", H, W)}, {}, "", "warped");
-  }
-  b.output("warped", {N, 3, H, W});
-  return b.build();
+  return samplerModel(fused ? "warp_fused" : "warp_standard", "P_rgb", "warped", {N, 3, H, W},
+                      fused ? "WarpDirector" : nullptr, "le_warp_director", N, C, H, W, [&](OnnxBuilder& b) {
+                        b.op("Identity", {addStandardWarpBlock(b, "P_rgb", "grid", H, W)}, {}, "", "warped");
+                      });
 }
 
 void OnnxBuilder::save(const std::string& path) const { writeModelBytes(path, build()); }

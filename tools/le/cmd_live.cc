@@ -49,8 +49,6 @@ const char kHelp[] =
     "\n"
     "W2V_ONNX, when unset, names the bundle's own speech encoder.\n";
 
-using Clock = std::chrono::steady_clock;
-constexpr auto kFrameTime = std::chrono::milliseconds(40);
 
 std::atomic<bool> gStop{false};
 extern "C" void onSignal(int) { gStop = true; }

@@ -56,8 +56,6 @@ const char kHelp[] =
     "\n"
     "W2V_ONNX, when unset, names the bundle's own speech encoder.\n";
 
-using Clock = std::chrono::steady_clock;
-constexpr auto kFrameTime = std::chrono::milliseconds(40);
 constexpr auto kStall = std::chrono::seconds(30);
 
 // Encodes on its own thread so that a slow encoder does not delay the host's pulls.

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "le/le_bundle.h"
+
 namespace le::cli {
 
 std::string engineError() {
@@ -85,23 +87,6 @@ struct MembersDeleter {
   void operator()(le_tessera_members* m) const { le_tessera_members_close(m); }
 };
 
-std::vector<uint8_t> readWhole(const std::string& path) {
-  std::FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) throw std::runtime_error("cannot open " + path);
-  std::vector<uint8_t> bytes;
-  uint8_t buf[1 << 16];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) bytes.insert(bytes.end(), buf, buf + n);
-  const bool failed = std::ferror(f) != 0;
-  std::fclose(f);
-  if (failed) throw std::runtime_error("cannot read " + path);
-  return bytes;
-}
-
-}  // namespace
-
-namespace {
-
 void attachOrThrow(le_utt* utt, const std::string& bundle, bool chatty);
 
 }  // namespace
@@ -134,12 +119,12 @@ void attachOrThrow(le_utt* utt, const std::string& bundle, bool chatty) {
   std::unique_ptr<le_tessera_members, MembersDeleter> m(le_tessera_members_open(bundle.c_str(), err, sizeof err));
   if (!m) throw std::runtime_error(err);
   const int n = le_tessera_members_n_donors(m.get());
-  const std::vector<uint8_t> track = readWhole(le_tessera_members_bank_track_path(m.get()));
+  const std::string track = le::readFile(le_tessera_members_bank_track_path(m.get()));
   std::vector<int32_t> inTrackOrder(static_cast<size_t>(n));
   for (int i = 0; i < n; ++i) inTrackOrder[static_cast<size_t>(i)] = i;
-  const std::vector<uint8_t> decoded =
-      le::tessera::decodeBankTrack(track.data(), track.size(), n, le_tessera_members_band_h(m.get()),
-                                   le_tessera_members_band_w(m.get()), inTrackOrder);
+  const std::vector<uint8_t> decoded = le::tessera::decodeBankTrack(
+      reinterpret_cast<const uint8_t*>(track.data()), track.size(), n, le_tessera_members_band_h(m.get()),
+      le_tessera_members_band_w(m.get()), inTrackOrder);
   std::vector<uint8_t> donors(decoded.size());
   if (le_tessera_members_reorder(m.get(), decoded.data(), donors.data(), err, sizeof err) != 0)
     throw std::runtime_error(err);

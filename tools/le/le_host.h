@@ -2,6 +2,7 @@
 // tool's H.264 output settings.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -10,6 +11,10 @@
 #include "tools/forge/forge_movie.h"
 
 namespace le::cli {
+
+using Clock = std::chrono::steady_clock;
+// The hosts play at 25 frames a second.
+constexpr auto kFrameTime = std::chrono::milliseconds(40);
 
 struct CtxDeleter {
   void operator()(le_ctx* c) const { le_destroy(c); }

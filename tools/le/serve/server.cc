@@ -36,13 +36,13 @@ namespace http = beast::http;
 namespace websocket = beast::websocket;
 namespace net = boost::asio;
 using tcp = net::ip::tcp;
-using Clock = std::chrono::steady_clock;
+using cli::Clock;
 using cli::CtxPtr;
+using cli::kFrameTime;
 using cli::UttPtr;
 
 namespace {
 
-constexpr auto kFrameTime = std::chrono::milliseconds(40);
 // Frames a page may have in flight before idle frames are skipped for it, and before it is
 // dropped as unable to keep up.
 constexpr size_t kSkipIdleAt = 3, kGiveUpAt = 100;
