@@ -44,6 +44,21 @@ R guard(Family f, const char* fn, R fail, Body&& body) noexcept {
   return fail;
 }
 
+// The borrow functions' guard: a standard exception's text (after prefix) or `unknown` copied
+// into (buf, cap), and fail returned.
+template <class R, class Body>
+R guardCopy(char* buf, size_t cap, const char* unknown, R fail, Body&& body, const char* prefix = "") noexcept {
+  try {
+    return body();
+  } catch (const std::exception& e) {
+    if (*prefix) copyOut(buf, cap, std::string(prefix) + e.what());
+    else copyOut(buf, cap, e.what());
+  } catch (...) {
+    copyOut(buf, cap, unknown);
+  }
+  return fail;
+}
+
 }  // namespace le::err
 
 // Argument check at the flat boundary: stores the fixed message and returns ret.

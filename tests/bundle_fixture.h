@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <memory>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "le/le_bundle.h"
 #include "le/le_imx.h"
 
 namespace le::testing {
@@ -33,6 +35,14 @@ class ScratchDir {
 
  private:
   std::string path_;
+};
+
+// A bundle directory's manifest and identity, loaded.
+struct Loaded {
+  Manifest manifest;
+  std::unique_ptr<Identity> identity;
+  explicit Loaded(const std::string& dir)
+      : manifest(loadManifest(dir)), identity(std::make_unique<Identity>(manifest)) {}
 };
 
 // Writes bytes to path, creating its parent directories.

@@ -254,9 +254,7 @@ TEST(Context, ConstructionFailuresUndoThemselves) {
 TEST(Prior, ReadsRowsOfTheVideoPrior) {
   ScratchDir dir("capi");
   le::forge::Params p;
-  p.nt = 6;
-  p.crop = 64;
-  p.prior = le::forge::Prior::Hevc;
+  p.nt = 6, p.crop = 64, p.prior = le::forge::Prior::Hevc;
   const std::string b = forged(dir, "hevc", p);
 
   EXPECT_EQ(le_prior_open(nullptr, 2, 0), nullptr);

@@ -115,14 +115,12 @@ TEST(ConvBackend, NotAvailableHereAndTheRendererSaysSo) {
   le::testing::ScratchDir dir("conv_backend_bundle");
   le::forge::Params p = le::forge::sized(2, 96, 80, 64, 2);
   p.directors = true;
-  le::forge::forgeBundle(dir.path() + "/b", p);
-  const le::Manifest m = le::loadManifest(dir.path() + "/b");
-  const le::Identity id(m);
+  const le::testing::Loaded b(le::forge::forgeBundle(dir / "b", p).dir);
   const std::string unavailable = "[le] fp16 NEON backend requested but unavailable on this build/CPU; using ORT\n";
   for (const char* value : {"neon", "NEON", "neon2"}) {
     le::testmedia::ScopedEnv env("LE_CONV_BACKEND", value);
     ::testing::internal::CaptureStderr();
-    le::Renderer r(m, id, "b1", 1, "");
+    le::Renderer r(b.manifest, *b.identity, "b1", 1, "");
     const std::string err = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(err.find(unavailable) != std::string::npos, std::string(value) == "neon") << value;
     EXPECT_STREQ(r.backend(), "ort");

@@ -378,9 +378,7 @@ TEST(DriverCursor, AProducerFailureWakesEveryWaitingReader) {
 TEST(DriverCursor, MovieFramesThroughTheCursorEqualSequentialDecode) {
   const le::testing::ScratchDir tmp("cursor_movie");
   const std::string path = tmp / "drive.mp4";
-  media::MovieSpec spec;
-  spec.w = 96, spec.h = 64, spec.frames = 24, spec.gop = 8;
-  media::writeMovie(path, spec);
+  media::writeMovie(path, media::movieSpec(96, 64, 24, 8));
   std::vector<std::vector<uint8_t>> ref;
   {
     auto src = le::driver::openMp4(path, 24, 96, 64);
@@ -442,9 +440,7 @@ struct Bundle {
     m = le::loadManifest(dir);
   }
   void movie(const std::string& member, int frames = -1) const {
-    media::MovieSpec spec;
-    spec.w = m.W, spec.h = m.H, spec.frames = frames < 0 ? m.NT : frames;
-    media::writeMovie(dir + "/" + member, spec);
+    media::writeMovie(dir + "/" + member, media::movieSpec(m.W, m.H, frames < 0 ? m.NT : frames));
   }
   void stills(const std::string& sub) const { media::writeJpegDir(dir + "/" + sub, m.W, m.H, m.NT); }
   void prior(const std::string& member) const {
@@ -530,9 +526,7 @@ TEST(DriverCursorOpen, ChoosesBetweenStillsAndMovie) {
   {
     // a movie of the wrong size propagates the source's refusal
     Bundle b("open_wrong", "");
-    media::MovieSpec spec;
-    spec.w = 96, spec.h = 48, spec.frames = 6;
-    media::writeMovie(b.dir + "/target_frames.mp4", spec);
+    media::writeMovie(b.dir + "/target_frames.mp4", media::movieSpec(96, 48, 6));
     EXPECT_EQ(openDrive(b), "THROW le_driver: " + b.dir +
                                 "/target_frames.mp4 is 96x48, the manifest says 80x48 — refusing to rescale the driver");
   }

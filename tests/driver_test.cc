@@ -60,9 +60,7 @@ std::vector<uint8_t> readAll(le::driver::Source& s) {
 TEST(MovieSource, MatchesFfmpegDecodeThroughTheFormulaAndSeeks) {
   const le::testing::ScratchDir tmp("movie_source");
   const std::string path = tmp / "drive.mp4";
-  media::MovieSpec spec;
-  spec.w = 96, spec.h = 64, spec.frames = 30, spec.gop = 10;
-  media::writeMovie(path, spec);
+  media::writeMovie(path, media::movieSpec(96, 64, 30, 10));
   const std::vector<uint8_t> yuv = ffmpegDecode(path, "yuv420p");
   const size_t yuvFrame = 96 * 64 * 3 / 2, rgbFrame = 96 * 64 * 3;
   ASSERT_EQ(yuv.size(), yuvFrame * 30);

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "le/le_bundle.h"
@@ -104,10 +105,7 @@ Decoded decode(const std::string& path) {
             const int Y = fr->data[0][y * fr->linesize[0] + x];
             const int U = fr->data[1][(y >> cy) * fr->linesize[1] + (x >> cx)];
             const int V = fr->data[2][(y >> cy) * fr->linesize[2] + (x >> cx)];
-            const int L = 298 * (Y - 16) + 128, D = U - 128, E = V - 128;
-            auto c = [](int v) { return static_cast<uint8_t>(std::min(255, std::max(0, v >> 8))); };
-            uint8_t* o = &d.rgb0[(static_cast<size_t>(y) * fr->width + x) * 3];
-            o[0] = c(L + 409 * E), o[1] = c(L - 100 * D - 208 * E), o[2] = c(L + 516 * D);
+            le::testmedia::yuvToRgbRef(Y, U, V, &d.rgb0[(static_cast<size_t>(y) * fr->width + x) * 3]);
           }
       }
       ++d.frames;
@@ -233,21 +231,12 @@ TEST(Forge, MoviesDecodeAsTheEngineExpects) {
   EXPECT_NE(text(dir + "/manifest.json").find("\"P_hevc\": \"P_hevc.mov\""), std::string::npos);
   EXPECT_FALSE(fs::exists(dir + "/target_frames"));
 
-  const Decoded drive = decode(dir + "/target_frames.mp4");
-  EXPECT_EQ(drive.codec, "h264");
-  EXPECT_EQ(drive.pixfmt, "yuv420p");
-  EXPECT_EQ(drive.width, p.width);
-  EXPECT_EQ(drive.height, p.height);
-  EXPECT_EQ(drive.frames, p.nt);
+  const Decoded drive = decode(dir + "/target_frames.mp4"), prior = decode(dir + "/P_hevc.mov");
+  auto facts = [](const Decoded& d) { return std::make_tuple(d.codec, d.pixfmt, d.width, d.height, d.frames); };
+  EXPECT_EQ(facts(drive), std::make_tuple(std::string("h264"), std::string("yuv420p"), p.width, p.height, p.nt));
   EXPECT_EQ(drive.declared, p.nt);
   EXPECT_LT(meanAbsDiff(drive.rgb0, driveFrame(p, 0)), 4.0);
-
-  const Decoded prior = decode(dir + "/P_hevc.mov");
-  EXPECT_EQ(prior.codec, "hevc");
-  EXPECT_EQ(prior.pixfmt, "yuv444p");
-  EXPECT_EQ(prior.width, p.crop);
-  EXPECT_EQ(prior.height, p.crop);
-  EXPECT_EQ(prior.frames, p.nt);
+  EXPECT_EQ(facts(prior), std::make_tuple(std::string("hevc"), std::string("yuv444p"), p.crop, p.crop, p.nt));
   EXPECT_LT(meanAbsDiff(prior.rgb0, cropImage(p, 0)), 2.0);
 }
 

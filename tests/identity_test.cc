@@ -231,9 +231,7 @@ TEST(Drive, LoadsAndValidates) {
 TEST(Identity, VideoPriorThroughThePriorCursor) {
   ScratchDir dir("identity");
   le::forge::Params p;
-  p.nt = 5;
-  p.crop = 32;
-  p.prior = le::forge::Prior::Hevc;
+  p.nt = 5, p.crop = 32, p.prior = le::forge::Prior::Hevc;
   le::forge::forgeBundle(dir / "b", p);
   const le::Manifest m = le::loadManifest(dir / "b");
   ASSERT_EQ(std::remove((dir / "b/manifest.json").c_str()), 0);

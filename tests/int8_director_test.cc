@@ -20,15 +20,13 @@ TEST(Int8Director, CropsMatchTheFloatDirector) {
   le::testing::ScratchDir dir("int8_director");
   le::forge::Params p = le::forge::sized(3, 192, 160, 128, 3);
   p.directors = true;
-  le::forge::forgeBundle(dir.path() + "/b", p);
-  const le::Manifest m = le::loadManifest(dir.path() + "/b");
-  const le::Identity id(m);
+  const le::testing::Loaded b(le::forge::forgeBundle(dir / "b", p).dir);
 
   // One intra-op thread: ONNX Runtime's own workers are not instrumented for the race checker;
   // the operator's rows still spread over the engine's pool.
   ::testing::internal::CaptureStderr();
-  le::Renderer ref(m, id, "b1_heavy", 1, "");
-  le::Renderer q(m, id, "b1_int8", 1, "");
+  le::Renderer ref(b.manifest, *b.identity, "b1_heavy", 1, "");
+  le::Renderer q(b.manifest, *b.identity, "b1_int8", 1, "");
   const std::string log = ::testing::internal::GetCapturedStderr();
   // The int8 graph keeps the Conv the cubic rewrite keys on: both sessions get the rewrite.
   size_t cubic = 0;

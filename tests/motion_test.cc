@@ -269,13 +269,7 @@ TEST(Motion, ChunksAndEmissionMatchPlainLoops) {
   const std::vector<float> cond = readFloats(d / "cond.bin"), fin = readFloats(d / "final.bin");
   ASSERT_EQ(cond.size(), static_cast<size_t>(total) * 1103);
   const std::vector<float> ch = readFloats(dir + "/ch_xs_info.bin"), vmm = readFloats(dir + "/v_min_max.bin");
-  std::vector<float> init(265);
-  init[0] = ch[258] - 1;
-  std::copy(ch.begin() + 126, ch.begin() + 192, init.begin() + 1);
-  std::copy(ch.begin() + 262, ch.begin() + 328, init.begin() + 67);
-  std::copy(ch.begin() + 192, ch.begin() + 258, init.begin() + 133);
-  std::copy(ch.begin() + 259, ch.begin() + 262, init.begin() + 199);
-  std::copy(ch.begin(), ch.begin() + 63, init.begin() + 202);
+  const std::vector<float> init = le::forge::initialState(ch);
   Ort::Session gen = le::test::ortSession(bytesOfFile(dir + "/lmdm.onnx"));
   std::vector<std::vector<float>> seq;
   std::vector<float> state = init;

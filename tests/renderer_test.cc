@@ -102,12 +102,7 @@ std::vector<uint8_t> arithmeticDirector(int crop, const Shape& batchShape, const
   return b.build();
 }
 
-struct Loaded {
-  le::Manifest manifest;
-  std::unique_ptr<le::Identity> identity;
-  explicit Loaded(const std::string& dir)
-      : manifest(le::loadManifest(dir)), identity(std::make_unique<le::Identity>(manifest)) {}
-};
+using le::testing::Loaded;
 
 std::string refusal(const std::function<void()>& fn) {
   try {

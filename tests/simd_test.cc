@@ -14,6 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/media.h"
+#include "tests/tessera_reference.h"
+
 namespace {
 
 uint32_t bitsOf(float f) {
@@ -89,39 +92,19 @@ float refExactRange(const uint16_t* a, const uint16_t* b, const float* w, size_t
   return total;
 }
 
+// Output planes (image, channel) begin .. end-1 of the plain-loop convolution; the rest untouched.
 void refConv(const std::vector<float>& in, int N, int Cin, int H, int W, const std::vector<float>& wt,
              const std::vector<float>& bias, int Cout, std::vector<float>& out, int begin, int end) {
-  (void)N;
-  for (int k = begin; k < end; ++k) {
-    const int n = k / Cout, oc = k % Cout;
-    for (int y = 0; y < H; ++y)
-      for (int x = 0; x < W; ++x) {
-        float acc = 0.0f;
-        for (int ky = 0; ky < 3; ++ky) {
-          const int yy = y + ky - 1;
-          if (yy < 0 || yy >= H) continue;
-          for (int kx = 0; kx < 3; ++kx)
-            for (int ci = 0; ci < Cin; ++ci) {
-              const int xx = x + kx - 1;
-              const float v = (xx >= 0 && xx < W) ? in[((static_cast<size_t>(n) * Cin + ci) * H + yy) * W + xx] : 0.0f;
-              acc = acc + wt[((static_cast<size_t>(oc) * Cin + ci) * 3 + ky) * 3 + kx] * v;
-            }
-        }
-        out[((static_cast<size_t>(n) * Cout + oc) * H + y) * W + x] = acc + bias[oc];
-      }
+  const size_t plane = size_t(H) * W;
+  for (int n = 0; n < N; ++n) {
+    const std::vector<float> y = le::testref::conv3x3(in.data() + n * Cin * plane, Cin, H, W, wt, bias, Cout, false);
+    for (int k = std::max(begin, n * Cout); k < std::min(end, (n + 1) * Cout); ++k)
+      std::copy_n(y.data() + (k - n * Cout) * plane, plane, out.data() + k * plane);
   }
 }
 
-uint8_t refClamp(int v) { return static_cast<uint8_t>(std::min(255, std::max(0, v))); }
-
 void refYuvRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, int width, int step, uint8_t* rgb) {
-  for (int x = 0; x < width; ++x) {
-    const int c = (x >> 1) * step;
-    const int L = 298 * (y[x] - 16) + 128, D = u[c] - 128, E = v[c] - 128;
-    rgb[3 * x] = refClamp((L + 409 * E) >> 8);
-    rgb[3 * x + 1] = refClamp((L - 100 * D - 208 * E) >> 8);
-    rgb[3 * x + 2] = refClamp((L + 516 * D) >> 8);
-  }
+  for (int x = 0; x < width; ++x) le::testmedia::yuvToRgbRef(y[x], u[(x >> 1) * step], v[(x >> 1) * step], rgb + 3 * x);
 }
 
 struct PasteArgs {

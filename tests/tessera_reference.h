@@ -33,6 +33,30 @@ struct RefResult {
   int candidates = 0;
 };
 
+// Same-size 3x3 convolution, zero padding: ky, kx, then ci, products and sums apart.
+inline std::vector<float> conv3x3(const float* x, int cin, int H, int W, const std::vector<float>& wt,
+                                  const std::vector<float>& bias, int cout, bool relu) {
+  std::vector<float> y(static_cast<size_t>(cout) * H * W);
+  for (int oc = 0; oc < cout; ++oc)
+    for (int r = 0; r < H; ++r)
+      for (int c = 0; c < W; ++c) {
+        float acc = 0.0f;
+        for (int ky = 0; ky < 3; ++ky) {
+          const int yy = r + ky - 1;
+          if (yy < 0 || yy >= H) continue;
+          for (int kx = 0; kx < 3; ++kx)
+            for (int ci = 0; ci < cin; ++ci) {
+              const int xx = c + kx - 1;
+              const float v = xx >= 0 && xx < W ? x[(static_cast<size_t>(ci) * H + yy) * W + xx] : 0.0f;
+              acc = acc + wt[((oc * cin + ci) * 3 + ky) * 3 + kx] * v;
+            }
+        }
+        const float o = acc + bias[oc];
+        y[(static_cast<size_t>(oc) * H + r) * W + c] = relu ? std::max(o, 0.0f) : o;
+      }
+  return y;
+}
+
 class RefPass {
  public:
   RefPass(const le::tessera::BankData& b, const le::tessera::HeadWeights& h, const le::tessera::ServeConfig& c)
@@ -225,28 +249,9 @@ class RefPass {
 
   static bool in(const std::vector<int>& v, int x) { return std::find(v.begin(), v.end(), x) != v.end(); }
 
-  // Same-size 3x3 convolution, zero padding: ky, kx, then ci, products and sums apart.
   static std::vector<float> conv(const std::vector<float>& x, int cin, int H, int W, const std::vector<float>& wt,
                                  const std::vector<float>& bias, int cout, bool relu) {
-    std::vector<float> y(static_cast<size_t>(cout) * H * W);
-    for (int oc = 0; oc < cout; ++oc)
-      for (int r = 0; r < H; ++r)
-        for (int c = 0; c < W; ++c) {
-          float acc = 0.0f;
-          for (int ky = 0; ky < 3; ++ky) {
-            const int yy = r + ky - 1;
-            if (yy < 0 || yy >= H) continue;
-            for (int kx = 0; kx < 3; ++kx)
-              for (int ci = 0; ci < cin; ++ci) {
-                const int xx = c + kx - 1;
-                const float v = xx >= 0 && xx < W ? x[(static_cast<size_t>(ci) * H + yy) * W + xx] : 0.0f;
-                acc = acc + wt[((oc * cin + ci) * 3 + ky) * 3 + kx] * v;
-              }
-          }
-          const float o = acc + bias[oc];
-          y[(static_cast<size_t>(oc) * H + r) * W + c] = relu ? std::max(o, 0.0f) : o;
-        }
-    return y;
+    return conv3x3(x.data(), cin, H, W, wt, bias, cout, relu);
   }
 
   void emit(const Pend& p, const std::vector<int>* next, RefResult& out) {

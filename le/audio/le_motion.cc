@@ -17,12 +17,11 @@
 #include "le/le_error.h"
 #include "le/le_pool.h"
 #include "le/render/le_ort.h"
+#include "le/le_util.h"
 
 namespace le::motion {
 
 namespace {
-
-[[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
 
 // ---------------------------------------------------------------------------------------------
 // Members

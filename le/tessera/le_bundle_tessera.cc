@@ -10,12 +10,11 @@
 #include "le/le_bundle.h"
 #include "le/le_imx.h"
 #include "le/tessera/le_tessera.h"
+#include "le/le_util.h"
 
 namespace le {
 
 namespace {
-
-[[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
 
 }  // namespace
 

@@ -157,15 +157,10 @@ int le_tessera_members_reorder(const le_tessera_members* h, const uint8_t* track
     copyErr(err, err_cap, "le_tessera_members_reorder: null argument");
     return 1;
   }
-  try {
+  return le::err::guardCopy(err, err_cap, "le_tessera_members_reorder: unknown failure", 1, [&] {
     le::reorderTrackToDonor(h->in, track_bytes, donor_bytes);
     return 0;
-  } catch (const std::exception& e) {
-    copyErr(err, err_cap, e.what());
-  } catch (...) {
-    copyErr(err, err_cap, "le_tessera_members_reorder: unknown failure");
-  }
-  return 1;
+  });
 }
 
 }  // extern "C"

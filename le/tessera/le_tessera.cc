@@ -11,12 +11,11 @@
 #include "le/le_pool.h"
 #include "le/le_simd.h"
 #include "le/tessera/le_tessera_pi.h"
+#include "le/le_util.h"
 
 namespace le::tessera {
 
 namespace {
-
-[[noreturn]] void fail(const std::string& msg) { throw std::runtime_error(msg); }
 
 using Clock = std::chrono::steady_clock;
 double since(Clock::time_point t0) { return std::chrono::duration<double>(Clock::now() - t0).count(); }

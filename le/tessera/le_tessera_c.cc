@@ -95,18 +95,16 @@ int le_utt_tessera_attach(le_utt* utt, const uint8_t* band, int n_donors, const 
     copyOut(err, err_cap, "le_utt_tessera_attach: n_donors <= 0");
     return 1;
   }
-  try {
-    std::string which;
-    auto pass = buildAttachment(*utt, band, n_donors, cent, c_canon, aperture, stamp, head_pt, head_len, head_json,
-                                manifest_json, which);
-    le::utt::attachBorrow(*utt, std::move(pass), which);
-    return 0;
-  } catch (const std::exception& e) {
-    copyOut(err, err_cap, std::string("le_utt_tessera_attach: ") + e.what());
-  } catch (...) {
-    copyOut(err, err_cap, "le_utt_tessera_attach: unknown failure");
-  }
-  return 1;
+  return le::err::guardCopy(
+      err, err_cap, "le_utt_tessera_attach: unknown failure", 1,
+      [&] {
+        std::string which;
+        auto pass = buildAttachment(*utt, band, n_donors, cent, c_canon, aperture, stamp, head_pt, head_len,
+                                    head_json, manifest_json, which);
+        le::utt::attachBorrow(*utt, std::move(pass), which);
+        return 0;
+      },
+      "le_utt_tessera_attach: ");
 }
 
 int le_utt_tessera_stats(le_utt* utt, uint64_t* written, uint64_t* skipped, char* reason, size_t reason_cap) {
@@ -153,7 +151,7 @@ int le_tessera_run_shift(const uint8_t* band, int n_donors, const double* cent, 
                          const char* head_json, const uint8_t* crops, const uint8_t* masks, const int32_t* shifts,
                          int n_frames, uint8_t* out_windows, uint32_t* out_flags, char* err, size_t err_cap) {
   copyOut(err, err_cap, "");
-  try {
+  return le::err::guardCopy(err, err_cap, "teeth: unknown failure", 1, [&] {
     if (!band || !cent || !c_canon || !aperture || !stamp || !head_pt || !head_json ||
         (n_frames > 0 && (!crops || !masks || !out_windows || !out_flags)))
       throw std::runtime_error("teeth: a required argument is null");
@@ -182,12 +180,7 @@ int le_tessera_run_shift(const uint8_t* band, int n_donors, const double* cent, 
       throw std::runtime_error("teeth: emitted " + std::to_string(results) + " of " + std::to_string(n_frames) +
                                " frames");
     return 0;
-  } catch (const std::exception& e) {
-    copyOut(err, err_cap, e.what());
-  } catch (...) {
-    copyOut(err, err_cap, "teeth: unknown failure");
-  }
-  return 1;
+  });
 }
 
 int le_tessera_run(const uint8_t* band, int n_donors, const double* cent, const double* c_canon,

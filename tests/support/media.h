@@ -20,6 +20,13 @@ struct MovieSpec {
   int gop = 12;  // keyframe interval
 };
 
+// The default spec with the frame size and count, and the keyframe interval, set.
+inline MovieSpec movieSpec(int w, int h, int frames, int gop = 12) {
+  MovieSpec s;
+  s.w = w, s.h = h, s.frames = frames, s.gop = gop;
+  return s;
+}
+
 // Writes the samples of frame `index` into data/linesize (planes as the pixel format lays them).
 using FillFn = std::function<void(int index, uint8_t* const* data, const int* linesize, int w, int h)>;
 

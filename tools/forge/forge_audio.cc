@@ -205,14 +205,6 @@ std::vector<uint8_t> streamDecoder() {
     wc[size_t(0) * kH + k] = -1.0f;
   }
   for (int k = kBands + 1; k < kH; ++k) wc[size_t(k) * kH + k] = 0.5f;
-  const std::string hr = b.op("Reshape", {"h", b.initI64("shape_h2", {2}, {1, kH})});
-  const std::string pre = b.op("Add", {b.op("Add", {b.op("MatMul", {"ctx_t", b.init("wc", {kH, kH}, wc)}),
-                                                    b.op("MatMul", {hr, b.init("wh", {kH, kH}, wh)})}),
-                                       b.init("bc", {kH}, bc)});
-  const std::string z = b.op("Tanh", {pre});
-  // Everything is gated by the opening, so silence leaves the keypoints alone.
-  const std::string g = b.op("Relu", {b.op("Slice", {z, b.initI64("s0", {1}, {0}), b.initI64("s1", {1}, {1}),
-                                                     b.initI64("s_ax", {1}, {1})})});
   std::vector<float> um(size_t(kH) * 63, 0.0f);
   auto at = [&](int unit, int row, int axis) -> float& { return um[size_t(unit) * 63 + size_t(row) * 3 + axis]; };
   at(0, 6, 1) = -1.0f;   // upper lip top
@@ -231,11 +223,7 @@ std::vector<uint8_t> streamDecoder() {
   // The opening itself is linear in the gate; the other units are scaled by it.
   std::vector<float> u0(um.begin(), um.begin() + 63);
   std::fill(um.begin(), um.begin() + 63, 0.0f);
-  const std::string open = b.op("MatMul", {g, b.init("u_open", {1, 63}, u0)});
-  const std::string rest = b.op("MatMul", {b.op("Mul", {z, g}), b.init("um", {kH, 63}, um)});
-  const std::string m = b.op("Add", {b.op("Add", {open, rest}), b.op("Mul", {"prev", b.init("ar", {1}, {0.2f})})});
-  b.output(b.op("Identity", {m}, {}, "", "m"), {1, 63});
-  b.output(b.op("Reshape", {z, b.initI64("shape_h3", {3}, {1, 1, kH})}, {}, "", "h_out"), {1, 1, kH});
+  decoderStep(b, "ctx_t", kH, kH, wc, wh, bc, u0, um, "h_out");
   return b.build();
 }
 

@@ -33,13 +33,6 @@ std::vector<uint8_t> fcaStreamDecoder() {
     }
   bc[0] = 0.9f;
   wh[0] = 0.3f;
-  const std::string hr = b.op("Reshape", {"h", b.initI64("shape_h2", {2}, {1, kH})});
-  const std::string pre = b.op("Add", {b.op("Add", {b.op("MatMul", {"cond", b.init("wc", {kCond, kH}, wc)}),
-                                                    b.op("MatMul", {hr, b.init("wh", {kH, kH}, wh)})}),
-                                       b.init("bc", {kH}, bc)});
-  const std::string z = b.op("Tanh", {pre});
-  const std::string g = b.op("Relu", {b.op("Slice", {z, b.initI64("s0", {1}, {0}), b.initI64("s1", {1}, {1}),
-                                                     b.initI64("s_ax", {1}, {1})})});
   std::vector<float> u0(kKp, 0.0f), um(size_t(kH) * kKp, 0.0f);
   u0[6 * 3 + 1] = -1.0f;   // upper lip top
   u0[19 * 3 + 1] = -1.0f;  // upper inner lip
@@ -52,12 +45,26 @@ std::vector<uint8_t> fcaStreamDecoder() {
     um[size_t(k) * kKp + 17 * 3] = -spread;  // corners widen on high bands
     um[size_t(k) * kKp + 18 * 3] = spread;
   }
-  const std::string open = b.op("MatMul", {g, b.init("u_open", {1, kKp}, u0)});
-  const std::string rest = b.op("MatMul", {b.op("Mul", {z, g}), b.init("um", {kH, kKp}, um)});
-  const std::string m = b.op("Add", {b.op("Add", {open, rest}), b.op("Mul", {"prev", b.init("ar", {1}, {0.2f})})});
-  b.output(b.op("Identity", {m}, {}, "", "m"), {1, kKp});
-  b.output(b.op("Reshape", {z, b.initI64("shape_h3", {3}, {1, 1, kH})}, {}, "", "hn"), {1, 1, kH});
+  decoderStep(b, "cond", kCond, kH, wc, wh, bc, u0, um, "hn");
   return b.build();
+}
+
+void decoderStep(OnnxBuilder& b, const std::string& x, int64_t xWidth, int64_t hidden, const std::vector<float>& wc,
+                 const std::vector<float>& wh, const std::vector<float>& bc, const std::vector<float>& u0,
+                 const std::vector<float>& um, const std::string& stateOut) {
+  const std::string hr = b.op("Reshape", {"h", b.initI64("shape_h2", {2}, {1, hidden})});
+  const std::string pre = b.op("Add", {b.op("Add", {b.op("MatMul", {x, b.init("wc", {xWidth, hidden}, wc)}),
+                                                    b.op("MatMul", {hr, b.init("wh", {hidden, hidden}, wh)})}),
+                                       b.init("bc", {hidden}, bc)});
+  const std::string z = b.op("Tanh", {pre});
+  // Everything is gated by the opening, so silence leaves the keypoints alone.
+  const std::string g = b.op("Relu", {b.op("Slice", {z, b.initI64("s0", {1}, {0}), b.initI64("s1", {1}, {1}),
+                                                     b.initI64("s_ax", {1}, {1})})});
+  const std::string open = b.op("MatMul", {g, b.init("u_open", {1, 63}, u0)});
+  const std::string rest = b.op("MatMul", {b.op("Mul", {z, g}), b.init("um", {hidden, 63}, um)});
+  const std::string m = b.op("Add", {b.op("Add", {open, rest}), b.op("Mul", {"prev", b.init("ar", {1}, {0.2f})})});
+  b.output(b.op("Identity", {m}, {}, "", "m"), {1, 63});
+  b.output(b.op("Reshape", {z, b.initI64("shape_h3", {3}, {1, 1, hidden})}, {}, "", stateOut), {1, 1, hidden});
 }
 
 }  // namespace le::forge

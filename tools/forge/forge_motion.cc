@@ -119,6 +119,8 @@ std::vector<float> characterInfo(const Params& p) {
   return info;
 }
 
+}  // namespace
+
 std::vector<float> initialState(const std::vector<float>& ci) {
   std::vector<float> s(kRow);
   s[0] = ci[258] - 1.0f;
@@ -129,6 +131,8 @@ std::vector<float> initialState(const std::vector<float>& ci) {
   std::copy(ci.begin(), ci.begin() + 63, s.begin() + 202);
   return s;
 }
+
+namespace {
 
 // Features 0 (loudness) and 1 (openness) from mel weights; the other 1022 are fixed random
 // projections of the band shape. Written normalised: the engine de-normalises with fmean, fstd.

@@ -19,5 +19,7 @@ std::vector<Member> motionMembers(const Params& p);
 std::vector<float> melFilterbank();
 // The periodic Hann window of 512 points written as "hubert_stft_window.bin".
 std::vector<float> hannWindow();
+// The generator's first state row (265) from the channel info "ch_xs_info.bin" (328).
+std::vector<float> initialState(const std::vector<float>& ci);
 
 }  // namespace le::forge
