@@ -88,26 +88,38 @@ struct CpuTimer {
 };
 double speechSeconds() { return double(longSpeech().size()) / 16000.0; }
 
+// A stream on the bench bundle with room to pull 64 frames at a time.
+struct Stream {
+  le_a2x* h = le_a2x_create(bundle().path.c_str(), 1);
+  std::vector<int> si = std::vector<int>(64);
+  std::vector<float> t = std::vector<float>(64 * 63), dr = std::vector<float>(64 * 63);
+  Stream() = default;
+  Stream(const Stream&) = delete;
+  Stream& operator=(const Stream&) = delete;
+  ~Stream() { le_a2x_destroy(h); }
+  int pull() { return le_a2x_pull(h, si.data(), t.data(), dr.data(), 64); }
+  void drain() {
+    while (pull() > 0) {
+    }
+  }
+};
+
 // Live stream on the windowed frontend: blocks of 5120 samples, pulls after each.
 void BM_StreamWindowed(benchmark::State& state) {
-  le_a2x* h = le_a2x_create(bundle().path.c_str(), 1);
+  Stream st;
+  le_a2x* h = st.h;
   const std::vector<float>& a = longSpeech();
-  std::vector<int> si(64);
-  std::vector<float> t(64 * 63), dr(64 * 63);
   const CpuTimer cpu;
   for (auto _ : state) {
     le_a2x_reset(h, 0, 1, 1);
     for (size_t at = 0; at < a.size(); at += 5120) {
       le_a2x_push(h, a.data() + at, int(std::min<size_t>(5120, a.size() - at)));
-      while (le_a2x_pull(h, si.data(), t.data(), dr.data(), 64) > 0) {
-      }
+      st.drain();
     }
     le_a2x_finish(h);
-    while (le_a2x_pull(h, si.data(), t.data(), dr.data(), 64) > 0) {
-    }
+    st.drain();
   }
   state.counters["cpu_ms_per_speech_s"] = (cpuMs() - cpu.start) / double(state.iterations()) / speechSeconds();
-  le_a2x_destroy(h);
 }
 BENCHMARK(BM_StreamWindowed)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -120,10 +132,9 @@ BENCHMARK(BM_StreamWindowed)->Unit(benchmark::kMillisecond)->UseRealTime();
 // iteration ran undisturbed; share_outside_ort is the ratio of those. allocs_outside_ort_per_frame
 // counts the stream's own allocations (the benchmark's loop makes none).
 void BM_StreamPerFrame(benchmark::State& state) {
-  le_a2x* h = le_a2x_create(bundle().path.c_str(), 1);
+  Stream st;
+  le_a2x* h = st.h;
   const std::vector<float>& a = longSpeech();
-  std::vector<int> si(64);
-  std::vector<float> t(64 * 63), dr(64 * 63);
   const size_t steps = (a.size() + 639) / 640 + 1;
   std::vector<double> leastIn(steps, 1e9), leastOut(steps, 1e9);
   auto utterance = [&] {
@@ -133,8 +144,7 @@ void BM_StreamPerFrame(benchmark::State& state) {
       const double r0 = le::a2x::runSeconds(h);
       if (k + 1 < steps) le_a2x_push(h, a.data() + 640 * k, int(std::min<size_t>(640, a.size() - 640 * k)));
       else le_a2x_finish(h);
-      while (le_a2x_pull(h, si.data(), t.data(), dr.data(), 64) > 0) {
-      }
+      st.drain();
       const double in = le::a2x::runSeconds(h) - r0;
       const double all = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
       leastIn[k] = std::min(leastIn[k], in);
@@ -163,7 +173,6 @@ void BM_StreamPerFrame(benchmark::State& state) {
   state.counters["allocs_outside_ort_per_frame"] = double(gAllocsOutside.load() - outside0) / frames;
   state.counters["alloc_bytes_per_frame"] = double(gAllocBytes.load() - bytes0) / frames;
   state.counters["largest_alloc_bytes"] = double(gAllocMax.load());
-  le_a2x_destroy(h);
 }
 BENCHMARK(BM_StreamPerFrame)->Unit(benchmark::kMillisecond)->UseRealTime();
 
@@ -181,30 +190,26 @@ BENCHMARK(BM_OfflineLegacy)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // From the push that completes a frame block to its 8 frames pulled (steady state, mid-clip).
 void BM_PushToPullable(benchmark::State& state) {
-  le_a2x* h = le_a2x_create(bundle().path.c_str(), 1);
+  Stream st;
+  le_a2x* h = st.h;
   const std::vector<float>& a = longSpeech();
-  std::vector<int> si(64);
-  std::vector<float> t(64 * 63), dr(64 * 63);
   size_t at = 0;
   le_a2x_push(h, a.data(), 5 * 5120);
   at = 5 * 5120;
-  while (le_a2x_pull(h, si.data(), t.data(), dr.data(), 64) > 0) {
-  }
+  st.drain();
   for (auto _ : state) {
     if (at + 5120 > a.size()) {
       state.PauseTiming();
       le_a2x_reset(h, 0, 1, 1);
       le_a2x_push(h, a.data(), 5 * 5120);
       at = 5 * 5120;
-      while (le_a2x_pull(h, si.data(), t.data(), dr.data(), 64) > 0) {
-      }
+      st.drain();
       state.ResumeTiming();
     }
     le_a2x_push(h, a.data() + at, 5120);
     at += 5120;
-    benchmark::DoNotOptimize(le_a2x_pull(h, si.data(), t.data(), dr.data(), 64));
+    benchmark::DoNotOptimize(st.pull());
   }
-  le_a2x_destroy(h);
 }
 BENCHMARK(BM_PushToPullable)->Unit(benchmark::kMicrosecond)->UseRealTime();
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_bundle.h"
 #include "bench/ort_bench_util.h"
 #include "le/le_bundle.h"
 #include "le/le_pool.h"
@@ -112,14 +113,9 @@ BENCHMARK(BM_Int8ConvPath)
 
 const std::string& bundle() {
   static const std::string dir = [] {
-    const char* t = std::getenv("LE_BENCH_TMP");
-    const std::string d = std::string(t && *t ? t : "/tmp") + "/le_int8conv_bench_bundle";
-    if (!fs::exists(d + "/model_b1_int8.onnx")) {
-      le::forge::Params p = le::forge::sized(2, 640, 540, 512, 2);
-      p.directors = p.replace = true;
-      le::forge::forgeBundle(d, p);
-    }
-    return d;
+    le::forge::Params p = le::forge::sized(2, 640, 540, 512, 2);
+    p.directors = true;
+    return le::bench::forgedOnce("le_int8conv_bench_bundle", p, "model_b1_int8.onnx");
   }();
   return dir;
 }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_bundle.h"
 #include "le/le_bundle.h"
 #include "le/render/le_renderer.h"
 #include "le/tessera/le_lip_contour.h"
@@ -66,20 +67,16 @@ double contour(Model& m, std::vector<float>& plane, size_t i) {
   return plane[size_t(kCanvas) * kCanvas / 2];
 }
 
-void BM_PiU8AndShift(benchmark::State& state) {
+// One byte mask and its shift per frame, through f.
+void maskPerFrame(benchmark::State& state, double (*f)(Model&, std::vector<uint8_t>&, size_t)) {
   Model& m = model();
   std::vector<uint8_t> mask(size_t(kCanvas) * kCanvas);
   size_t i = 0;
-  for (auto _ : state) benchmark::DoNotOptimize(piShift(m, mask, i++));
+  for (auto _ : state) benchmark::DoNotOptimize(f(m, mask, i++));
 }
+void BM_PiU8AndShift(benchmark::State& state) { maskPerFrame(state, piShift); }
 BENCHMARK(BM_PiU8AndShift)->Unit(benchmark::kMicrosecond);
-
-void BM_DeliveredU8AndShift(benchmark::State& state) {
-  Model& m = model();
-  std::vector<uint8_t> mask(size_t(kCanvas) * kCanvas);
-  size_t i = 0;
-  for (auto _ : state) benchmark::DoNotOptimize(delivered(m, mask, i++));
-}
+void BM_DeliveredU8AndShift(benchmark::State& state) { maskPerFrame(state, delivered); }
 BENCHMARK(BM_DeliveredU8AndShift)->Unit(benchmark::kMicrosecond);
 
 // The contour plane, and what a user would reach for instead: OpenCV filling the same polygon on
@@ -123,15 +120,9 @@ BENCHMARK(BM_ContourF32Canvas)->Unit(benchmark::kMicrosecond)->UseManualTime();
 
 const std::string& bundle() {
   static const std::string dir = [] {
-    const char* t = std::getenv("LE_BENCH_TMP");
-    const std::string d = std::string(t && *t ? t : "/tmp") + "/le_lip_bench_bundle";
-    if (!fs::exists(d + "/manifest.json")) {
-      le::forge::Params p = params();
-      p.directors = true;
-      p.replace = true;
-      le::forge::forgeBundle(d, p);
-    }
-    return d;
+    le::forge::Params p = params();
+    p.directors = true;
+    return le::bench::forgedOnce("le_lip_bench_bundle", p);
   }();
   return dir;
 }

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_bundle.h"
 #include "le/le.h"
 #include "le/le_bundle.h"
 #include "le/le_simd.h"
@@ -36,16 +37,7 @@ le::forge::Params benchParams() {
 
 // One forged bundle per process, rebuilt when missing.
 const std::string& bundle() {
-  static const std::string dir = [] {
-    const char* t = std::getenv("LE_BENCH_TMP");
-    const std::string d = std::string(t && *t ? t : "/tmp") + "/le_renderer_bench_bundle";
-    if (!fs::exists(d + "/manifest.json")) {
-      le::forge::Params p = benchParams();
-      p.replace = true;
-      le::forge::forgeBundle(d, p);
-    }
-    return d;
-  }();
+  static const std::string dir = le::bench::forgedOnce("le_renderer_bench_bundle", benchParams());
   return dir;
 }
 
@@ -211,20 +203,6 @@ struct ConeAlone {
   }
 };
 
-// The director split, the same director whole (LE_CONE_SPLIT=0) and its cone cut out alone.
-struct ConeRig {
-  le::Renderer split;
-  std::unique_ptr<le::Renderer> whole;
-  ConeAlone cone;
-  ConeRig(Loaded& l, const char* key, int threads) : split(l.manifest, l.identity, key, threads, ""), cone(l, key) {
-    setenv("LE_CONE_SPLIT", "0", 1);
-    whole = std::make_unique<le::Renderer>(l.manifest, l.identity, key, threads, "");
-    unsetenv("LE_CONE_SPLIT");
-    le::ortApi();
-  }
-  bool ok() const { return split.coneSplit() && !whole->coneSplit() && !cone.prep.empty(); }
-};
-
 // The source bounces 0 1 2 ... NT-1 ... 1 0 ..., so every frame needs another cone.
 std::vector<int32_t> bounceWalk(int nt) {
   std::vector<int32_t> walk;
@@ -233,6 +211,32 @@ std::vector<int32_t> bounceWalk(int nt) {
   return walk;
 }
 
+// The director split, the same director whole (LE_CONE_SPLIT=0) and its cone cut out alone, on the
+// loaded bundle, and the walk over its sources.
+struct ConeRig {
+  le::Renderer split;
+  std::unique_ptr<le::Renderer> whole;
+  ConeAlone cone;
+  Loaded& l;
+  const std::vector<int32_t> walk;
+  ConeRig(Loaded& bundle, const char* key, int threads)
+      : split(bundle.manifest, bundle.identity, key, threads, ""),
+        cone(bundle, key),
+        l(bundle),
+        walk(bounceWalk(bundle.manifest.NT)) {
+    setenv("LE_CONE_SPLIT", "0", 1);
+    whole = std::make_unique<le::Renderer>(l.manifest, l.identity, key, threads, "");
+    unsetenv("LE_CONE_SPLIT");
+    le::ortApi();
+  }
+  // False, with the benchmark skipped, when the director did not split as asked.
+  bool usable(benchmark::State& state) const {
+    const bool ok = split.coneSplit() && !whole->coneSplit() && !cone.prep.empty();
+    if (!ok) state.SkipWithError("the director did not split (or split when told not to)");
+    return ok;
+  }
+};
+
 // The source-cone split on a predictable walk: ms per frame of the split renderer and of the
 // same director whole (LE_CONE_SPLIT=0), alternating in one loop, beside the cone's own cost
 // (its prep model run alone, at the director's 2 threads as inside the whole graph, and at the
@@ -240,16 +244,10 @@ std::vector<int32_t> bounceWalk(int nt) {
 // the prefetch thread competes with the director's 2 intra-op threads, so wall-clock saving
 // needs an idle core; BM_ConeSplitWork counts the work itself.
 void BM_ConeSplit(benchmark::State& state, const char* key) {
-  Loaded& l = loaded();
-  ConeRig rig(l, key, 2);
-  if (!rig.ok()) {
-    state.SkipWithError("the director did not split (or split when told not to)");
-    return;
-  }
+  ConeRig rig(loaded(), key, 2);
+  if (!rig.usable(state)) return;
   le::Renderer &split = rig.split, &whole = *rig.whole;
-  ConeAlone& cone = rig.cone;
-  Ort::Session cone2 = cone.session(2), cone1 = cone.session(1);
-  const std::vector<int32_t> walk = bounceWalk(l.manifest.NT);
+  Ort::Session cone2 = rig.cone.session(2), cone1 = rig.cone.session(1);
   std::vector<float> ks, kd;
   auto render = [&](le::Renderer& r, int32_t si) {
     keypointsOf(si, ks, kd);
@@ -259,17 +257,17 @@ void BM_ConeSplit(benchmark::State& state, const char* key) {
   };
   render(split, 0);
   render(whole, 0);
-  cone.ms(l, cone2, 0);
-  cone.ms(l, cone1, 0);
+  rig.cone.ms(rig.l, cone2, 0);
+  rig.cone.ms(rig.l, cone1, 0);
   double ts = 0, tw = 0, tc2 = 0, tc1 = 0;
   int64_t frames = 0;
   for (auto _ : state) {
-    for (size_t k = 0; k < walk.size(); ++k, ++frames) {
-      const int32_t si = walk[(k + 1) % walk.size()];
+    for (size_t k = 0; k < rig.walk.size(); ++k, ++frames) {
+      const int32_t si = rig.walk[(k + 1) % rig.walk.size()];
       ts += render(split, si);
       tw += render(whole, si);
-      tc2 += cone.ms(l, cone2, si);
-      tc1 += cone.ms(l, cone1, si);
+      tc2 += rig.cone.ms(rig.l, cone2, si);
+      tc1 += rig.cone.ms(rig.l, cone1, si);
     }
   }
   const double n = double(frames);
@@ -301,16 +299,10 @@ double threadCpuMs() {
 // (while it writes the next one), the part of the cone's price the split cannot take away.
 // (valgrind cannot run this binary: Highway's timer probe stops it, hence CPU time.)
 void BM_ConeSplitWork(benchmark::State& state, const char* key) {
-  Loaded& l = loaded();
-  ConeRig rig(l, key, 1);
-  if (!rig.ok()) {
-    state.SkipWithError("the director did not split (or split when told not to)");
-    return;
-  }
+  ConeRig rig(loaded(), key, 1);
+  if (!rig.usable(state)) return;
   le::Renderer &split = rig.split, &whole = *rig.whole;
-  ConeAlone& cone = rig.cone;
-  Ort::Session cone1 = cone.session(1);
-  const std::vector<int32_t> walk = bounceWalk(l.manifest.NT);
+  Ort::Session cone1 = rig.cone.session(1);
   std::vector<float> ks, kd;
   auto cpuOf = [&](le::Renderer& r, int32_t si) {
     keypointsOf(si, ks, kd);
@@ -320,19 +312,19 @@ void BM_ConeSplitWork(benchmark::State& state, const char* key) {
   };
   cpuOf(split, 0);
   cpuOf(whole, 0);
-  cone.ms(l, cone1, 0);
+  rig.cone.ms(rig.l, cone1, 0);
   const int64_t misses0 = split.coneMisses();
   double ts = 0, tsHot = 0, tw = 0, tc = 0;
   int64_t frames = 0;
   for (auto _ : state) {
-    for (size_t k = 1; k <= walk.size(); ++k, ++frames) {
-      const int32_t si = walk[k % walk.size()];
+    for (size_t k = 1; k <= rig.walk.size(); ++k, ++frames) {
+      const int32_t si = rig.walk[k % rig.walk.size()];
       le::testing::awaitConePrefetch(split);
       ts += cpuOf(split, si);
       tsHot += cpuOf(split, si);
       tw += cpuOf(whole, si);
       const double t0 = threadCpuMs();
-      cone.ms(l, cone1, si);
+      rig.cone.ms(rig.l, cone1, si);
       tc += threadCpuMs() - t0;
     }
   }

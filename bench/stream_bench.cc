@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_bundle.h"
 #include "le/le.h"
 #include "le/le_a2x.h"
 #include "le/le_bundle.h"
@@ -42,10 +43,7 @@ struct Cost {
   double wallMs = 0, cpuMs = 0;
 };
 
-std::string benchTmp() {
-  const char* t = std::getenv("LE_BENCH_TMP");
-  return std::string(t && *t ? t : "/tmp");
-}
+using le::bench::benchTmp;
 
 // The standard bundle (its "render" director is the standard one) and a twin whose "render"
 // director is the heavy one: every other member is a link into the standard bundle.

@@ -30,6 +30,16 @@ struct Case {
   }
 };
 
+// The plain kernels' 512 x 512 case with its planes buffer.
+struct PlainCase : Case {
+  static constexpr int S = 512;
+  std::vector<float> planes = std::vector<float>(size_t(S) * S * le::kWarpPlaneFloats);
+  PlainCase() : Case(S, S) {}
+  void planesPass() { le::warpDirectorPlanesBand(x.data.data(), planes.data(), S, S, 0, S); }
+  void gatherPass() { le::warpDirectorGatherBand(planes.data(), grid.data.data(), y.data.data(), S, S, 0, S); }
+  void onePass() { le::warpDirector(x.data.data(), grid.data.data(), y.data.data(), S, S); }
+};
+
 void BM_WarpDirector_vs_StandardBlock(benchmark::State& state) {
   const int S = int(state.range(0));
   Case c(S, S);
@@ -44,17 +54,11 @@ BENCHMARK(BM_WarpDirector_vs_StandardBlock)->Arg(256)->Arg(512)->Unit(benchmark:
 // The plain kernels on one thread: planes once then gather (what the operator does) against
 // the one-pass band that derives each sample's planes on the fly.
 void BM_WarpPlain(benchmark::State& state) {
-  const int S = 512;
   const bool onePass = state.range(0) != 0;
-  Case c(S, S);
-  std::vector<float> planes(size_t(S) * S * le::kWarpPlaneFloats);
+  PlainCase c;
   for (auto _ : state) {
-    if (onePass) {
-      le::warpDirector(c.x.data.data(), c.grid.data.data(), c.y.data.data(), S, S);
-    } else {
-      le::warpDirectorPlanesBand(c.x.data.data(), planes.data(), S, S, 0, S);
-      le::warpDirectorGatherBand(planes.data(), c.grid.data.data(), c.y.data.data(), S, S, 0, S);
-    }
+    if (onePass) c.onePass();
+    else c.planesPass(), c.gatherPass();
     benchmark::DoNotOptimize(c.y.data.data());
   }
   state.SetLabel(onePass ? "one pass, 1 thread" : "planes + gather, 1 thread");
@@ -63,16 +67,12 @@ BENCHMARK(BM_WarpPlain)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealT
 
 // The two phases apart, one thread.
 void BM_WarpPhase(benchmark::State& state) {
-  const int S = 512;
   const bool gather = state.range(0) != 0;
-  Case c(S, S);
-  std::vector<float> planes(size_t(S) * S * le::kWarpPlaneFloats);
-  le::warpDirectorPlanesBand(c.x.data.data(), planes.data(), S, S, 0, S);
+  PlainCase c;
+  c.planesPass();
   for (auto _ : state) {
-    if (gather)
-      le::warpDirectorGatherBand(planes.data(), c.grid.data.data(), c.y.data.data(), S, S, 0, S);
-    else
-      le::warpDirectorPlanesBand(c.x.data.data(), planes.data(), S, S, 0, S);
+    if (gather) c.gatherPass();
+    else c.planesPass();
     benchmark::ClobberMemory();
   }
   state.SetLabel(gather ? "gather, 1 thread" : "planes, 1 thread");

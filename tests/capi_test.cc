@@ -81,20 +81,10 @@ TEST(Context, CreatesFromAForgedBundle) {
   le_ctx* ctx = le_create(b.c_str(), "render", 0, nullptr);
   ASSERT_NE(ctx, nullptr) << le_last_error();
   EXPECT_STREQ(le_last_error(), "");  // le_create clears
-  EXPECT_EQ(le_nt(ctx), p.nt);
-  EXPECT_EQ(le_width(ctx), p.width);
-  EXPECT_EQ(le_height(ctx), p.height);
-  EXPECT_EQ(le_crop(ctx), p.crop);
-  EXPECT_EQ(le_drive_frames(ctx), p.frames);
+  EXPECT_EQ(std::vector<int>({le_nt(ctx), le_width(ctx), le_height(ctx), le_crop(ctx), le_drive_frames(ctx)}),
+            std::vector<int>({p.nt, p.width, p.height, p.crop, p.frames}));
   EXPECT_EQ(ctx->n_threads, le::pool::threads());
   EXPECT_FALSE(ctx->threads_explicit);
-  EXPECT_EQ(ctx->ep, "");
-  EXPECT_EQ(ctx->model_key, "render");
-  EXPECT_EQ(ctx->renderer, nullptr);
-  EXPECT_EQ(ctx->last_crop, nullptr);
-  EXPECT_EQ(ctx->frame.size(), size_t(p.width) * p.height * 3);
-  EXPECT_EQ(ctx->paste->crop(), p.crop);
-  EXPECT_EQ(ctx->paste->ksize(), p.ksize);
   le_destroy(ctx);
 
   ctx = le_create(b.c_str(), "render_b4", 3, "cpu");
@@ -105,11 +95,7 @@ TEST(Context, CreatesFromAForgedBundle) {
   le_destroy(ctx);
   le_destroy(nullptr);
 
-  EXPECT_EQ(le_nt(nullptr), 0);
-  EXPECT_EQ(le_width(nullptr), 0);
-  EXPECT_EQ(le_height(nullptr), 0);
-  EXPECT_EQ(le_crop(nullptr), 0);
-  EXPECT_EQ(le_drive_frames(nullptr), 0);
+  EXPECT_EQ(le_nt(nullptr) | le_width(nullptr) | le_height(nullptr) | le_crop(nullptr) | le_drive_frames(nullptr), 0);
 }
 
 TEST(Context, PastesIntoTheDriveFrameOfItsSourceIndex) {

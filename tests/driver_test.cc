@@ -260,14 +260,6 @@ TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
   EXPECT_THAT(le::testing::thrown([&] { le::driver::openMp4(text, 6, 96, 64); }), StartsWith("le_driver: " + text));
 }
 
-TEST(MovieSource, DecoderBuildNamesTheBuildTimeLibavcodec) {
-  const std::string s = le::movieDecoderBuild();
-  EXPECT_EQ(s, "libavcodec " + le::driver::libavcodecBuildVersion() + " / " + avcodec_configuration());
-  EXPECT_EQ(le::driver::libavcodecBuildVersion(), std::to_string(LIBAVCODEC_VERSION_MAJOR) + "." +
-                                                     std::to_string(LIBAVCODEC_VERSION_MINOR) + "." +
-                                                     std::to_string(LIBAVCODEC_VERSION_MICRO));
-}
-
 TEST(JpgDirSource, DeliversStillsAndRefusesAWrongSize) {
   const le::testing::ScratchDir tmp("jpgdir");
   const std::string dir = tmp.path();

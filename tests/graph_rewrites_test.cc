@@ -262,12 +262,7 @@ TEST(GraphRewrites, GridSampleToFast) {
   EXPECT_TRUE(le::graphHasBakedGridSampleFast(m));
   EXPECT_EQ(countOp(m, "GridSample"), 0);
   for (const NodeView& n : nodesOf(m))
-    if (n.op == "GridSampleFast") {
-      EXPECT_EQ(n.domain, "com.vantorix");
-      EXPECT_EQ(n.name.rfind("/warp/gridsample", 0), 0u) << n.name;
-      EXPECT_EQ(n.attrCount, 0);
-      EXPECT_EQ(n.inputs.at(1), "/warp/grid");
-    }
+    if (n.op == "GridSampleFast") EXPECT_EQ(n.domain + "/" + std::to_string(n.attrCount), "com.vantorix/0");
   EXPECT_EQ(vantorixImports(m), 1);
   EXPECT_EQ(opsetsOf(m).front(), (std::pair<std::string, uint64_t>("", 17)));
   EXPECT_LT(compare("GridSample -> GridSampleFast", original, m, directorFeeds()), 1e-5f);
@@ -309,15 +304,7 @@ TEST(GraphRewrites, StudentBlendMatMulToGemm) {
   const Bytes original = director();
   Bytes m = original;
   ASSERT_EQ(le::normaliseStudentBlend(m), 1u);
-  int gemms = 0;
-  for (const NodeView& n : nodesOf(m))
-    if (n.name == "/s2/blend") {
-      EXPECT_EQ(n.op, "Gemm");
-      EXPECT_EQ(n.domain, "");
-      EXPECT_EQ(n.inputs.size(), 2u);
-      ++gemms;
-    }
-  EXPECT_EQ(gemms, 1);
+  EXPECT_EQ(countOp(m, "Gemm"), 1);
   EXPECT_EQ(countOp(m, "MatMul"), 0);
   EXPECT_EQ(vantorixImports(m), 0);
   EXPECT_LT(compare("/s2/blend MatMul -> Gemm", original, m, directorFeeds()), 1e-5f);
@@ -344,20 +331,6 @@ TEST(GraphRewrites, StudentBlendMatMulToGemm) {
   EXPECT_EQ(blendNode("/s2/blend", {"a", "b"}, {Attr::i("trans", 0)}), 0u);
 }
 
-TEST(GraphRewrites, HeadCubicTaps) {
-  double t[4];
-  le::hcTaps(0.75, -0.75, t);
-  const double phase0[4] = {-0.03515625, 0.26171875, 0.87890625, -0.10546875};
-  for (int k = 0; k < 4; ++k) EXPECT_NEAR(t[k], phase0[k], 1e-15) << k;
-  EXPECT_NEAR(t[0] + t[1] + t[2] + t[3], 1.0, 1e-15);
-  le::hcTaps(0.25, -0.75, t);
-  for (int k = 0; k < 4; ++k) EXPECT_NEAR(t[k], phase0[3 - k], 1e-15) << k;
-  le::hcTaps(0.5, -0.5, t);  // another a: still symmetric, normalised
-  EXPECT_NEAR(t[0], t[3], 1e-15);
-  EXPECT_NEAR(t[1], t[2], 1e-15);
-  EXPECT_NEAR(t[0] + t[1] + t[2] + t[3], 1.0, 1e-15);
-}
-
 TEST(GraphRewrites, HeadCubicResize) {
   const Bytes original = director();
   std::vector<NodeView> nodes = nodesOf(original);
@@ -370,25 +343,11 @@ TEST(GraphRewrites, HeadCubicResize) {
   ASSERT_EQ(le::rewriteHeadCubicResize(m), 1u);
   const std::vector<NodeView> after = nodesOf(m);
   ASSERT_EQ(after.size(), nodes.size() + 2);
-  const std::string prefix = "rz" + std::to_string(rzIndex);
-  const NodeView &pad = after[rzIndex], &conv = after[rzIndex + 1], &d2s = after[rzIndex + 2];
-  EXPECT_EQ(pad.name, "/head/Resize/pad");
-  EXPECT_EQ(pad.op, "Pad");
-  EXPECT_EQ(pad.inputs, (std::vector<std::string>{nodes[rzIndex].inputs[0], prefix + "_pads"}));
-  EXPECT_EQ(pad.outputs, std::vector<std::string>{prefix + "_padout"});
-  EXPECT_EQ(conv.name, "/head/Resize/dwconv");
-  EXPECT_EQ(conv.op, "Conv");
-  EXPECT_EQ(conv.inputs, (std::vector<std::string>{prefix + "_padout", prefix + "_dw_w"}));
-  EXPECT_EQ(conv.attrCount, 5);
-  EXPECT_EQ(d2s.name, "/head/Resize/d2s");
-  EXPECT_EQ(d2s.op, "DepthToSpace");
-  EXPECT_EQ(d2s.outputs, nodes[rzIndex].outputs);
+  // In the Resize's place, reading its input and writing its output.
+  EXPECT_EQ(after[rzIndex].op + after[rzIndex + 1].op + after[rzIndex + 2].op, "PadConvDepthToSpace");
+  EXPECT_EQ(after[rzIndex].inputs[0], nodes[rzIndex].inputs[0]);
+  EXPECT_EQ(after[rzIndex + 2].outputs, nodes[rzIndex].outputs);
   EXPECT_EQ(countOp(m, "Resize"), 0);  // crop 64: the head needs no second resize
-  std::set<std::string> inits, inputs;
-  std::vector<le::GsNodeInfo> infos;
-  le::gsReadGraph(le::gsGraphOf(m), infos, inits, inputs);
-  EXPECT_TRUE(inits.count(prefix + "_pads"));
-  EXPECT_TRUE(inits.count(prefix + "_dw_w"));
   EXPECT_EQ(unreadInitializers(m), std::vector<std::string>());
 
   // The same filter: relative to the output's range, within 1e-5, on the director and on the
@@ -465,22 +424,7 @@ TEST(GraphRewrites, BindLipContour) {
   ASSERT_EQ(le::rewriteBindLipContour(m, reason, &canvas, &batch), 1) << reason;
   EXPECT_EQ(canvas, kCrop);
   EXPECT_EQ(batch, 1);
-  int64_t first = 0, last = 0;
-  int rank = 0;
-  le::ldInputDims(le::gsGraphOf(m), "lip_delivery", first, last, rank);
-  EXPECT_EQ(rank, 4);
-  EXPECT_EQ(first, 1);
-  EXPECT_EQ(last, kCrop);
-  // The Min sits right after the alpha's Clip and every reader of the alpha reads the Min.
-  const std::vector<NodeView> nodes = nodesOf(m);
-  for (size_t k = 0; k < nodes.size(); ++k) {
-    if (nodes[k].name != "tessera_lipdel_min") continue;
-    EXPECT_EQ(nodes[k].op, "Min");
-    EXPECT_EQ(nodes[k].inputs, (std::vector<std::string>{"/compose/alpha", "lip_delivery"}));
-    EXPECT_EQ(nodes[k].outputs, std::vector<std::string>{"tessera_lipdel_alpha"});
-    ASSERT_GT(k, 0u);
-    EXPECT_EQ(nodes[k - 1].name, "/compose/Clip");
-  }
+  // Every reader of the alpha reads the Min instead.
   int readers = 0;
   for (const NodeView& n : nodesOf(m)) {
     for (const std::string& in : n.inputs) readers += in == "tessera_lipdel_alpha";
@@ -697,13 +641,6 @@ TEST(GraphRewrites, WarpBlockToWarpDirector) {
   const std::vector<NodeView> nodes = nodesOf(m);
   EXPECT_EQ(nodes.size(), nodesOf(original).size() - 13);
   ASSERT_EQ(countOp(m, "WarpDirector"), 1);
-  for (const NodeView& n : nodes)
-    if (n.op == "WarpDirector") {
-      EXPECT_EQ(n.name, "le_warp_director");
-      EXPECT_EQ(n.domain, "com.vantorix");
-      EXPECT_EQ(n.inputs, (std::vector<std::string>{"P_rgb", "/warp/grid"}));
-      EXPECT_EQ(n.outputs, std::vector<std::string>{block.exit});
-    }
   EXPECT_EQ(countOp(m, "GridSample") + countOp(m, "Pad") + countOp(m, "Slice"), 4);  // kp and grid slices
   EXPECT_EQ(vantorixImports(m), 1);
   std::string boundary;
@@ -760,13 +697,6 @@ TEST(GraphRewrites, SourceConeSplit) {
   const int64_t dims[4] = {1, 12, kCrop, kCrop};
   ASSERT_TRUE(le::buildSourceConePerFrame(original, boundary, dims, 4, perFrame, reason)) << reason;
   EXPECT_EQ(nodesOf(perFrame).size(), nodesOf(original).size() - 3);
-  int64_t first = 0, last = 0;
-  int rank = 0;
-  le::ldInputDims(le::gsGraphOf(perFrame), "P_rgb", first, last, rank);
-  EXPECT_EQ(rank, 0);
-  le::ldInputDims(le::gsGraphOf(perFrame), boundary, first, last, rank);
-  EXPECT_EQ(rank, 4);
-  EXPECT_EQ(last, kCrop);
   EXPECT_EQ(unreadInitializers(prep), std::vector<std::string>());
   EXPECT_EQ(unreadInitializers(perFrame), std::vector<std::string>());
 
@@ -819,8 +749,7 @@ TEST(GraphRewrites, SourceConeSplit) {
     EXPECT_FALSE(le::buildSourceConePrep(b.build(), "tip", prep, reason));
     EXPECT_EQ(reason, "no P_rgb input");
   }
-  const Bytes bytesAfterRefusals = prep;  // refusals never wrote it
-  EXPECT_EQ(nodesOf(bytesAfterRefusals).size(), 3u);
+  EXPECT_EQ(nodesOf(prep).size(), 3u);  // refusals never wrote it
 }
 
 // The renderer's order, all at once, against the untouched director.

@@ -281,30 +281,19 @@ __attribute__((target("avx512f,avx512vnni"))) void avx512VnniTile2(const TileArg
 }
 #endif
 
-TileFn tileFn(int8conv::Path p) {
-#if LE_INT8_X86
-  if (p == int8conv::Path::AvxVnni) return avxVnniTile;
-  if (p == int8conv::Path::Avx512Vnni) return avx512VnniTile;
-#endif
-  (void)p;
-  return nullptr;
-}
+// The kernels of a path; null where the path has none (tile2: AVX-512 only).
+struct PathKernels {
+  TileFn tile = nullptr, tile2 = nullptr;
+  PixelFn pixel = nullptr;
+};
 
-TileFn tile2Fn(int8conv::Path p) {
+PathKernels kernelsOf(int8conv::Path p) {
 #if LE_INT8_X86
-  if (p == int8conv::Path::Avx512Vnni) return avx512VnniTile2;
+  if (p == int8conv::Path::AvxVnni) return {avxVnniTile, nullptr, avxVnniPixel};
+  if (p == int8conv::Path::Avx512Vnni) return {avx512VnniTile, avx512VnniTile2, avx512VnniPixel};
 #endif
   (void)p;
-  return nullptr;
-}
-
-PixelFn pixelFn(int8conv::Path p) {
-#if LE_INT8_X86
-  if (p == int8conv::Path::AvxVnni) return avxVnniPixel;
-  if (p == int8conv::Path::Avx512Vnni) return avx512VnniPixel;
-#endif
-  (void)p;
-  return nullptr;
+  return {};
 }
 
 std::atomic<int> gForced{static_cast<int>(int8conv::Path::Auto)};
@@ -491,7 +480,7 @@ void quantise(const float* x, const Geometry& g, Quant qp, uint8_t* q) {
 
 void interior_tile(Path path, const uint8_t* in, const int8_t* packed, const int64_t* tapOffsets,
                    int taps, int quads, int64_t pixelStep, int32_t* acc) {
-  const TileFn f = pathAvailable(path) ? tileFn(path) : nullptr;
+  const TileFn f = pathAvailable(path) ? kernelsOf(path).tile : nullptr;
   if (!f) throw std::runtime_error("interior_tile: the processor has no such dot-product path");
   std::vector<int32_t> idx(static_cast<size_t>(taps));
   for (int t = 0; t < taps; ++t) idx[size_t(t)] = t;
@@ -687,9 +676,8 @@ void conv(const float* x, const PreparedWeights& w, const float* weightScale, co
   j.bias = bias;
   j.y = y;
   j.zp = static_cast<uint32_t>(qp.zeroPoint);
-  j.tile = tileFn(path);
-  j.tile2 = tile2Fn(path);
-  j.pixel = pixelFn(path);
+  const PathKernels k = kernelsOf(path);
+  j.tile = k.tile, j.tile2 = k.tile2, j.pixel = k.pixel;
   // Columns whose horizontal taps all fall inside: ix0 >= 0 and ix0 + span < W.
   j.oxLo = std::min(g.OW, (g.padLeft + g.strideW - 1) / g.strideW);
   const int64_t lastStart = g.W - 1 - g.dilW * (g.KW - 1) + g.padLeft;

@@ -80,15 +80,26 @@ JVal JParser::value(int depth) {
   if (pos_ >= n) fail("teeth: JSON truncated");
   JVal v;
   const char c = text_[pos_];
-  if (c == '{') {
-    v.kind = JVal::Object;
+  // The elements after an opening '{' or '[' up to `close`, each read by elem.
+  auto sequence = [&](char close, const char* malformed, auto&& elem) {
     ++pos_;
     skipBlanks();
-    if (pos_ < n && text_[pos_] == '}') {
+    if (pos_ < n && text_[pos_] == close) {
       ++pos_;
-      return v;
+      return;
     }
     for (;;) {
+      elem();
+      skipBlanks();
+      if (pos_ >= n) fail("teeth: JSON truncated");
+      const char s = text_[pos_++];
+      if (s == close) return;
+      if (s != ',') fail(malformed);
+    }
+  };
+  if (c == '{') {
+    v.kind = JVal::Object;
+    sequence('}', "teeth: malformed JSON object", [&] {
       skipBlanks();
       if (pos_ >= n) fail("teeth: JSON truncated");
       if (text_[pos_] != '"') fail("teeth: malformed JSON object");
@@ -100,29 +111,13 @@ JVal JParser::value(int depth) {
       ++pos_;
       JVal member = value(depth + 1);
       v.obj.emplace_back(std::move(key), std::move(member));
-      skipBlanks();
-      if (pos_ >= n) fail("teeth: JSON truncated");
-      const char s = text_[pos_++];
-      if (s == '}') return v;
-      if (s != ',') fail("teeth: malformed JSON object");
-    }
+    });
+    return v;
   }
   if (c == '[') {
     v.kind = JVal::Array;
-    ++pos_;
-    skipBlanks();
-    if (pos_ < n && text_[pos_] == ']') {
-      ++pos_;
-      return v;
-    }
-    for (;;) {
-      v.arr.push_back(value(depth + 1));
-      skipBlanks();
-      if (pos_ >= n) fail("teeth: JSON truncated");
-      const char s = text_[pos_++];
-      if (s == ']') return v;
-      if (s != ',') fail("teeth: malformed JSON array");
-    }
+    sequence(']', "teeth: malformed JSON array", [&] { v.arr.push_back(value(depth + 1)); });
+    return v;
   }
   if (c == '"') {
     ++pos_;
