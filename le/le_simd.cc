@@ -199,6 +199,32 @@ void F16ToF32(const uint16_t* HWY_RESTRICT src, float* HWY_RESTRICT dst, size_t 
   for (; i < n; ++i) dst[i] = detail::fromHalf(src[i]);
 }
 
+void RoundF16(const float* src, float* dst, size_t n) {
+  const DF df;
+  const size_t N = hn::Lanes(df);
+  size_t i = 0;
+  for (; i + N <= n; i += N) hn::StoreU(RoundHalf(df, hn::LoadU(df, src + i)), df, dst + i);
+  for (; i < n; ++i) dst[i] = detail::roundHalf(src[i]);
+}
+
+void BlendRoundF16(const float* HWY_RESTRICT v0, const float* HWY_RESTRICT v1, double a,
+                   float* HWY_RESTRICT dst, size_t n) {
+  const DF df;
+  const hn::Half<DF> dhalf;
+  const hn::Rebind<double, decltype(dhalf)> dd;
+  const size_t N = hn::Lanes(df), H = hn::Lanes(dhalf);
+  const auto w0 = hn::Set(dd, 1.0 - a), w1 = hn::Set(dd, a);
+  const auto blend = [&](size_t i) {
+    const auto x0 = hn::PromoteTo(dd, hn::LoadU(dhalf, v0 + i));
+    const auto x1 = hn::PromoteTo(dd, hn::LoadU(dhalf, v1 + i));
+    return hn::DemoteTo(dhalf, hn::Add(hn::Mul(x0, w0), hn::Mul(x1, w1)));
+  };
+  size_t i = 0;
+  for (; i + N <= n; i += N) hn::StoreU(RoundHalf(df, hn::Combine(df, blend(i + H), blend(i))), df, dst + i);
+  for (; i < n; ++i)
+    dst[i] = detail::roundHalf(static_cast<float>(double(v0[i]) * (1.0 - a) + double(v1[i]) * a));
+}
+
 void RoundF16Mul(const float* HWY_RESTRICT a, const float* HWY_RESTRICT b, float* HWY_RESTRICT out,
                  size_t n) {
   const DF df;
@@ -420,6 +446,8 @@ namespace simd {
 
 HWY_EXPORT(F32ToF16);
 HWY_EXPORT(F16ToF32);
+HWY_EXPORT(RoundF16);
+HWY_EXPORT(BlendRoundF16);
 HWY_EXPORT(RoundF16Mul);
 HWY_EXPORT(Rgb8ToPlanarF16);
 HWY_EXPORT(RetrieveTermPooled);
@@ -433,6 +461,10 @@ void f32ToF16(const float* src, uint16_t* dst, size_t n) {
 }
 void f16ToF32(const uint16_t* src, float* dst, size_t n) {
   HWY_DYNAMIC_DISPATCH(F16ToF32)(src, dst, n);
+}
+void roundF16(const float* src, float* dst, size_t n) { HWY_DYNAMIC_DISPATCH(RoundF16)(src, dst, n); }
+void blendRoundF16(const float* v0, const float* v1, double a, float* dst, size_t n) {
+  HWY_DYNAMIC_DISPATCH(BlendRoundF16)(v0, v1, a, dst, n);
 }
 void roundF16Mul(const float* a, const float* b, float* out, size_t n) {
   HWY_DYNAMIC_DISPATCH(RoundF16Mul)(a, b, out, n);

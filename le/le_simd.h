@@ -35,6 +35,13 @@ void f32ToF16(const float* src, uint16_t* dst, size_t n);
 // dst[i] = float(src[i]) exactly; subnormals normalised, a NaN comes back quiet.
 void f16ToF32(const uint16_t* src, float* dst, size_t n);
 
+// dst[i] = h(src[i]), h as below: f16ToF32 of f32ToF16, in registers. src may equal dst.
+void roundF16(const float* src, float* dst, size_t n);
+
+// dst[i] = h(float(double(v0[i]) * (1 - a) + double(v1[i]) * a)): linear interpolation in
+// double, then rounded to float and to binary16 and back.
+void blendRoundF16(const float* v0, const float* v1, double a, float* dst, size_t n);
+
 // out[i] = h(a[i]) * b[i], where h rounds to binary16 and back.
 void roundF16Mul(const float* a, const float* b, float* out, size_t n);
 

@@ -292,6 +292,17 @@ TEST(SimdHalf, RoundMulAndRgbPlanes) {
       le::simd::roundF16Mul(a.data(), b.data(), got.data(), len);
       for (size_t i = 0; i < len; ++i) ASSERT_EQ(bitsOf(got[i]), bitsOf(want[i])) << i;
       ASSERT_EQ(got[len], 5.0f);
+      std::vector<float> rounded(a.begin(), a.begin() + std::ptrdiff_t(len + 1));
+      rounded[len] = 5.0f;
+      le::simd::roundF16(rounded.data(), rounded.data(), len);  // in place
+      for (size_t i = 0; i < len; ++i) ASSERT_EQ(bitsOf(rounded[i]), bitsOf(refRoundHalf(a[i]))) << i;
+      ASSERT_EQ(rounded[len], 5.0f);
+      for (double w : {0.0, 0.3017, 0.999}) {
+        le::simd::blendRoundF16(a.data(), b.data(), w, got.data(), len);
+        for (size_t i = 0; i < len; ++i)
+          ASSERT_EQ(bitsOf(got[i]), bitsOf(refRoundHalf(float(double(a[i]) * (1.0 - w) + double(b[i]) * w)))) << i;
+        ASSERT_EQ(got[len], 5.0f);
+      }
     }
     for (size_t n : {size_t{300}, size_t{1}, size_t{19}, size_t{64}}) {
       const size_t stride = n + 11;

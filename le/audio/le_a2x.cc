@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -75,17 +76,6 @@ int metaBool(const std::string& text, const char* key) {
   return std::strtol(v, nullptr, 10) != 0;
 }
 
-// Rounds n floats to binary16 and back, through scratch in pieces that stay in the L1 cache.
-void roundHalf(const float* src, float* dst, size_t n, std::vector<uint16_t>& scratch) {
-  constexpr size_t kPiece = 4096;
-  if (scratch.size() < kPiece) scratch.resize(kPiece);
-  for (size_t i = 0; i < n; i += kPiece) {
-    const size_t m = std::min(kPiece, n - i);
-    simd::f32ToF16(src + i, scratch.data(), m);
-    simd::f16ToF32(scratch.data(), dst + i, m);
-  }
-}
-
 const char* kLostW2v = "the shared 8 s w2v encoder did not load ($W2V_ONNX=";
 
 // Growth without zero-filling, for rows that are written right away.
@@ -130,20 +120,26 @@ class RunClock {
 // The outputs of one session, written into memory the handle owns. The first run with a new
 // input shape (key) lets ONNX Runtime allocate them and records their shapes and types; later
 // runs with the same key write straight into the owned buffers, so a steady stream allocates no
-// output tensors.
+// output tensors. Inputs are passed as plain handles so that tensors kept in different places
+// can go into one run.
 class OwnedOutputs {
  public:
-  void run(Ort::Session& session, const char* const* inNames, const Ort::Value* in, size_t nIn,
+  void run(OrtSession* session, const char* const* inNames, const OrtValue* const* in, size_t nIn,
            const char* const* outNames, size_t nOut, int64_t key, double& runSeconds) {
+    const OrtApi& api = Ort::GetApi();
     if (key == key_ && values_.size() == nOut) {
       RunClock clock(runSeconds);
-      session.Run(Ort::RunOptions{nullptr}, inNames, in, nIn, outNames, values_.data(), nOut);
+      Ort::ThrowOnError(api.Run(session, nullptr, inNames, in, nIn, outNames, nOut,
+                                reinterpret_cast<OrtValue**>(values_.data())));
       return;
     }
+    std::vector<OrtValue*> raw(nOut, nullptr);
     std::vector<Ort::Value> out;
     {
       RunClock clock(runSeconds);
-      out = session.Run(Ort::RunOptions{nullptr}, inNames, in, nIn, outNames, nOut);
+      OrtStatus* status = api.Run(session, nullptr, inNames, in, nIn, outNames, nOut, raw.data());
+      for (OrtValue* v : raw) out.emplace_back(v);
+      Ort::ThrowOnError(status);
     }
     values_.clear();
     slots_.resize(nOut);
@@ -162,21 +158,11 @@ class OwnedOutputs {
     }
     key_ = key;
   }
-  // Whether a run with this key writes into known shapes.
-  bool known(int64_t key) const { return key == key_ && !values_.empty(); }
-  // A run of a one-output session whose output (its known shape) goes to dst instead.
-  void runInto(Ort::Session& session, const char* const* inNames, const Ort::Value* in, size_t nIn,
-               const char* outName, void* dst, double& runSeconds) {
-    const Slot& slot = slots_.front();
-    Ort::Value out = Ort::Value::CreateTensor(memory_, dst, slot.count * elementBytes(slot.type), slot.shape.data(),
-                                              slot.shape.size(), slot.type);
-    RunClock clock(runSeconds);
-    session.Run(Ort::RunOptions{nullptr}, inNames, in, nIn, &outName, &out, 1);
-  }
   template <class T>
   const T* data(size_t i) const { return reinterpret_cast<const T*>(slots_[i].data.data()); }
   size_t count(size_t i) const { return slots_[i].count; }
   const std::vector<int64_t>& shape(size_t i) const { return slots_[i].shape; }
+  ONNXTensorElementDataType type(size_t i) const { return slots_[i].type; }
 
  private:
   static size_t elementBytes(ONNXTensorElementDataType t) {
@@ -196,6 +182,46 @@ class OwnedOutputs {
   std::vector<Ort::Value> values_;
   int64_t key_ = -1;
   Ort::MemoryInfo memory_ = Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeDefault);
+};
+
+// What the encoder needs for one chunk length L: the mask, the positional rows and their
+// tensors, and the outputs. A stream meets a few lengths (growing context at the start of an
+// utterance, the clipped end, then one steady length), so each is built once and kept.
+struct EncShape {
+  int L = 0;
+  std::vector<float> pos, attn;
+  Ort::Value posValue{nullptr}, attnValue{nullptr};
+  OwnedOutputs outputs;
+};
+
+// Float tensors over rows the handle owns, kept by address and shape: a tensor is only a pointer
+// and a shape, so one made earlier for the same pair serves again, even after the rows behind
+// it were rewritten. Feature rows are dropped from the front 64 at a time while the stream
+// advances 8 rows, so a steady stream comes back to a handful of addresses.
+class RowViews {
+ public:
+  OrtValue* get(const Ort::MemoryInfo& memory, float* data, const std::vector<int64_t>& shape) {
+    size_t count = 1;
+    for (int64_t d : shape) count *= size_t(d);
+    for (View& v : views_)
+      if (v.data == data && v.shape == shape) return v.value;
+    View& v = views_[next_];
+    next_ = (next_ + 1) % kViews;
+    v.value = Ort::Value::CreateTensor<float>(memory, data, count, shape.data(), shape.size());
+    v.data = data;
+    v.shape = shape;  // within capacity once the slot has held a tensor of this rank
+    return v.value;
+  }
+
+ private:
+  static constexpr size_t kViews = 32;  // kept round robin
+  struct View {
+    float* data = nullptr;
+    std::vector<int64_t> shape;
+    Ort::Value value{nullptr};
+  };
+  View views_[kViews];
+  size_t next_ = 0;
 };
 
 }  // namespace
@@ -242,12 +268,16 @@ struct le_a2x {
   // Working buffers, sized once.
   WindowedPair pair;
   std::vector<float> win8, trunkWin, headIn, trunkF;
-  std::vector<float> pos, attn, mOut, hOut;
-  std::vector<uint16_t> half, trunkPair;
-  OwnedOutputs out8, trunkOutput, headOutput, encOutputs;
+  std::vector<float> mOut, hOut;
+  std::vector<uint16_t> trunkPair;
+  OwnedOutputs out8, trunkOutput, headOutput;
   Ort::Value win8In{nullptr}, trunkIn{nullptr}, headInValue{nullptr};
-  int chunkL = 0;  // length of the encoder chunk encIn[1] and encIn[2] are shaped for
-  Ort::Value encIn[3] = {Ort::Value{nullptr}, Ort::Value{nullptr}, Ort::Value{nullptr}};
+  bool headDirect = false;  // the head writes into the feature rows
+  static constexpr size_t kShapes = 16;  // kept round robin
+  std::vector<std::unique_ptr<EncShape>> encShapes;
+  size_t nextShape = 0;
+  RowViews featViews, blockViews;
+  std::vector<int64_t> featShape{1, 0, 12, 768};
   std::vector<float> ctxRow;
   Ort::Value decIn[3] = {Ort::Value{nullptr}, Ort::Value{nullptr}, Ort::Value{nullptr}};
   Ort::Value decOut[2] = {Ort::Value{nullptr}, Ort::Value{nullptr}};
@@ -274,6 +304,7 @@ struct le_a2x {
   // rows holds the feature rows of frames b .. x - 1.
   void encodeChunk(const float* rows, int b, int s, int e, int x,
                    std::vector<float>& enc, std::vector<float>* width);
+  EncShape& encShape(int L);
   void decodeFrame(const float* ctx, float* deltaRow);
   void extend(int target);
   void silencePrime(int count);
@@ -448,17 +479,17 @@ const float* le_a2x::runWindow8(const float* audio, int64_t extent, int w) {
   normaliseWindowFrom(audio + (n > 0 ? from : 0), 0, size_t(n), win8.data(), win8.size());
   const char* inName = "input_values";
   const char* outName = "audio_emb";
-  out8.run(shared8(), &inName, &win8In, 1, &outName, 1, 0, runSeconds);
+  const OrtValue* in = win8In;
+  out8.run(shared8(), &inName, &in, 1, &outName, 1, 0, runSeconds);
   if (out8.count(0) < size_t(12) * kWin8Frames * 768)
     throw std::runtime_error("w2v: audio_emb holds fewer than 12 x 200 x 768 values");
   return out8.data<float>(0);
 }
 
-// Copies frame `local` of the 12 planes of an 8 s encoder output into feature row dst.
+// Frame `local` of the 12 planes of an 8 s encoder output, half-rounded into feature row dst.
 static void gatherPlanes(const float* emb, int local, float* dst) {
   for (int l = 0; l < 12; ++l)
-    std::memcpy(dst + l * 768, emb + (size_t(l) * kWin8Frames + size_t(local)) * 768,
-                768 * sizeof(float));
+    le::simd::roundF16(emb + (size_t(l) * kWin8Frames + size_t(local)) * 768, dst + l * 768, 768);
 }
 
 void le_a2x::featuresLegacy(int need) {
@@ -474,7 +505,6 @@ void le_a2x::featuresLegacy(int need) {
     for (int f = std::max(first, featDone); f < limit; ++f) {
       float* row = featRow(f);
       gatherPlanes(emb, f - w, row);
-      roundHalf(row, row, kFeat, half);
     }
     featDone = std::max(featDone, std::min(w + kWin8Frames, limit));
     if (!finished && limit < w + kWin8Frames) break;
@@ -507,7 +537,8 @@ void le_a2x::featuresWindowed(int need) {
     const int64_t to = std::clamp<int64_t>(extent - start, from, kTrunkWin);  // audio up to extent
     const float* audio = to > from ? samples.data() + (start + from) : samples.data();
     normaliseWindowFrom(audio, size_t(from), size_t(to), trunkWin.data(), trunkWin.size());
-    trunkOutput.run(*pair.trunk, &inName, &trunkIn, 1, &trunkOut, 1, 0, runSeconds);
+    const OrtValue* trunkInput = trunkIn;
+    trunkOutput.run(*pair.trunk, &inName, &trunkInput, 1, &trunkOut, 1, 0, runSeconds);
     if (pair.lt == 0) {
       const std::vector<int64_t>& s = trunkOutput.shape(0);
       pair.lt = noteTrunkLength(s.empty() ? 0 : s.back());
@@ -542,59 +573,75 @@ void le_a2x::featuresWindowed(int need) {
     le::simd::f16ToF32(trunkPair.data(), trunkF.data(), trunkF.size());
     for (int j = 0; j < kBlockFrames; ++j) {
       const float* v0 = trunkF.data() + size_t(2 * j) * kTrunkCh;
-      const float* v1 = v0 + kTrunkCh;
-      float* dst = headIn.data() + size_t(j) * kTrunkCh;
-      for (int c = 0; c < kTrunkCh; ++c)
-        dst[c] = static_cast<float>(double(v0[c]) * (1.0 - a[j]) + double(v1[c]) * a[j]);
+      le::simd::blendRoundF16(v0, v0 + kTrunkCh, a[j], headIn.data() + size_t(j) * kTrunkCh, kTrunkCh);
     }
-    roundHalf(headIn.data(), headIn.data(), headIn.size(), half);
-    // The block's rows are written whole below: grown without the zero fill. Once the head's
-    // output shape is known and is exactly the block's rows, it writes straight into them.
+    // The block's rows are written whole: grown without the zero fill. Once the head's output
+    // is known to be the block's rows as floats, the head writes them in place, and they are
+    // rounded while still in cache.
+    constexpr size_t kBlockValues = size_t(kBlockFrames) * kFeat;
     const size_t rows = size_t(p + kBlockFrames - featBase) * kFeat;
     if (featFrames.size() < rows) featFrames.resize(rows);
     float* block = featRow(p);
-    constexpr size_t kBlockValues = size_t(kBlockFrames) * kFeat;
-    if (headOutput.known(0) && headOutput.count(0) == kBlockValues) {
-      headOutput.runInto(*pair.head, &headInName, &headInValue, 1, headOutName, block, runSeconds);
+    const OrtValue* headInput = headInValue;
+    if (headDirect) {
+      OrtValue* out = blockViews.get(memory, block, headOutput.shape(0));
+      RunClock clock(runSeconds);
+      Ort::ThrowOnError(Ort::GetApi().Run(*pair.head, nullptr, &headInName, &headInput, 1, &headOutName, 1, &out));
     } else {
-      headOutput.run(*pair.head, &headInName, &headInValue, 1, &headOutName, 1, 0, runSeconds);
+      headOutput.run(*pair.head, &headInName, &headInput, 1, &headOutName, 1, 0, runSeconds);
       if (headOutput.count(0) < kBlockValues)
         throw std::runtime_error("w2v_win: head output holds fewer than 8 x 9216 values");
       std::memcpy(block, headOutput.data<float>(0), kBlockValues * sizeof(float));
+      headDirect = headOutput.count(0) == kBlockValues && headOutput.type(0) == ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
     }
-    roundHalf(block, block, kBlockValues, half);
+    le::simd::roundF16(block, block, kBlockValues);
     w2vPos = featDone = p + kBlockFrames;
   }
+}
+
+EncShape& le_a2x::encShape(int L) {
+  for (const std::unique_ptr<EncShape>& sh : encShapes)
+    if (sh->L == L) return *sh;
+  auto sh = std::make_unique<EncShape>();
+  sh->L = L;
+  const int h = hiddenSize;
+  sh->pos.assign(size_t(L) * h, 0.0f);
+  sh->attn.resize(size_t(L) * L);
+  const float ninf = -std::numeric_limits<float>::infinity();
+  for (int r = 0; r < L; ++r)
+    for (int j = 0; j < L; ++j)
+      sh->attn[size_t(r) * L + j] = (j > r + window || j < r - left) ? ninf : 0.0f;
+  const int64_t pshape[3] = {1, L, h};
+  const int64_t ashape[4] = {1, 1, L, L};
+  sh->posValue = Ort::Value::CreateTensor<float>(memory, sh->pos.data(), sh->pos.size(), pshape, 3);
+  sh->attnValue = Ort::Value::CreateTensor<float>(memory, sh->attn.data(), sh->attn.size(), ashape, 4);
+  if (encShapes.size() < kShapes) {
+    encShapes.push_back(std::move(sh));
+    return *encShapes.back();
+  }
+  std::unique_ptr<EncShape>& slot = encShapes[nextShape];
+  nextShape = (nextShape + 1) % kShapes;
+  slot = std::move(sh);
+  return *slot;
 }
 
 void le_a2x::encodeChunk(const float* rows, int b, int s, int e, int x,
                          std::vector<float>& enc, std::vector<float>* width) {
   const int L = x - b, h = hiddenSize, P = posRows();
-  pos.resize(size_t(L) * h);
+  EncShape& shape = encShape(L);
   for (int k = 0; k < L; ++k) {
     const int f = b + k;
     const int row = f < P ? f : (f - P) % (P - P / 2) + P / 2;
-    std::memcpy(pos.data() + size_t(k) * h, posTable.data() + size_t(row) * h, size_t(h) * sizeof(float));
+    std::memcpy(shape.pos.data() + size_t(k) * h, posTable.data() + size_t(row) * h, size_t(h) * sizeof(float));
   }
-  // Most chunks have the length of the one before: the mask and both tensors are kept.
-  if (L != chunkL) {
-    attn.resize(size_t(L) * L);
-    const float ninf = -std::numeric_limits<float>::infinity();
-    for (int r = 0; r < L; ++r)
-      for (int j = 0; j < L; ++j)
-        attn[size_t(r) * L + j] = (j > r + window || j < r - left) ? ninf : 0.0f;
-    const int64_t pshape[3] = {1, L, h};
-    const int64_t ashape[4] = {1, 1, L, L};
-    encIn[1] = Ort::Value::CreateTensor<float>(memory, pos.data(), pos.size(), pshape, 3);
-    encIn[2] = Ort::Value::CreateTensor<float>(memory, attn.data(), attn.size(), ashape, 4);
-    chunkL = L;
-  }
-  const int64_t fshape[4] = {1, L, 12, 768};
-  encIn[0] = Ort::Value::CreateTensor<float>(memory, const_cast<float*>(rows), size_t(L) * kFeat, fshape, 4);
+  featShape[1] = L;
+  const OrtValue* in[3] = {featViews.get(memory, const_cast<float*>(rows), featShape), shape.posValue,
+                           shape.attnValue};
   const char* inNames[3] = {"feat", "pos_window", "attn"};
   const char* outNames[2] = {outName0.c_str(), outName1.c_str()};
   const size_t nOut = hasWidth ? 2 : 1;
-  encOutputs.run(*encoder, inNames, encIn, 3, outNames, nOut, L, runSeconds);
+  OwnedOutputs& encOutputs = shape.outputs;
+  encOutputs.run(*encoder, inNames, in, 3, outNames, nOut, L, runSeconds);
   if (encOutputs.count(0) < size_t(L) * h)
     throw std::runtime_error("a2x encoder: output holds fewer than L x h values");
   if (enc.size() < size_t(e) * h) enc.resize(size_t(e) * h, 0.0f);
@@ -678,7 +725,6 @@ void le_a2x::silencePrime(int count) {
     std::vector<float> feat(size_t(N) * kFeat);
     for (int f = 0; f < N; ++f) {
       gatherPlanes(zero.data(), f, feat.data() + size_t(f) * kFeat);
-      roundHalf(feat.data() + size_t(f) * kFeat, feat.data() + size_t(f) * kFeat, kFeat, half);
     }
     std::vector<float> enc;
     encodeChunk(feat.data(), 0, 0, N, N, enc, nullptr);
@@ -758,7 +804,6 @@ int offlineDeltas(le_a2x* h, const float* audio, int n, float* out, int maxFrame
     for (int f = first; f < last; ++f) {
       float* row = feat.data() + size_t(f) * kFeat;
       gatherPlanes(emb, f - w, row);
-      roundHalf(row, row, kFeat, h->half);
     }
     filled = std::max(filled, last);
   }

@@ -32,6 +32,19 @@ HWY_INLINE hn::Vec<DF> WindowAt(DF df, const float* HWY_RESTRICT src, size_t fro
   return hn::Load(df, lanes);
 }
 
+// Calls f(i, load) for each block of kAcc window values below body, in order; load(i) gives
+// the vector at i. Blocks wholly inside [from, to) load straight from src, without the checks.
+template <class DF, class F>
+HWY_INLINE void ForBlocks(DF df, const float* src, size_t from, size_t to, size_t body, F&& f) {
+  const size_t lo = std::min(body, (from + kAcc - 1) / kAcc * kAcc);
+  const size_t hi = std::max(lo, std::min(body, to / kAcc * kAcc));
+  const auto edge = [&](size_t i) { return WindowAt(df, src, from, to, i); };
+  const auto inside = [&](size_t i) { return hn::LoadU(df, src + (i - from)); };
+  for (size_t i = 0; i < lo; i += kAcc) f(i, edge);
+  for (size_t i = lo; i < hi; i += kAcc) f(i, inside);
+  for (size_t i = hi; i < body; i += kAcc) f(i, edge);
+}
+
 void NormaliseWindow(const float* src, size_t from, size_t to, float* dst, size_t n) {
   const hn::CappedTag<double, kAcc> dd;
   const hn::Rebind<float, decltype(dd)> df;
@@ -49,28 +62,31 @@ void NormaliseWindow(const float* src, size_t from, size_t to, float* dst, size_
   };
   VD acc[kAcc];
   for (size_t v = 0; v < vecs; ++v) acc[v] = hn::Zero(dd);
-  for (size_t i = 0; i < body; i += kAcc)
-    for (size_t v = 0; v < vecs; ++v)
-      acc[v] = hn::Add(acc[v], hn::PromoteTo(dd, WindowAt(df, src, from, to, i + v * N)));
+  ForBlocks(df, src, from, to, body, [&](size_t i, const auto& load) {
+    for (size_t v = 0; v < vecs; ++v) acc[v] = hn::Add(acc[v], hn::PromoteTo(dd, load(i + v * N)));
+  });
   double tail = 0;
   for (size_t i = body; i < n; ++i) tail += at(i);
   const double mean = combine(acc, tail) / double(n);
 
   const VD m = hn::Set(dd, mean);
   for (size_t v = 0; v < vecs; ++v) acc[v] = hn::Zero(dd);
-  for (size_t i = 0; i < body; i += kAcc)
+  ForBlocks(df, src, from, to, body, [&](size_t i, const auto& load) {
     for (size_t v = 0; v < vecs; ++v) {
-      const VD d = hn::Sub(hn::PromoteTo(dd, WindowAt(df, src, from, to, i + v * N)), m);
+      const VD d = hn::Sub(hn::PromoteTo(dd, load(i + v * N)), m);
       acc[v] = hn::Add(acc[v], hn::Mul(d, d));
     }
+  });
   tail = 0;
   for (size_t i = body; i < n; ++i) tail += (at(i) - mean) * (at(i) - mean);
   const double ss = combine(acc, tail);
 
   const float inv = 1.0f / std::sqrt(static_cast<float>(ss / double(n) + 1e-7));
   const VD vinv = hn::Set(dd, double(inv));
-  for (size_t i = 0; i < body; i += N)
-    hn::StoreU(hn::DemoteTo(df, hn::Mul(hn::Sub(hn::PromoteTo(dd, WindowAt(df, src, from, to, i)), m), vinv)), df, dst + i);
+  ForBlocks(df, src, from, to, body, [&](size_t i, const auto& load) {
+    for (size_t v = 0; v < vecs; ++v)
+      hn::StoreU(hn::DemoteTo(df, hn::Mul(hn::Sub(hn::PromoteTo(dd, load(i + v * N)), m), vinv)), df, dst + i + v * N);
+  });
   for (size_t i = body; i < n; ++i) dst[i] = static_cast<float>((at(i) - mean) * inv);
 }
 
