@@ -1,6 +1,7 @@
-// Unwrapping a 200 MB container against `cp` of the same file: the streaming copy in 8 MiB
-// steps should stay within 1.2x of what the system's own copy takes. The scratch data lives
-// under /tmp and is removed when the benchmark ends.
+// Unwrapping a 200 MB container against `cp` of the same file: the streaming copy (in the
+// kernel, through a pipe for members that lie unlike their destination within a page) should
+// stay within 1.2x of what the system's own copy takes. The scratch data lives under /tmp and
+// is removed when the benchmark ends.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>

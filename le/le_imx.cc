@@ -179,8 +179,32 @@ std::vector<TocEntry> readToc(std::FILE* in, const std::string& path) {
   return toc;
 }
 
+StreamCopier::~StreamCopier() { closePipe(); }
+
+void StreamCopier::closePipe() {
+  for (int& fd : pipe_) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+  }
+}
+
 CopyStatus StreamCopier::copy(int in_fd, uint64_t offset, int out_fd, uint64_t n) {
-  while (n > 0 && in_kernel_) {
+  if (in_kernel_ && n > 0) {
+    // The kernel's file-to-file copy works page by page: where the range starts at another
+    // place within a page than the destination's position, every page is pieced together
+    // from two and that copy is slow; a pipe of our own with room for many pages is not.
+    const off_t at = ::lseek(out_fd, 0, SEEK_CUR);
+    const bool alike = at >= 0 && (offset - static_cast<uint64_t>(at)) % kPageBytes == 0;
+    const CopyStatus st = alike ? copyRange(in_fd, offset, out_fd, n) : copySpliced(in_fd, offset, out_fd, n);
+    if (st != CopyStatus::Ok) return st;
+  }
+  return copyBuffered(in_fd, offset, out_fd, n);
+}
+
+// Each refusal ends the kernel paths for this copier; what is left goes through the buffer,
+// which tells a real failure from an unsupported pair of files.
+CopyStatus StreamCopier::copyRange(int in_fd, uint64_t& offset, int out_fd, uint64_t& n) {
+  while (n > 0) {
     const size_t want = static_cast<size_t>(std::min<uint64_t>(n, cap_));
     loff_t off = static_cast<loff_t>(offset);
     const ssize_t r = ::copy_file_range(in_fd, &off, out_fd, nullptr, want, 0);
@@ -190,11 +214,45 @@ CopyStatus StreamCopier::copy(int in_fd, uint64_t offset, int out_fd, uint64_t n
     } else if (r == 0) {
       return CopyStatus::ShortRead;
     } else if (errno != EINTR) {
-      // Unsupported between these files, or a real failure: the buffered path tells which.
       in_kernel_ = false;
+      break;
     }
   }
-  return copyBuffered(in_fd, offset, out_fd, n);
+  return CopyStatus::Ok;
+}
+
+CopyStatus StreamCopier::copySpliced(int in_fd, uint64_t& offset, int out_fd, uint64_t& n) {
+  if (pipe_[0] < 0) {
+    if (::pipe2(pipe_, O_CLOEXEC) != 0) {
+      in_kernel_ = false;
+      return CopyStatus::Ok;
+    }
+    ::fcntl(pipe_[1], F_SETPIPE_SZ, static_cast<int>(kPipeBytes));  // the default size also works
+  }
+  while (n > 0) {
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(n, std::min(cap_, kPipeBytes)));
+    loff_t off = static_cast<loff_t>(offset);
+    const ssize_t r = ::splice(in_fd, &off, pipe_[1], nullptr, want, SPLICE_F_MOVE);
+    if (r == 0) return CopyStatus::ShortRead;
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      in_kernel_ = false;
+      break;
+    }
+    for (ssize_t left = r; left > 0;) {
+      const ssize_t w = ::splice(pipe_[0], nullptr, out_fd, nullptr, static_cast<size_t>(left), SPLICE_F_MOVE);
+      if (w < 0 && errno == EINTR) continue;
+      if (w <= 0) {
+        closePipe();  // the bytes still in it are read again from the source
+        in_kernel_ = false;
+        return CopyStatus::Ok;
+      }
+      left -= w;
+      offset += static_cast<uint64_t>(w);
+      n -= static_cast<uint64_t>(w);
+    }
+  }
+  return CopyStatus::Ok;
 }
 
 CopyStatus StreamCopier::copyBuffered(int in_fd, uint64_t& offset, int out_fd, uint64_t& n) {
@@ -247,6 +305,7 @@ std::string unwrapOnce(const std::string& container) {
   const std::vector<TocEntry> toc = readToc(in.get(), container);
 
   StreamCopier copier;
+  std::string made = dir;  // the last directory known to exist
   for (const TocEntry& e : toc) {
     if (!isSafeMemberName(e.name))
       fail(container + ": refusing unsafe member name '" + printableName(e.name) + "'");
@@ -254,7 +313,8 @@ std::string unwrapOnce(const std::string& container) {
 
     const std::string dest = dir + "/" + e.name;
     const std::string parent = dirName(dest);
-    if (!mkdirs(parent)) fail("cannot create " + parent);
+    if (parent != made && !mkdirs(parent)) fail("cannot create " + parent);
+    made = parent;
     if (e.offset > static_cast<uint64_t>(INT64_MAX) ||
         ::fseeko(in.get(), static_cast<off_t>(e.offset), SEEK_SET) != 0)
       fail(container + ": cannot seek to member " + e.name);

@@ -27,6 +27,8 @@ namespace imx {
 constexpr uint32_t kMagic = 0x00584D49;  // "IMX\0"
 constexpr uint16_t kVersion = 2;
 constexpr size_t kCopyBuffer = 0x800000;        // one 8 MiB buffer per copy
+constexpr uint64_t kPageBytes = 4096;           // the page-cache granule of in-kernel copies
+constexpr size_t kPipeBytes = 0x100000;         // the in-kernel copy's pipe, when it needs one
 constexpr uint64_t kSyntheticManifestMax = 0x400000;
 constexpr const char* kMarkerSuffix = ".imx_unwrapped";
 constexpr const char* kMarkerTag = "imx-unwrapped.v2";
@@ -46,21 +48,29 @@ std::vector<TocEntry> readToc(std::FILE* in, const std::string& path);
 bool isSafeMemberName(std::string_view name);
 
 // Streams byte ranges between files in steps of at most cap bytes, never holding more than
-// one step: inside the kernel where the platform can copy between the two files (no pass of the
-// bytes through user space), else through one buffer of cap bytes.
+// one step: inside the kernel where the platform can (no pass of the bytes through user space;
+// file to file where the range and the destination's position lie alike within a page, else
+// through a pipe of kPipeBytes), else through one buffer of cap bytes.
 enum class CopyStatus { Ok, ShortRead, ShortWrite };
 class StreamCopier {
  public:
   explicit StreamCopier(size_t cap = kCopyBuffer, bool in_kernel = true)
       : cap_(cap ? cap : 1), in_kernel_(in_kernel) {}
+  ~StreamCopier();
+  StreamCopier(const StreamCopier&) = delete;
+  StreamCopier& operator=(const StreamCopier&) = delete;
   // Copies n bytes of in_fd from offset (its file position is left alone) to out_fd's
   // current position. ShortRead: in_fd ended early or failed; ShortWrite: out_fd failed.
   CopyStatus copy(int in_fd, uint64_t offset, int out_fd, uint64_t n);
 
  private:
+  CopyStatus copyRange(int in_fd, uint64_t& offset, int out_fd, uint64_t& n);
+  CopyStatus copySpliced(int in_fd, uint64_t& offset, int out_fd, uint64_t& n);
   CopyStatus copyBuffered(int in_fd, uint64_t& offset, int out_fd, uint64_t& n);
+  void closePipe();
   size_t cap_;
   bool in_kernel_;
+  int pipe_[2] = {-1, -1};
   std::vector<char> buf_;  // allocated when the buffered path is first taken
 };
 

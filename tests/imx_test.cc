@@ -318,13 +318,17 @@ TEST_F(Imx, StreamCopierInKernelAndBuffered) {
     const int in = ::open(src.c_str(), O_RDONLY);
     const std::string dst = scratch / "dst.bin";
     int out = ::open(dst.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    EXPECT_EQ(copier.copy(in, 11, out, 2500), le::imx::CopyStatus::Ok);
-    EXPECT_EQ(copier.copy(in, 0, out, 5), le::imx::CopyStatus::Ok);
-    EXPECT_EQ(copier.copy(in, 3000, out, 18), le::imx::CopyStatus::ShortRead);
+    // Source and destination alike within a page (file to file), then not (through the pipe),
+    // each both whole and running past the end of the source.
+    EXPECT_EQ(copier.copy(in, 0, out, 2500), le::imx::CopyStatus::Ok);
+    EXPECT_EQ(copier.copy(in, 11, out, 2489), le::imx::CopyStatus::Ok);
+    EXPECT_EQ(copier.copy(in, 893, out, 2200), le::imx::CopyStatus::ShortRead);  // 4989 % 4096
+    EXPECT_EQ(copier.copy(in, 3000, out, 30), le::imx::CopyStatus::ShortRead);
     ::close(out);
-    EXPECT_EQ(le::readFile(dst), bytes.substr(11, 2500) + bytes.substr(0, 5) + bytes.substr(3000));
+    EXPECT_EQ(le::readFile(dst), bytes.substr(0, 2500) + bytes.substr(11, 2489) + bytes.substr(893) + bytes.substr(3000));
     out = ::open("/dev/full", O_WRONLY);
     ASSERT_GE(out, 0);
+    EXPECT_EQ(copier.copy(in, 7, out, 100), le::imx::CopyStatus::ShortWrite);
     EXPECT_EQ(copier.copy(in, 0, out, 100), le::imx::CopyStatus::ShortWrite);
     ::close(out);
     ::close(in);
