@@ -196,8 +196,8 @@ struct EncShape {
 
 // Float tensors over rows the handle owns, kept by address and shape: a tensor is only a pointer
 // and a shape, so one made earlier for the same pair serves again, even after the rows behind
-// it were rewritten. Feature rows are dropped from the front 64 at a time while the stream
-// advances 8 rows, so a steady stream comes back to a handful of addresses.
+// it were rewritten. Feature rows are dropped from the front in batches while the stream
+// advances 8 rows, so a steady stream comes back to a few dozen addresses.
 class RowViews {
  public:
   OrtValue* get(const Ort::MemoryInfo& memory, float* data, const std::vector<int64_t>& shape) {
@@ -214,7 +214,7 @@ class RowViews {
   }
 
  private:
-  static constexpr size_t kViews = 32;  // kept round robin
+  static constexpr size_t kViews = 48;  // kept round robin
   struct View {
     float* data = nullptr;
     std::vector<int64_t> shape;
@@ -459,11 +459,13 @@ void le_a2x::ensureFeatRows(int frames) {
 
 // Encoder chunks start at their first row minus the left context, and chunks only move
 // forward, so rows below encDone - leftContext are never read again (features are computed at
-// or beyond featDone >= encDone). Dropped 64 rows or more at a time to keep the moves rare.
+// or beyond featDone >= encDone). The rows kept move to the front, a megabyte or so each time,
+// so rows are dropped once there are eight times as many as move (64 at least, 256 at most).
 void le_a2x::dropFeatRows() {
   const int keep = std::max(0, encDone - leftContext);
   const size_t rows = std::min(size_t(std::max(0, keep - featBase)), featFrames.size() / kFeat);
-  if (rows < 64) return;
+  const size_t moved = featFrames.size() / kFeat - rows;
+  if (rows < 64 || (rows < 8 * moved && rows < 256)) return;
   featFrames.erase(featFrames.begin(), featFrames.begin() + std::ptrdiff_t(rows * kFeat));
   featBase += int(rows);
 }
@@ -565,6 +567,12 @@ void le_a2x::featuresWindowed(int need) {
     // block's steps lie within a few cache lines.
     for (int c = 0; c < kTrunkCh; ++c) {
       const uint16_t* v = trunkHalf + size_t(c) * size_t(LT);
+      // The steps of a channel a few rows on are asked for early: rows are LT steps apart,
+      // further than the hardware's prefetch follows.
+      if (c + 4 < kTrunkCh) {
+        __builtin_prefetch(v + 4 * LT + i0[0]);
+        __builtin_prefetch(v + 4 * LT + i1[kBlockFrames - 1]);
+      }
       for (int j = 0; j < kBlockFrames; ++j) {
         trunkPair[size_t(2 * j) * kTrunkCh + size_t(c)] = v[i0[j]];
         trunkPair[size_t(2 * j + 1) * kTrunkCh + size_t(c)] = v[i1[j]];
