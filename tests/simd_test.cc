@@ -292,8 +292,8 @@ TEST(SimdHalf, RoundMulAndRgbPlanes) {
       le::simd::roundF16Mul(a.data(), b.data(), got.data(), len);
       for (size_t i = 0; i < len; ++i) ASSERT_EQ(bitsOf(got[i]), bitsOf(want[i])) << i;
       ASSERT_EQ(got[len], 5.0f);
-      std::vector<float> rounded(a.begin(), a.begin() + std::ptrdiff_t(len + 1));
-      rounded[len] = 5.0f;
+      std::vector<float> rounded(a.begin(), a.begin() + std::ptrdiff_t(len));
+      rounded.push_back(5.0f);
       le::simd::roundF16(rounded.data(), rounded.data(), len);  // in place
       for (size_t i = 0; i < len; ++i) ASSERT_EQ(bitsOf(rounded[i]), bitsOf(refRoundHalf(a[i]))) << i;
       ASSERT_EQ(rounded[len], 5.0f);
