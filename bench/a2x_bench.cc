@@ -6,7 +6,6 @@
 // and the heap allocations made in steady state (malloc and friends are counted here), all of
 // them and those outside ONNX Runtime's runs.
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
 #include <time.h>
 
@@ -20,47 +19,9 @@
 #include "tests/a2x_fixture.h"
 #include "tests/support/media.h"
 
-std::atomic<long> gAllocs{0}, gAllocBytes{0}, gAllocMax{0}, gAllocsOutside{0};
-void noteAlloc(size_t n) {
-  gAllocs.fetch_add(1, std::memory_order_relaxed);
-  if (!le::a2x::insideRun()) gAllocsOutside.fetch_add(1, std::memory_order_relaxed);
-  gAllocBytes.fetch_add(long(n), std::memory_order_relaxed);
-  long m = gAllocMax.load(std::memory_order_relaxed);
-  while (long(n) > m && !gAllocMax.compare_exchange_weak(m, long(n), std::memory_order_relaxed)) {
-  }
-}
+#include "bench/alloc_count.h"
 
-extern "C" {
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void* __libc_memalign(size_t, size_t);
-void* malloc(size_t n) {
-  noteAlloc(n);
-  return __libc_malloc(n);
-}
-void* calloc(size_t k, size_t n) {
-  noteAlloc(k * n);
-  return __libc_calloc(k, n);
-}
-void* realloc(void* p, size_t n) {
-  noteAlloc(n);
-  return __libc_realloc(p, n);
-}
-void* memalign(size_t a, size_t n) {
-  noteAlloc(n);
-  return __libc_memalign(a, n);
-}
-void* aligned_alloc(size_t a, size_t n) {
-  noteAlloc(n);
-  return __libc_memalign(a, n);
-}
-int posix_memalign(void** p, size_t a, size_t n) {
-  noteAlloc(n);
-  *p = __libc_memalign(a, n);
-  return *p ? 0 : 12;  // ENOMEM
-}
-}
+bool benchInsideRun() { return le::a2x::insideRun(); }
 
 namespace {
 
