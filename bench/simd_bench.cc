@@ -124,8 +124,8 @@ struct PasteScene {
 
   PasteScene() {
     std::mt19937 rng(2);
-    src.resize(size_t{kCrop} * kCrop * 4);
-    for (size_t i = 0; i < src.size(); ++i) src[i] = i % 4 == 3 ? 0.0f : static_cast<float>(rng() % 256);
+    src.resize(le::simd::pasteSourceFloats(kCrop));
+    for (float& v : src) v = static_cast<float>(rng() % 256);
     mask.resize(size_t{kCrop} * kCrop);
     for (int yy = 0; yy < kCrop; ++yy)  // soft-edged ellipse
       for (int xx = 0; xx < kCrop; ++xx) {

@@ -21,6 +21,8 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 constexpr size_t kGrain = 64;
+// Crop rows sharpened together: the column runs take them four at a time.
+constexpr int kBand = 8;
 // Fixed-point positions must stay well inside int so row start + column offset cannot overflow.
 constexpr double kFixedLimit = 1073741824.0;  // 2^30
 
@@ -53,44 +55,6 @@ int reflect101(int i, int n) {
 
 // NaN goes to 0, so nothing downstream sees one.
 inline float clamp255(float v) { return v > 0.f ? (v < 255.f ? v : 255.f) : 0.f; }
-
-// The unsharp loops run for every frame over the whole crop: compiled for AVX-512 and AVX2 as
-// well as the baseline. Contraction into fused multiply-add is off (the AVX-512 target has FMA),
-// so every variant gives the same bits. Sanitizer builds keep one variant: their instrumented
-// ifunc resolvers would run before the sanitizer runtime is up.
-#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__) && \
-    !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
-#define LE_PASTE_CLONES \
-  __attribute__((target_clones("avx512f", "avx2", "default"), optimize("fp-contract=off")))
-#else
-#define LE_PASTE_CLONES
-#endif
-
-// out[x] = sum over t ascending of g[t] * in[x + t * step], for x in [0, n). Blocks of 32
-// columns keep their sums in registers across the taps.
-LE_PASTE_CLONES void blurRow(const float* in, size_t step, const float* g, int K, float* out,
-                             int n) {
-  constexpr int kBlock = 32;
-  int x0 = 0;
-  for (; x0 + kBlock <= n; x0 += kBlock) {
-    float acc[kBlock] = {};
-    for (int t = 0; t < K; ++t) {
-      const float gt = g[t];
-      const float* r = in + size_t(t) * step + x0;
-      for (int i = 0; i < kBlock; ++i) acc[i] += gt * r[i];
-    }
-    for (int i = 0; i < kBlock; ++i) out[x0 + i] = acc[i];
-  }
-  for (int x = x0; x < n; ++x) {
-    float acc = 0.f;
-    for (int t = 0; t < K; ++t) acc += g[t] * in[size_t(t) * step + size_t(x)];
-    out[x] = acc;
-  }
-}
-
-LE_PASTE_CLONES void sharpenRow(float* pl, const float* blur, float gain, float amount, int n) {
-  for (int x = 0; x < n; ++x) pl[x] = clamp255(pl[x] * gain - blur[x] * amount);
-}
 
 std::once_flag g_announce;
 
@@ -160,66 +124,92 @@ Paste::Paste(std::vector<uint8_t> mask, int crop, const Unsharp& unsharp)
     b[3] = 1.f - w0 - w1 - w2;
   }
 
-  const size_t n = size_t(crop_) * size_t(crop_);
-  for (auto& pl : planes_) pl.assign(n, 0.f);
-  blurA_.assign(3 * size_t(padded_) * size_t(padded_), 0.f);
-  blurB_.assign(3 * size_t(padded_) * size_t(crop_), 0.f);
-  src4_.assign(n * 4, 0.f);
+  // Per crop row iy (from -1): the columns ix whose 2 x 2 mask neighbourhood (ix..ix+1,
+  // iy..iy+1) holds a non-zero byte lie in near_[iy + 1], empty when first > second.
+  std::vector<std::pair<int, int>> rowSpan(size_t(crop_), {crop_, -1});
+  for (int y = 0; y < crop_; ++y)
+    for (int x = 0; x < crop_; ++x)
+      if (mask_[size_t(y) * size_t(crop_) + size_t(x)]) {
+        auto& sp = rowSpan[size_t(y)];
+        sp.first = std::min(sp.first, x - 1);
+        sp.second = std::max(sp.second, x);
+      }
+  near_.assign(size_t(crop_) + 1, {crop_, -1});
+  for (int iy = -1; iy < crop_; ++iy)
+    for (int yy : {iy, iy + 1})
+      if (yy >= 0 && yy < crop_) {
+        auto& sp = near_[size_t(iy + 1)];
+        sp.first = std::min(sp.first, rowSpan[size_t(yy)].first);
+        sp.second = std::max(sp.second, rowSpan[size_t(yy)].second);
+      }
+  // Lanczos mode reads the crop from row bands, the planar modes from the planes.
+  if (fast_ == 0)
+    cols_.assign(le::simd::pasteSourceFloats(crop_), 0.f);
+  else
+    for (auto& pl : planes_) pl.assign(size_t(crop_) * size_t(crop_), 0.f);
+  // One sharpening scratch per pool part: a padded row, the ring of horizontally blurred rows
+  // one band needs, and the band itself.
+  scratch_.resize(size_t(std::max(1, le::pool::threads())));
+  for (Scratch& sc : scratch_) {
+    sc.padded.assign(size_t(padded_), 0.f);
+    sc.ring.assign(size_t(ksize_ + kBand - 1) * size_t(crop_), 0.f);
+    sc.band.assign(size_t(kBand) * size_t(crop_), 0.f);
+    sc.rows.resize(size_t(ksize_));
+  }
 }
 
-// Scales the crop into the planes and sharpens them:
+// Scales the crop and sharpens it:
 // plane = clamp(plane * (1 + amount) - gauss(plane) * amount, 0, 255), the Gaussian separable
-// over a mirrored border, horizontal pass first, taps summed in ascending order.
+// over a mirrored border, horizontal pass first, taps summed in ascending order. Each pool part
+// takes a range of rows, whole bands of them, and keeps the horizontally blurred rows it needs
+// in a ring; the sharpened bands go straight to the Lanczos source (or to the planes).
 void Paste::sharpen(const float* in, float scale) {
   if (crop_ > 1024) throw std::runtime_error("paste: side > 1024");
-  const int n = crop_, P = padded_;
+  const int n = crop_;
+  const int parts = std::min(int(scratch_.size()), le::pool::parts(size_t(n), kGrain));
+  const int chunk = ((n + parts - 1) / parts + kBand - 1) / kBand * kBand;
+  // One captured pointer keeps std::function from allocating.
   struct Job {
     Paste* self;
     const float* in;
     float scale;
-  } job{this, in, scale};
-
-  // Pass 1, per padded row of each plane: build the mirrored row (keeping the interior as the
-  // plane itself), then blur it horizontally.
-  le::pool::parallelRange(3 * size_t(P), kGrain, [&job](size_t b, size_t e) {
-    Paste& s = *job.self;
-    const int n = s.crop_, P = s.padded_, K = s.ksize_, r = K / 2;
-    const size_t plane = size_t(n) * size_t(n);
-    const float* g = s.gauss_.data();
-    for (size_t i = b; i < e; ++i) {
-      const int k = int(i / size_t(P)), R = int(i % size_t(P));
-      const int sy = reflect101(R - r, n);
-      const float* srow = job.in + size_t(k) * plane + size_t(sy) * size_t(n);
-      float* a = &s.blurA_[(size_t(k) * size_t(P) + size_t(R)) * size_t(P)];
-      for (int c = 0; c < r; ++c) a[c] = job.scale * srow[reflect101(c - r, n)];
-      for (int x = 0; x < n; ++x) a[r + x] = job.scale * srow[x];
-      for (int c = r + n; c < P; ++c) a[c] = job.scale * srow[reflect101(c - r, n)];
-      if (R - r >= 0 && R - r < n)
-        std::copy(a + r, a + r + n, &s.planes_[k][size_t(R - r) * size_t(n)]);
-      blurRow(a, 1, g, K, &s.blurB_[(size_t(k) * size_t(P) + size_t(R)) * size_t(n)], n);
-    }
+    int n, chunk;
+  } job{this, in, scale, n, chunk};
+  le::pool::parallelRange(size_t(parts), 1, [&job](size_t b, size_t e) {
+    for (size_t i = b; i < e; ++i)
+      job.self->sharpenRows(job.in, job.scale, std::min(job.n, int(i) * job.chunk),
+                            std::min(job.n, int(i + 1) * job.chunk), job.self->scratch_[i]);
   });
+}
 
-  // Pass 2, per crop row: vertical blur and sharpen in place; then (Lanczos mode) interleave.
-  le::pool::parallelRange(size_t(n), kGrain, [&job](size_t b, size_t e) {
-    Paste& s = *job.self;
-    const int n = s.crop_, P = s.padded_, K = s.ksize_;
-    const float* g = s.gauss_.data();
-    const float amt = s.amount_, gain = 1.f + s.amount_;
-    for (size_t y = b; y < e; ++y) {
-      for (int k = 0; k < 3; ++k) {
-        // Plane k's padded rows are no longer needed: its row y is this row's scratch.
-        float* blur = &s.blurA_[(size_t(k) * size_t(P) + y) * size_t(P)];
-        blurRow(&s.blurB_[(size_t(k) * size_t(P) + y) * size_t(n)], n, g, K, blur, n);
-        sharpenRow(&s.planes_[k][y * size_t(n)], blur, gain, amt, n);
+void Paste::sharpenRows(const float* in, float scale, int y0, int y1, Scratch& sc) {
+  const int n = crop_, P = padded_, K = ksize_, r = K / 2, ring = K + kBand - 1;
+  const size_t plane = size_t(n) * size_t(n);
+  const float* g = gauss_.data();
+  float* a = sc.padded.data();
+  for (int k = 0; k < 3; ++k) {
+    const float* src = in + size_t(k) * plane;
+    int next = y0;  // next padded row to blur horizontally
+    for (int yb = y0; yb < y1; yb += kBand) {
+      const int ye = std::min(y1, yb + kBand);
+      for (; next < ye + K - 1; ++next) {
+        // Padded row `next` is crop row next - r, mirrored at the crop's edges.
+        const float* srow = src + size_t(reflect101(next - r, n)) * size_t(n);
+        for (int c = 0; c < r; ++c) a[c] = scale * srow[reflect101(c - r, n)];
+        for (int x = 0; x < n; ++x) a[r + x] = scale * srow[x];
+        for (int c = r + n; c < P; ++c) a[c] = scale * srow[reflect101(c - r, n)];
+        for (int t = 0; t < K; ++t) sc.rows[size_t(t)] = a + t;
+        le::simd::pasteBlurRow(sc.rows.data(), g, K, n, &sc.ring[size_t(next % ring) * size_t(n)]);
       }
+      for (int y = yb; y < ye; ++y) {
+        for (int t = 0; t < K; ++t) sc.rows[size_t(t)] = &sc.ring[size_t((y + t) % ring) * size_t(n)];
+        float* out = fast_ == 0 ? &sc.band[size_t(y - yb) * size_t(n)]
+                                : &planes_[k][size_t(y) * size_t(n)];
+        le::simd::pasteSharpenRow(sc.rows.data(), g, K, n, src + size_t(y) * size_t(n), scale, amount_, out);
+      }
+      if (fast_ == 0) le::simd::pasteColumns(sc.band.data(), n, yb, ye, k, cols_.data());
     }
-    // Lanczos mode: the crop interleaved column by column, so that one pixel's eight source
-    // rows in a column are consecutive.
-    if (s.fast_ == 0)
-      le::simd::interleaveColumns(s.planes_[0].data(), s.planes_[1].data(), s.planes_[2].data(), n, int(b),
-                                  int(e), s.src4_.data());
-  });
+  }
 }
 
 int Paste::plan(const float* M, int crop, int W, int H, Plan* out) {
@@ -315,19 +305,34 @@ void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
   le::pool::parallelRange(size_t(y1 - y0 + 1), kGrain, [&job](size_t b, size_t e) {
     const Paste& s = *job.self;
     const Rows& r = *job.rows;
+    const int ncol = job.x1 - job.x0 + 1;
     for (size_t i = b; i < e; ++i) {
       const int y = job.y0 + int(i);
       const int row_x = int(std::rint((y * r.du_dy + r.u0) * 1024)) + 16;
       const int row_y = int(std::rint((y * r.dv_dy + r.v0) * 1024)) + 16;
+      // Only the columns between the first and the last whose mask neighbourhood holds a
+      // non-zero weight can blend.
+      int a = 0, z = ncol - 1;
+      while (a <= z && !s.maskNear(row_x + s.col_x_[size_t(a)], row_y + s.col_y_[size_t(a)])) ++a;
+      while (z > a && !s.maskNear(row_x + s.col_x_[size_t(z)], row_y + s.col_y_[size_t(z)])) --z;
+      if (a > z) continue;
       uint8_t* dst = job.frame + size_t(y) * size_t(job.W) * 3;
+      const int* cx = s.col_x_.data() + a;
+      const int* cy = s.col_y_.data() + a;
       if (s.fast_ == 0)
-        le::simd::pasteLanczos8Row(s.src4_.data(), s.crop_, s.mask_.data(), s.lanczos_.data(),
-                                   s.bilinear_.data(), s.col_x_.data(), s.col_y_.data(), row_x,
-                                   row_y, job.x0, job.x1, dst);
+        le::simd::pasteLanczos8Row(s.cols_.data(), s.crop_, s.mask_.data(), s.lanczos_.data(),
+                                   s.bilinear_.data(), cx, cy, row_x, row_y, job.x0 + a, job.x0 + z, dst);
       else
-        s.resampleRowPlanar(dst, row_x, row_y, job.x0, job.x1);
+        s.resampleRowPlanar(dst, cx, cy, row_x, row_y, job.x0 + a, job.x0 + z);
     }
   });
+}
+
+bool Paste::maskNear(int sx, int sy) const {
+  const int ix = sx >> kFracBits, iy = sy >> kFracBits;
+  if (!(sx >= -1024 && sy >= -1024 && ix < crop_ && iy < crop_)) return false;
+  const auto& span = near_[size_t(iy + 1)];
+  return span.first <= ix && ix <= span.second;
 }
 
 namespace {
@@ -367,13 +372,14 @@ inline float bilinearAt(const float* pl, int n, int ix, int iy, float wx0, float
 
 // Bicubic (mode 1) and bilinear (mode 2) rows: the Lanczos row's skip rule and mask alpha, with
 // the colour taken from the three planes.
-void Paste::resampleRowPlanar(uint8_t* dst, int row_x, int row_y, int x0, int x1) const {
+void Paste::resampleRowPlanar(uint8_t* dst, const int* col_x, const int* col_y, int row_x, int row_y,
+                              int x0, int x1) const {
   const int n = crop_;
   const float* bl = bilinear_.data();
   const float* pl[3] = {planes_[0].data(), planes_[1].data(), planes_[2].data()};
   for (int x = x0; x <= x1; ++x) {
     const simd::detail::PastePos p =
-        simd::detail::pastePos(row_x + col_x_[size_t(x - x0)], row_y + col_y_[size_t(x - x0)], n);
+        simd::detail::pastePos(row_x + col_x[x - x0], row_y + col_y[x - x0], n);
     if (!p.ok) continue;
     const float alpha = simd::detail::pasteAlpha(mask_.data(), n, bl, p);
     if (!(alpha > 0.f)) continue;

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace le {
@@ -66,9 +67,20 @@ class Paste {
   };
   // 1 with the plan of a paste, 0 when nothing is pasted, -1 when positions overflow.
   static int plan(const float* M, int crop, int W, int H, Plan* out);
+  // Per pool part: a padded row, the ring of horizontally blurred rows, one band of sharpened
+  // rows, and the row pointers of one blur.
+  struct Scratch {
+    std::vector<float> padded, ring, band;
+    std::vector<const float*> rows;
+  };
   void sharpen(const float* crop_planes, float scale);
+  void sharpenRows(const float* crop_planes, float scale, int y0, int y1, Scratch& sc);
   void compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1, const Rows& rows);
-  void resampleRowPlanar(uint8_t* dst_row, int row_x, int row_y, int x0, int x1) const;
+  void resampleRowPlanar(uint8_t* dst_row, const int* col_x, const int* col_y, int row_x, int row_y,
+                         int x0, int x1) const;
+  // Whether the fixed-point source position has a non-zero mask byte among its four bilinear
+  // neighbours: pixels where it does not cannot blend.
+  bool maskNear(int sx, int sy) const;
 
   int crop_;
   int ksize_;
@@ -80,10 +92,10 @@ class Paste {
   std::vector<float> lanczos_;
   std::vector<float> bilinear_;
   std::vector<float> bicubic_;
-  std::vector<float> planes_[3];  // the crop's R, G, B in 0..255 units, sharpened in place
-  std::vector<float> blurA_;      // per plane: the padded (mirrored) plane, then row scratch
-  std::vector<float> blurB_;      // per plane: padded rows x crop columns, horizontally blurred
-  std::vector<float> src4_;       // R, G, B, 0 per crop pixel, column by column: the Lanczos source
+  std::vector<std::pair<int, int>> near_;  // see maskNear
+  std::vector<float> planes_[3];  // planar modes: the sharpened R, G, B in 0..255 units
+  std::vector<float> cols_;       // Lanczos mode: the sharpened crop in overlapping row bands
+  std::vector<Scratch> scratch_;
   std::vector<int> col_x_, col_y_;
 };
 

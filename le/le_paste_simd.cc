@@ -3,24 +3,11 @@
 
 #include "le/le_simd_targets.h"
 
-#ifndef LE_PASTE_SIMD_SCALAR_ONCE
-#define LE_PASTE_SIMD_SCALAR_ONCE
-
 #include <algorithm>
 #include <cmath>
 
 #include "le/le_paste_alpha.h"
 #include "le/le_simd.h"
-
-namespace le::simd::detail {
-
-inline bool pasteInterior(const PastePos& p, int crop) {
-  return p.ix - 3 >= 0 && p.ix + 4 < crop && p.iy - 3 >= 0 && p.iy + 4 < crop;
-}
-
-}  // namespace le::simd::detail
-
-#endif  // LE_PASTE_SIMD_SCALAR_ONCE
 
 // The tap and row loops must unroll so the eight row sums live in registers.
 #if defined(__clang__)
@@ -39,56 +26,107 @@ namespace le::simd {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-// One pixel's four interleaved channels per 128-bit vector.
+// One pixel's three channel sums (and a zero) per 128-bit vector.
 using D4 = hn::FixedTag<float, 4>;
 using V4 = hn::Vec<D4>;
+// Eight source rows of one column run: one vector on the AVX targets, two below.
+using D8 = hn::CappedTag<float, 8>;
 
-// Channel sums of one pixel from the column-major source (column x holds rows 0..crop-1, four
-// channels each); columns and rows outside the crop contribute nothing.
-HWY_INLINE V4 LanczosPixel(const float* HWY_RESTRICT src, int crop, const float* HWY_RESTRICT kx,
-                           const float* HWY_RESTRICT ky, const detail::PastePos& p, bool interior) {
-  const D4 d;
-  V4 sum = hn::Zero(d);
-  const size_t cs = static_cast<size_t>(crop) * 4;  // one column
-  if (interior) {
-    // A column's eight rows are 32 consecutive floats, whole vectors of (row, channel) lanes:
-    // each lane is one row's chain, summed in tap order, and nothing is shuffled.
-    const hn::CappedTag<float, 16> dv;
-    constexpr int kN = static_cast<int>(hn::MaxLanes(dv));
-    static_cast<void>(kN);
-    const float* s = src + (static_cast<size_t>(p.ix - 3) * crop + static_cast<size_t>(p.iy - 3)) * 4;
-    hn::Vec<decltype(dv)> r[32 / kN];
-    const auto k0 = hn::Set(dv, kx[0]);
-    LE_UNROLL8 for (int m = 0; m < 32 / kN; ++m) r[m] = hn::Mul(k0, hn::LoadU(dv, s + m * kN));
-    LE_UNROLL8 for (int i = 1; i < 8; ++i) {
-      const auto k = hn::Set(dv, kx[i]);
-      LE_UNROLL8 for (int m = 0; m < 32 / kN; ++m) r[m] = hn::Add(r[m], hn::Mul(k, hn::LoadU(dv, s + i * cs + m * kN)));
-    }
-    HWY_ALIGN float rows[32];
-    LE_UNROLL8 for (int m = 0; m < 32 / kN; ++m) hn::Store(r[m], dv, rows + m * kN);
-    LE_UNROLL8 for (int j = 0; j < 8; ++j) sum = hn::Add(sum, hn::Mul(hn::Load(d, rows + 4 * j), hn::Set(d, ky[j])));
-    return sum;
-  }
-  for (int j = 0; j < 8; ++j) {
-    const int row = p.iy - 3 + j;
-    if (row < 0 || row >= crop) continue;
-    const float* s = src + static_cast<size_t>(row) * 4;
-    const auto tap = [&](int i) {
-      const int col = p.ix - 3 + i;
-      return (col >= 0 && col < crop) ? hn::LoadU(d, s + cs * static_cast<size_t>(col)) : hn::Zero(d);
-    };
-    V4 r = hn::Mul(hn::Set(d, kx[0]), tap(0));
-    for (int i = 1; i < 8; ++i) r = hn::Add(r, hn::Mul(hn::Set(d, kx[i]), tap(i)));
-    sum = hn::Add(sum, hn::Mul(r, hn::Set(d, ky[j])));
-  }
-  return sum;
+// Lanes j of r, g, b (and a zero) regrouped per block of four lanes: out[m] holds lane m of
+// each block of the three, as (r, g, b, 0).
+template <class D>
+HWY_INLINE void Transpose3(D d, hn::Vec<D> r, hn::Vec<D> g, hn::Vec<D> b, hn::Vec<D>* out) {
+  const hn::Repartition<uint64_t, D> du;
+  const auto z = hn::Zero(d);
+  const auto rg0 = hn::BitCast(du, hn::InterleaveLower(d, r, g)), bz0 = hn::BitCast(du, hn::InterleaveLower(d, b, z));
+  const auto rg1 = hn::BitCast(du, hn::InterleaveUpper(d, r, g)), bz1 = hn::BitCast(du, hn::InterleaveUpper(d, b, z));
+  out[0] = hn::BitCast(d, hn::InterleaveLower(du, rg0, bz0));
+  out[1] = hn::BitCast(d, hn::InterleaveUpper(du, rg0, bz0));
+  out[2] = hn::BitCast(d, hn::InterleaveLower(du, rg1, bz1));
+  out[3] = hn::BitCast(d, hn::InterleaveUpper(du, rg1, bz1));
 }
 
-// Mask weights of `count` consecutive output pixels (column offsets from i0), vectorised
-// with the same arithmetic as detail::pasteAlpha; pixels outside the crop get -1.
+// Channel sums of P pixels whose 8 x 8 taps all lie inside the crop. Lanes are the eight
+// source rows: each lane runs its row's chain over the columns in tap order, the products
+// with the row weights are then regrouped so the rows add in order, per channel. The pixels'
+// chains are independent and interleaved.
+template <int P, class D>
+HWY_INLINE void LanczosInterior(D d8, const float* const* s, const float* const* kx, const float* const* ky,
+                                V4* out) {
+  constexpr int kN = static_cast<int>(hn::MaxLanes(d8));
+  constexpr int kV = 8 / kN;
+  // Tap column i, channel c of a pixel: 8 floats at s + 48 * i + 16 * c.
+  hn::Vec<D> r[P][3][kV];
+  LE_UNROLL8 for (int q = 0; q < P; ++q) {
+    const auto k0 = hn::Set(d8, kx[q][0]);
+    LE_UNROLL8 for (int c = 0; c < 3; ++c)
+      LE_UNROLL8 for (int v = 0; v < kV; ++v) r[q][c][v] = hn::Mul(k0, hn::LoadU(d8, s[q] + 16 * c + v * kN));
+  }
+  LE_UNROLL8 for (int i = 1; i < 8; ++i) {
+    LE_UNROLL8 for (int q = 0; q < P; ++q) {
+      const auto k = hn::Set(d8, kx[q][i]);
+      LE_UNROLL8 for (int c = 0; c < 3; ++c)
+        LE_UNROLL8 for (int v = 0; v < kV; ++v)
+          r[q][c][v] = hn::Add(r[q][c][v], hn::Mul(k, hn::LoadU(d8, s[q] + 48 * i + 16 * c + v * kN)));
+    }
+  }
+  LE_UNROLL8 for (int q = 0; q < P; ++q) {
+    V4 rows[8];
+    LE_UNROLL8 for (int v = 0; v < kV; ++v) {
+      const auto w = hn::LoadU(d8, ky[q] + v * kN);
+      hn::Vec<D> t[4];
+      Transpose3(d8, hn::Mul(r[q][0][v], w), hn::Mul(r[q][1][v], w), hn::Mul(r[q][2][v], w), t);
+      if constexpr (kN == 8) {
+        const hn::Half<D> dh;
+        LE_UNROLL8 for (int m = 0; m < 4; ++m) {
+          rows[m] = hn::LowerHalf(dh, t[m]);
+          rows[4 + m] = hn::UpperHalf(dh, t[m]);
+        }
+      } else {
+        LE_UNROLL8 for (int m = 0; m < 4; ++m) rows[4 * v + m] = t[m];
+      }
+    }
+    V4 sum = rows[0];
+    LE_UNROLL8 for (int j = 1; j < 8; ++j) sum = hn::Add(sum, rows[j]);
+    out[q] = sum;
+  }
+}
+
+// The same near the crop border: taps outside it count 0, rows outside it are skipped.
+HWY_INLINE V4 LanczosBorder(const float* HWY_RESTRICT src, int crop, const float* HWY_RESTRICT kx,
+                            const float* HWY_RESTRICT ky, int ix, int iy) {
+  HWY_ALIGN float out[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+  for (int c = 0; c < 3; ++c) {
+    float sum = 0.0f;
+    for (int j = 0; j < 8; ++j) {
+      const int row = iy - 3 + j;
+      if (row < 0 || row >= crop) continue;
+      const auto tap = [&](int i) {
+        const int col = ix - 3 + i;
+        return (col >= 0 && col < crop) ? src[pasteSourceIndex(crop, row >> 3, col, c) + (row & 7)] : 0.0f;
+      };
+      float r = kx[0] * tap(0);
+      for (int i = 1; i < 8; ++i) r = r + kx[i] * tap(i);
+      sum = sum + r * ky[j];
+    }
+    out[c] = sum;
+  }
+  return hn::Load(D4(), out);
+}
+
+// Where a pixel's taps start in the banded source when all 8 x 8 lie inside the crop, else -1.
+inline int32_t InteriorAt(int crop, int ix, int iy) {
+  if (!(ix - 3 >= 0 && ix + 4 < crop && iy - 3 >= 0 && iy + 4 < crop)) return -1;
+  return static_cast<int32_t>(pasteSourceIndex(crop, (iy - 3) >> 3, ix - 3, 0)) + ((iy - 3) & 7);
+}
+
+// Per pixel of `count` consecutive output pixels: the mask weight, vectorised with the same
+// arithmetic as detail::pasteAlpha (-1 outside the crop), where its taps start (InteriorAt)
+// and its two phases (px | py << 8).
 HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const float* HWY_RESTRICT bilinear,
                           const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x, int row_y,
-                          int count, float* HWY_RESTRICT alpha) {
+                          int count, float* HWY_RESTRICT alpha, int32_t* HWY_RESTRICT at,
+                          int32_t* HWY_RESTRICT phases) {
   int k = 0;
   // Below AVX2 gathers are emulated one lane at a time; the scalar loop is as fast there.
 #if HWY_TARGET <= HWY_AVX2
@@ -146,12 +184,21 @@ HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const floa
                              hn::Mul(hn::Add(hn::Mul(wx1, m10), hn::Mul(wx0, m00)), wy0));
       const auto a = hn::Div(hn::Round(v), hn::Set(df, 255.0f));
       hn::StoreU(hn::IfThenElse(hn::RebindMask(df, ok), a, hn::Set(df, -1.0f)), df, alpha + k);
+      const auto w = hn::Sub(iy, hn::Set(di, 3)), left = hn::Sub(ix, hn::Set(di, 3));
+      const auto interior = hn::And(hn::And(hn::Gt(left, minus1), hn::Lt(hn::Add(ix, hn::Set(di, 4)), vcrop)),
+                                    hn::And(hn::Gt(w, minus1), hn::Lt(hn::Add(iy, hn::Set(di, 4)), vcrop)));
+      const auto off = hn::Add(hn::Mul(hn::Add(hn::Mul(hn::ShiftRight<3>(w), vcrop), left), hn::Set(di, 48)),
+                               hn::And(w, hn::Set(di, 7)));
+      hn::StoreU(hn::IfThenElse(interior, off, minus1), di, at + k);
+      hn::StoreU(hn::Or(px, hn::ShiftLeft<8>(py)), di, phases + k);
     }
   }
 #endif
   for (; k < count; ++k) {
     const detail::PastePos p = detail::pastePos(row_x + col_x[k], row_y + col_y[k], crop);
     alpha[k] = p.ok ? detail::pasteAlpha(mask, crop, bilinear, p) : -1.0f;
+    at[k] = InteriorAt(crop, p.ix, p.iy);
+    phases[k] = p.px | (p.py << 8);
   }
 }
 
@@ -189,13 +236,27 @@ void PasteLanczos8Row(const float* HWY_RESTRICT src, int crop, const uint8_t* HW
                       int row_y, int x_begin, int x_end, uint8_t* HWY_RESTRICT dst_row) {
   constexpr int kSpan = 256;
   HWY_ALIGN float alpha[kSpan];
+  HWY_ALIGN int32_t at[kSpan], phases[kSpan];
   // Four floats are stored at 3k for pixel k: the fourth lane is overwritten by pixel k + 1.
   HWY_ALIGN float alpha3[3 * kSpan + 1], sum3[3 * kSpan + 1];
   const D4 d;
   for (int x0 = x_begin; x0 <= x_end; x0 += kSpan) {
     const int off = x0 - x_begin, count = std::min(kSpan, x_end - x0 + 1);
-    RowAlphas(crop, mask, bilinear, col_x + off, col_y + off, row_x, row_y, count, alpha);
+    RowAlphas(crop, mask, bilinear, col_x + off, col_y + off, row_x, row_y, count, alpha, at, phases);
     int first = count, last = -1;
+    // Interior pixels go in pairs; the first waits for its partner here. Sums are stored in
+    // pixel order, four floats each: the spare lane is 0, as are the sums of pixels that do
+    // not blend, so it only ever overwrites a zero or a sum stored after it.
+    int pending = 0, pk = 0;
+    const float* ps[2];
+    const float* pkx[2];
+    const float* pky[2];
+    const auto flush = [&] {
+      V4 sum;
+      LanczosInterior<1>(D8(), ps, pkx, pky, &sum);
+      hn::StoreU(sum, d, sum3 + 3 * pk);
+      pending = 0;
+    };
     for (int k = 0; k < count; ++k) {
       if (!(alpha[k] > 0.0f)) {  // outside the crop, or nothing to blend
         hn::StoreU(hn::Zero(d), d, alpha3 + 3 * k);
@@ -204,49 +265,134 @@ void PasteLanczos8Row(const float* HWY_RESTRICT src, int crop, const uint8_t* HW
       }
       first = std::min(first, k);
       last = k;
-      const detail::PastePos p = detail::pastePos(row_x + col_x[off + k], row_y + col_y[off + k], crop);
       hn::StoreU(hn::Set(d, alpha[k]), d, alpha3 + 3 * k);
-      hn::StoreU(LanczosPixel(src, crop, lanczos + 8 * p.px, lanczos + 8 * p.py, p, detail::pasteInterior(p, crop)),
-                 d, sum3 + 3 * k);
+      const float* kx = lanczos + 8 * (phases[k] & 31);
+      const float* ky = lanczos + 8 * (phases[k] >> 8);
+      if (at[k] < 0) {
+        if (pending) flush();
+        const detail::PastePos p = detail::pastePos(row_x + col_x[off + k], row_y + col_y[off + k], crop);
+        hn::StoreU(LanczosBorder(src, crop, kx, ky, p.ix, p.iy), d, sum3 + 3 * k);
+        continue;
+      }
+      ps[pending] = src + at[k], pkx[pending] = kx, pky[pending] = ky;
+      if (pending == 0) {
+        pk = k;
+        pending = 1;
+        continue;
+      }
+      V4 sums[2];
+      LanczosInterior<2>(D8(), ps, pkx, pky, sums);
+      hn::StoreU(sums[0], d, sum3 + 3 * pk);
+      hn::StoreU(sums[1], d, sum3 + 3 * k);
+      pending = 0;
     }
+    if (pending) flush();
     if (last >= first)
       BlendRun(alpha3 + 3 * first, sum3 + 3 * first, 3 * (last - first + 1),
                dst_row + 3 * static_cast<size_t>(x0 + first));
   }
 }
 
-// Rows [y0, y1) of three n x n planes into the column-major source: 4 x 4 transposes of four
-// columns' channels, written down the columns in blocks of 64 rows.
-void InterleaveColumns(const float* HWY_RESTRICT r, const float* HWY_RESTRICT g, const float* HWY_RESTRICT b,
-                       int n, int y0, int y1, float* HWY_RESTRICT dst) {
+// Rows [y0, y1) of one channel into the bands: 4 x 4 transposes write four rows of four
+// columns, into each band that holds those rows.
+void PasteColumns(const float* HWY_RESTRICT rows, int n, int y0, int y1, int k, float* HWY_RESTRICT dst) {
   const D4 d;
   const hn::Repartition<uint64_t, D4> du;
-  const size_t cs = static_cast<size_t>(n) * 4;
-  for (int yb = y0; yb < y1; yb += 64) {
-    const int ye = std::min(y1, yb + 64);
+  int y = y0;
+  const auto scalarRow = [&] {
+    const float* r = rows + static_cast<size_t>(y - y0) * n;
+    for (int x = 0; x < n; ++x) {
+      dst[pasteSourceIndex(n, y >> 3, x, k) + (y & 7)] = r[x];
+      if (y >= 8) dst[pasteSourceIndex(n, (y >> 3) - 1, x, k) + (y & 7) + 8] = r[x];
+    }
+  };
+  for (; y < y1 && (y & 3) != 0; ++y) scalarRow();
+  for (; y + 4 <= y1; y += 4) {
+    const float* r0 = rows + static_cast<size_t>(y - y0) * n;
+    const float* r1 = r0 + n;
+    const float* r2 = r1 + n;
+    const float* r3 = r2 + n;
+    // Four rows of column x at o + 48 x, and at o2 + 48 x in the band above.
+    float* o = dst + pasteSourceIndex(n, y >> 3, 0, k) + (y & 7);
+    float* o2 = y >= 8 ? dst + pasteSourceIndex(n, (y >> 3) - 1, 0, k) + (y & 7) + 8 : nullptr;
     int x = 0;
     for (; x + 4 <= n; x += 4) {
-      float* out = dst + static_cast<size_t>(x) * cs;
-      for (int y = yb; y < ye; ++y) {
-        const size_t at = static_cast<size_t>(y) * n + x;
-        const V4 vr = hn::LoadU(d, r + at), vg = hn::LoadU(d, g + at), vb = hn::LoadU(d, b + at);
-        const V4 z = hn::Zero(d);
-        const auto rg0 = hn::BitCast(du, hn::InterleaveLower(vr, vg)), rg1 = hn::BitCast(du, hn::InterleaveUpper(d, vr, vg));
-        const auto bz0 = hn::BitCast(du, hn::InterleaveLower(vb, z)), bz1 = hn::BitCast(du, hn::InterleaveUpper(d, vb, z));
-        float* o = out + static_cast<size_t>(y) * 4;
-        hn::StoreU(hn::BitCast(d, hn::InterleaveLower(rg0, bz0)), d, o);
-        hn::StoreU(hn::BitCast(d, hn::InterleaveUpper(du, rg0, bz0)), d, o + cs);
-        hn::StoreU(hn::BitCast(d, hn::InterleaveLower(rg1, bz1)), d, o + 2 * cs);
-        hn::StoreU(hn::BitCast(d, hn::InterleaveUpper(du, rg1, bz1)), d, o + 3 * cs);
+      const V4 a = hn::LoadU(d, r0 + x), b = hn::LoadU(d, r1 + x), c = hn::LoadU(d, r2 + x), e = hn::LoadU(d, r3 + x);
+      const auto ab0 = hn::BitCast(du, hn::InterleaveLower(a, b)), ab1 = hn::BitCast(du, hn::InterleaveUpper(d, a, b));
+      const auto ce0 = hn::BitCast(du, hn::InterleaveLower(c, e)), ce1 = hn::BitCast(du, hn::InterleaveUpper(d, c, e));
+      const V4 cols[4] = {hn::BitCast(d, hn::InterleaveLower(ab0, ce0)), hn::BitCast(d, hn::InterleaveUpper(du, ab0, ce0)),
+                          hn::BitCast(d, hn::InterleaveLower(ab1, ce1)), hn::BitCast(d, hn::InterleaveUpper(du, ab1, ce1))};
+      for (int m = 0; m < 4; ++m) {
+        hn::StoreU(cols[m], d, o + 48 * static_cast<size_t>(x + m));
+        if (o2) hn::StoreU(cols[m], d, o2 + 48 * static_cast<size_t>(x + m));
       }
     }
-    for (; x < n; ++x)
-      for (int y = yb; y < ye; ++y) {
-        const size_t at = static_cast<size_t>(y) * n + x;
-        float* o = dst + static_cast<size_t>(x) * cs + static_cast<size_t>(y) * 4;
-        o[0] = r[at], o[1] = g[at], o[2] = b[at], o[3] = 0.0f;
+    for (; x < n; ++x) {
+      const float v[4] = {r0[x], r1[x], r2[x], r3[x]};
+      for (int m = 0; m < 4; ++m) {
+        o[48 * static_cast<size_t>(x) + m] = v[m];
+        if (o2) o2[48 * static_cast<size_t>(x) + m] = v[m];
       }
+    }
   }
+  for (; y < y1; ++y) scalarRow();
+}
+
+// out[x] = sum over t ascending of g[t] * rows[t][x], starting from 0; with `in`, the
+// sharpened value clamp(scale * in[x] * gain - sum * amount, 0, 255) instead (NaN gives 0).
+// Blocks of four vectors keep their sums in registers across the taps.
+HWY_INLINE void BlurRowImpl(const float* const* HWY_RESTRICT rows, const float* HWY_RESTRICT g, int K, int n,
+                            const float* HWY_RESTRICT in, float scale, float gain, float amount,
+                            float* HWY_RESTRICT out) {
+  const hn::ScalableTag<float> d;
+  const int N = static_cast<int>(hn::Lanes(d));
+  const auto zero = hn::Zero(d), top = hn::Set(d, 255.0f);
+  const auto vs = hn::Set(d, scale), vg = hn::Set(d, gain), va = hn::Set(d, amount);
+  const auto finish = [&](hn::Vec<decltype(d)> acc, int x) {
+    if (in == nullptr) return acc;
+    const auto v = hn::Sub(hn::Mul(hn::Mul(vs, hn::LoadU(d, in + x)), vg), hn::Mul(acc, va));
+    return hn::IfThenElseZero(hn::Gt(v, zero), hn::Min(v, top));
+  };
+  int x = 0;
+  for (; x + 4 * N <= n; x += 4 * N) {
+    auto a0 = zero, a1 = zero, a2 = zero, a3 = zero;
+    for (int t = 0; t < K; ++t) {
+      const auto w = hn::Set(d, g[t]);
+      const float* r = rows[t] + x;
+      a0 = hn::Add(a0, hn::Mul(w, hn::LoadU(d, r)));
+      a1 = hn::Add(a1, hn::Mul(w, hn::LoadU(d, r + N)));
+      a2 = hn::Add(a2, hn::Mul(w, hn::LoadU(d, r + 2 * N)));
+      a3 = hn::Add(a3, hn::Mul(w, hn::LoadU(d, r + 3 * N)));
+    }
+    hn::StoreU(finish(a0, x), d, out + x);
+    hn::StoreU(finish(a1, x + N), d, out + x + N);
+    hn::StoreU(finish(a2, x + 2 * N), d, out + x + 2 * N);
+    hn::StoreU(finish(a3, x + 3 * N), d, out + x + 3 * N);
+  }
+  for (; x + N <= n; x += N) {
+    auto a = zero;
+    for (int t = 0; t < K; ++t) a = hn::Add(a, hn::Mul(hn::Set(d, g[t]), hn::LoadU(d, rows[t] + x)));
+    hn::StoreU(finish(a, x), d, out + x);
+  }
+  for (; x < n; ++x) {
+    float acc = 0.0f;
+    for (int t = 0; t < K; ++t) acc += g[t] * rows[t][x];
+    if (in != nullptr) {
+      const float v = scale * in[x] * gain - acc * amount;
+      acc = v > 0.0f ? (v < 255.0f ? v : 255.0f) : 0.0f;
+    }
+    out[x] = acc;
+  }
+}
+
+void PasteBlurRow(const float* const* HWY_RESTRICT rows, const float* HWY_RESTRICT g, int K, int n,
+                  float* HWY_RESTRICT out) {
+  BlurRowImpl(rows, g, K, n, nullptr, 0.0f, 0.0f, 0.0f, out);
+}
+
+void PasteSharpenRow(const float* const* HWY_RESTRICT rows, const float* HWY_RESTRICT g, int K, int n,
+                     const float* HWY_RESTRICT in, float scale, float amount, float* HWY_RESTRICT out) {
+  BlurRowImpl(rows, g, K, n, in, scale, 1.0f + amount, amount, out);
 }
 
 }  // namespace HWY_NAMESPACE
@@ -257,10 +403,21 @@ HWY_AFTER_NAMESPACE();
 namespace le::simd {
 
 HWY_EXPORT(PasteLanczos8Row);
-HWY_EXPORT(InterleaveColumns);
+HWY_EXPORT(PasteColumns);
+HWY_EXPORT(PasteBlurRow);
+HWY_EXPORT(PasteSharpenRow);
 
-void interleaveColumns(const float* r, const float* g, const float* b, int n, int y0, int y1, float* dst) {
-  HWY_DYNAMIC_DISPATCH(InterleaveColumns)(r, g, b, n, y0, y1, dst);
+void pasteBlurRow(const float* const* rows, const float* g, int K, int n, float* out) {
+  HWY_DYNAMIC_DISPATCH(PasteBlurRow)(rows, g, K, n, out);
+}
+
+void pasteSharpenRow(const float* const* rows, const float* g, int K, int n, const float* in, float scale,
+                     float amount, float* out) {
+  HWY_DYNAMIC_DISPATCH(PasteSharpenRow)(rows, g, K, n, in, scale, amount, out);
+}
+
+void pasteColumns(const float* rows, int n, int y0, int y1, int k, float* dst) {
+  HWY_DYNAMIC_DISPATCH(PasteColumns)(rows, n, y0, y1, k, dst);
 }
 
 void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const float* lanczos,

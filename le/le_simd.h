@@ -82,20 +82,38 @@ void conv3x3Range(const float* in, int N, int Cin, int H, int W, const float* we
 void yuv420RowToRgb24(const uint8_t* y, const uint8_t* u, const uint8_t* v, int width,
                       int chroma_step, uint8_t* rgb);
 
-// Blends output pixels x_begin..x_end (inclusive) of one frame row from the interleaved
-// crop src (R, G, B, 0 floats per pixel, crop x crop pixels, stored column by column: pixel
-// (x, y) at floats 4 * (x * crop + y)) under the crop mask, with
-// 32-phase Lanczos-8 (256 floats) and bilinear (64 floats) tables. col_x / col_y hold the
-// fixed-point (10 fractional bits) source offsets of columns x_begin.., row_x / row_y the
-// row start. dst_row is the frame row (pixel x at bytes 3x..3x+2); only bytes between
-// x_begin and x_end are written, and only blended pixels change.
+// The crop as pasteLanczos8Row reads it: bands of 16 rows starting every 8 rows, so that any
+// 8 consecutive rows lie inside one band; inside a band, column by column, channel by channel,
+// 16 rows each. Channel k of crop pixel (x, y) is at pasteSourceIndex(crop, y >> 3, x, k) +
+// (y & 7), and for y >= 8 also at pasteSourceIndex(crop, (y >> 3) - 1, x, k) + (y & 7) + 8.
+// A pixel's 8 x 8 taps are then 24 runs of 8 floats in 1.5 KiB of consecutive memory.
+inline size_t pasteSourceIndex(int crop, int band, int x, int k) {
+  return ((static_cast<size_t>(band) * static_cast<size_t>(crop) + static_cast<size_t>(x)) * 3 +
+          static_cast<size_t>(k)) * 16;
+}
+inline size_t pasteSourceFloats(int crop) { return pasteSourceIndex(crop, (crop + 7) / 8, 0, 0); }
+
+// Blends output pixels x_begin..x_end (inclusive) of one frame row from the crop src (laid
+// out as above) under the crop mask, with 32-phase Lanczos-8 (256 floats) and bilinear (64
+// floats) tables. col_x / col_y hold the fixed-point (10 fractional bits) source offsets of
+// columns x_begin.., row_x / row_y the row start. dst_row is the frame row (pixel x at bytes
+// 3x..3x+2); only bytes between x_begin and x_end are written, and only blended pixels change.
 void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const float* lanczos,
                       const float* bilinear, const int* col_x, const int* col_y, int row_x,
                       int row_y, int x_begin, int x_end, uint8_t* dst_row);
 
-// The source of pasteLanczos8Row from three n x n planes: for rows y0 <= y < y1 and every x,
-// pixel (x, y) goes to dst[4 * (x * n + y)] as r, g, b, 0.
-void interleaveColumns(const float* r, const float* g, const float* b, int n, int y0, int y1, float* dst);
+// The source of pasteLanczos8Row, a range of rows of one channel at a time: rows holds rows
+// y0 <= y < y1 of channel k of an n x n crop (n floats each, row y0 first), written to every
+// place of dst that holds them.
+void pasteColumns(const float* rows, int n, int y0, int y1, int k, float* dst);
+
+// The paste's unsharp mask, one row at a time: out[x] = sum over t ascending of
+// g[t] * rows[t][x] (from 0, a product and a separate addition per tap) for x < n ...
+void pasteBlurRow(const float* const* rows, const float* g, int K, int n, float* out);
+// ... and, with that sum as the blur, the sharpened row
+// out[x] = clamp(scale * in[x] * (1 + amount) - blur * amount, 0, 255), NaN giving 0.
+void pasteSharpenRow(const float* const* rows, const float* g, int K, int n, const float* in, float scale,
+                     float amount, float* out);
 
 // Name of the best target the processor supports ("AVX3_DL", "AVX2", ...). Static string.
 LE_API const char* target();

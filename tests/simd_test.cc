@@ -108,7 +108,7 @@ void refYuvRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, int width, 
 }
 
 struct PasteArgs {
-  std::vector<float> src;  // crop * crop * 4, column by column
+  std::vector<float> src;  // row bands: channel k of (x, y) at ((y / 8 * crop + x) * 3 + k) * 16 + y % 8
   int crop = 0;
   std::vector<uint8_t> mask;
   std::vector<float> lanczos, bilinear;
@@ -136,7 +136,7 @@ void refPasteRow(const PasteArgs& a, uint8_t* dst) {
     for (int k = 0; k < 3; ++k) {
       auto s = [&](int row, int i) {
         const int col = ix + i;
-        return (col >= 0 && col < crop) ? a.src[(static_cast<size_t>(col) * crop + row) * 4 + k] : 0.0f;
+        return (col >= 0 && col < crop) ? a.src[((row / 8 * crop + col) * 3 + k) * 16 + row % 8] : 0.0f;
       };
       float sum = 0.0f;
       for (int j = 0; j < 8; ++j) {
@@ -485,23 +485,30 @@ void pasteTables(PasteArgs& a) {
 
 TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
   std::mt19937 rng(11);
-  for (int crop : {48, 7, 2, 1}) {
+  for (int crop : {48, 21, 7, 2, 1}) {
     PasteArgs a;
     a.crop = crop;
     pasteTables(a);
-    // The source, column by column, from three planes: interleaveColumns against the plain loop.
+    // The source in row bands, from three planes: pasteColumns against the plain loop. Rows
+    // past the crop are never read: NaN there would show.
     std::vector<float> planes(static_cast<size_t>(crop) * crop * 3);
     for (float& v : planes) v = static_cast<float>(rng() % 30000) / 100.0f - 20.0f;
-    const float* pl[3] = {planes.data(), planes.data() + crop * crop, planes.data() + 2 * crop * crop};
-    a.src.assign(static_cast<size_t>(crop) * crop * 4, 0.0f);
-    for (int x = 0; x < crop; ++x)
-      for (int y = 0; y < crop; ++y)
-        for (int k = 0; k < 3; ++k) a.src[(static_cast<size_t>(x) * crop + y) * 4 + k] = pl[k][y * crop + x];
+    const int bands = (crop + 7) / 8;
+    ASSERT_EQ(le::simd::pasteSourceFloats(crop), static_cast<size_t>(bands) * crop * 48);
+    a.src.assign(le::simd::pasteSourceFloats(crop), std::nanf(""));
+    for (int b = 0; b < bands; ++b)
+      for (int x = 0; x < crop; ++x)
+        for (int k = 0; k < 3; ++k)
+          for (int i = 0; i < 16 && 8 * b + i < crop; ++i)
+            a.src[((b * crop + x) * 3 + k) * 16 + i] = planes[(k * crop + 8 * b + i) * crop + x];
     forEachTarget([&](const std::string&) {
-      std::vector<float> got(a.src.size(), -1.0f);
-      const int split = crop * 2 / 3;  // two row ranges, as two threads would write them
-      le::simd::interleaveColumns(pl[0], pl[1], pl[2], crop, split, crop, got.data());
-      le::simd::interleaveColumns(pl[0], pl[1], pl[2], crop, 0, split, got.data());
+      std::vector<float> got(a.src.size(), std::nanf(""));
+      // Bands of rows in any order, as the sharpening parts write them.
+      const int s1 = crop * 5 / 13, s2 = crop * 2 / 3;
+      for (int k = 0; k < 3; ++k)
+        for (const auto& band : {std::make_pair(s2, crop), std::make_pair(0, s1), std::make_pair(s1, s2)})
+          le::simd::pasteColumns(planes.data() + (k * crop + band.first) * crop, crop, band.first, band.second, k,
+                                 got.data());
       ASSERT_EQ(0, std::memcmp(got.data(), a.src.data(), got.size() * sizeof(float))) << "crop " << crop;
     });
     a.mask.resize(static_cast<size_t>(crop) * crop);
@@ -543,7 +550,7 @@ TEST(SimdPaste, ZeroMaskAndOutsideColumnsUntouched) {
   PasteArgs a;
   a.crop = 16;
   pasteTables(a);
-  a.src.assign(static_cast<size_t>(a.crop) * a.crop * 4, 200.0f);
+  a.src.assign(le::simd::pasteSourceFloats(a.crop), 200.0f);
   a.mask.assign(static_cast<size_t>(a.crop) * a.crop, 0);
   a.mask[5 * a.crop + 5] = 255;  // one mask pixel
   const int W = 40;
