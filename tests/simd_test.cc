@@ -546,6 +546,39 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
   }
 }
 
+// The unsharp rows against plain loops on every target: taps in ascending order from 0, the
+// sharpened value clamped to 0..255 with NaN giving 0, any length (vector blocks and tails).
+TEST(SimdPaste, UnsharpRowsMatchPlainLoops) {
+  std::mt19937 rng(5);
+  const int K = 13;
+  std::vector<float> g(K);
+  for (float& v : g) v = static_cast<float>(rng() % 1000) / 7000.0f;
+  const int maxN = 131 + K;
+  std::vector<float> rowsData(static_cast<size_t>(K) * maxN), in(maxN);
+  for (float& v : rowsData) v = static_cast<float>(rng() % 60000) / 100.0f - 150.0f;
+  for (float& v : in) v = static_cast<float>(rng() % 2000) / 1000.0f - 0.5f;
+  in[3] = std::nanf("");
+  in[40] = 1e30f;
+  std::vector<const float*> rows(K);
+  for (int t = 0; t < K; ++t) rows[t] = rowsData.data() + static_cast<size_t>(t) * maxN;
+  forEachTarget([&](const std::string&) {
+    for (size_t n : kLengths) {
+      std::vector<float> blur(n + 1, -7.0f), sharp(n + 1, -7.0f);
+      le::simd::pasteBlurRow(rows.data(), g.data(), K, static_cast<int>(n), blur.data());
+      le::simd::pasteSharpenRow(rows.data(), g.data(), K, static_cast<int>(n), in.data(), 255.0f, 1.3f, sharp.data());
+      for (size_t x = 0; x < n; ++x) {
+        float acc = 0.0f;
+        for (int t = 0; t < K; ++t) acc = acc + g[t] * rows[t][x];
+        ASSERT_EQ(blur[x], acc) << n << " " << x;
+        const float v = 255.0f * in[x] * (1.0f + 1.3f) - acc * 1.3f;
+        ASSERT_EQ(sharp[x], v > 0.0f ? (v < 255.0f ? v : 255.0f) : 0.0f) << n << " " << x;
+      }
+      ASSERT_EQ(blur[n], -7.0f);
+      ASSERT_EQ(sharp[n], -7.0f);
+    }
+  });
+}
+
 TEST(SimdPaste, ZeroMaskAndOutsideColumnsUntouched) {
   PasteArgs a;
   a.crop = 16;
