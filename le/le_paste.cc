@@ -21,7 +21,7 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 constexpr size_t kGrain = 64;
-// Crop rows sharpened together: the column runs take them four at a time.
+// Crop rows sharpened together, out of one ring of horizontally blurred rows.
 constexpr int kBand = 8;
 // Fixed-point positions must stay well inside int so row start + column offset cannot overflow.
 constexpr double kFixedLimit = 1073741824.0;  // 2^30
