@@ -46,31 +46,42 @@ struct Cost {
 using le::bench::benchTmp;
 
 // The standard bundle (its "render" director is the standard one) and a twin whose "render"
-// director is the heavy one: every other member is a link into the standard bundle.
-const std::string& bundle(bool heavy) {
-  static const std::string standard = [] {
-    const std::string d = benchTmp() + "/le_stream_bench_bundle";
-    if (!fs::exists(d + "/fca_stream.onnx")) {
-      le::forge::Params p = le::testmedia::uttBundleParams(1920, 1080, 512, 8);
-      p.audio = true;
-      p.replace = true;
-      le::forge::forgeBundle(d, p);
-    }
-    return d;
-  }();
-  static const std::string heavyTwin = [] {
-    const std::string d = benchTmp() + "/le_stream_bench_bundle_heavy";
-    fs::remove_all(d);
-    fs::create_directories(d);
-    for (const auto& e : fs::directory_iterator(standard)) {
-      const std::string name = e.path().filename().string();
-      if (name == "model_render.onnx") continue;
-      fs::create_symlink(e.path(), d + "/" + name);
-    }
-    fs::create_symlink(standard + "/model_b1_heavy.onnx", d + "/model_render.onnx");
-    return d;
-  }();
-  return heavy ? heavyTwin : standard;
+// director is the heavy one: every other member is a link into the standard bundle. mp4: the
+// drive frames as an H.264 movie instead of JPEG stills.
+std::string forgeStandard(bool mp4) {
+  const std::string d = benchTmp() + (mp4 ? "/le_stream_bench_bundle_mp4" : "/le_stream_bench_bundle");
+  if (!fs::exists(d + "/fca_stream.onnx")) {
+    le::forge::Params p = le::testmedia::uttBundleParams(1920, 1080, 512, 8);
+    p.audio = true;
+    p.drive = mp4 ? le::forge::DriveMedia::Movie : le::forge::DriveMedia::Stills;
+    p.replace = true;
+    le::forge::forgeBundle(d, p);
+  }
+  return d;
+}
+
+std::string heavyTwin(const std::string& standard) {
+  const std::string d = standard + "_heavy";
+  fs::remove_all(d);
+  fs::create_directories(d);
+  for (const auto& e : fs::directory_iterator(standard)) {
+    const std::string name = e.path().filename().string();
+    if (name == "model_render.onnx") continue;
+    fs::create_symlink(e.path(), d + "/" + name);
+  }
+  fs::create_symlink(standard + "/model_b1_heavy.onnx", d + "/model_render.onnx");
+  return d;
+}
+
+const std::string& bundle(bool heavy, bool mp4 = false) {
+  if (mp4) {
+    static const std::string standard = forgeStandard(true);
+    static const std::string twin = heavyTwin(standard);
+    return heavy ? twin : standard;
+  }
+  static const std::string standard = forgeStandard(false);
+  static const std::string twin = heavyTwin(standard);
+  return heavy ? twin : standard;
 }
 
 const std::vector<int16_t>& sentence() {
@@ -152,7 +163,7 @@ Cost fcaDeltasMs(const std::string& dir, const std::vector<float>& audio) {
 // costs (2000 / (director + paste CPU ms)) beside the director's own rate.
 void BM_StreamRun(benchmark::State& state) {
   const bool heavy = state.range(0) != 0;
-  const std::string& dir = bundle(heavy);
+  const std::string& dir = bundle(heavy, state.range(1) != 0);
   const std::vector<float> audio = sentenceFloat();
   double fps = 0, alone = 0, renderFps = 0, runCpuPerFrame = 0;
   Cost deltas, director, paste;
@@ -191,7 +202,13 @@ void BM_StreamRun(benchmark::State& state) {
   state.counters["two_core_fps_bound"] = twoCores;
   state.counters["two_core_bound_vs_director"] = twoCores / alone;
 }
-BENCHMARK(BM_StreamRun)->ArgNames({"heavy"})->Arg(0)->Arg(1)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_StreamRun)
+    ->ArgNames({"heavy", "mp4"})
+    ->Args({0, 0})
+    ->Args({1, 0})
+    ->Args({0, 1})
+    ->Args({1, 1})
+    ->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Seconds of audio turned into finished frames per second of wall clock: the whole clip through
 // le_stream_run, and the same clip through the utterance pipeline (pushed at once, every frame

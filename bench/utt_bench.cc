@@ -43,27 +43,33 @@ double cpuMs() {
   return double(t.tv_sec) * 1e3 + double(t.tv_nsec) * 1e-6;
 }
 
-// One forged 1080p bundle per process, rebuilt when missing.
-const std::string& bundle() {
-  static const std::string dir = [] {
-    const char* t = std::getenv("LE_BENCH_TMP");
-    const std::string d = std::string(t && *t ? t : "/tmp") + "/le_utt_bench_bundle_borrow";
-    if (!fs::exists(d + "/motion/meta.json") || !fs::exists(d + "/a2x_enc_stream.onnx")) {
-      le::forge::Params p = le::testmedia::uttBundleParams(1920, 1080, 512, 8);
-      p.audio = true;  // the audio-to-expression source beside the motion generator
-      p.tessera = true;
-      p.lips = le::forge::Lips::Template;
-      p.replace = true;
-      le::forge::forgeBundle(d, p);
-    }
-    setenv("LE_UTT_STAGE_REPORT", "1", 1);
-    setenv("W2V_ONNX", (d + "/w2v/audio_encoder_fp16.onnx").c_str(), 1);
-    return d;
-  }();
-  return dir;
+// One forged 1080p bundle per drive kind and process, rebuilt when missing: the drive frames as
+// JPEG stills, or (mp4) as an H.264 movie.
+std::string forgeBundle(bool mp4) {
+  const char* t = std::getenv("LE_BENCH_TMP");
+  const std::string d = std::string(t && *t ? t : "/tmp") + (mp4 ? "/le_utt_bench_bundle_mp4" : "/le_utt_bench_bundle_borrow");
+  if (!fs::exists(d + "/motion/meta.json") || !fs::exists(d + "/a2x_enc_stream.onnx")) {
+    le::forge::Params p = le::testmedia::uttBundleParams(1920, 1080, 512, 8);
+    p.audio = true;  // the audio-to-expression source beside the motion generator
+    p.tessera = !mp4;
+    p.lips = le::forge::Lips::Template;
+    p.drive = mp4 ? le::forge::DriveMedia::Movie : le::forge::DriveMedia::Stills;
+    p.replace = true;
+    le::forge::forgeBundle(d, p);
+  }
+  setenv("LE_UTT_STAGE_REPORT", "1", 1);
+  setenv("W2V_ONNX", (d + "/w2v/audio_encoder_fp16.onnx").c_str(), 1);
+  return d;
 }
 
-std::string sourceDir(int source) { return source == 0 ? bundle() + "/motion" : bundle(); }
+const std::string& bundle(bool mp4 = false) {
+  static const std::string stills = forgeBundle(false);
+  if (!mp4) return stills;
+  static const std::string movie = forgeBundle(true);
+  return movie;
+}
+
+std::string sourceDir(int source, bool mp4) { return source == 0 ? bundle(mp4) + "/motion" : bundle(mp4); }
 
 const std::vector<int16_t>& sentence() {
   static const std::vector<int16_t> s = le::testmedia::speak16kPcm(
@@ -79,11 +85,11 @@ struct Host {
   std::vector<uint8_t> frame;
   le_utt_frame_info info{};
   // split: false keeps the director whole (LE_CONE_SPLIT=0 while the renderer is made).
-  Host(int director, int source, const char* steady, bool split = true) {
-    ctx = le_create(bundle().c_str(), directorKey(director), 0, nullptr);
+  Host(int director, int source, const char* steady, bool split = true, bool mp4 = false) {
+    ctx = le_create(bundle(mp4).c_str(), directorKey(director), 0, nullptr);
     if (!ctx) throw std::runtime_error(le_last_error());
     frame.resize(size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3);
-    const std::string dir = sourceDir(source);
+    const std::string dir = sourceDir(source, mp4);
     le_utt_opts o{};
     o.motion_dir = dir.c_str();
     o.steadyModel = steady;
@@ -146,15 +152,17 @@ double speakFps(Host& h, int64_t& frames) {
 // (pushed in 40 ms packets ahead of the pulls), beside 1000 / the director's own run ms; with
 // and without the source-cone split. On a shared machine the wall-clock rate says little, so the
 // process's CPU time per speech frame (every thread: keypoint source, director, prefetch, paste)
-// is reported too, with the rate two dedicated cores could sustain at that cost.
+// is reported too, with the rate two dedicated cores could sustain at that cost. mp4: the drive
+// frames come from the bundle's H.264 movie instead of its JPEG stills.
 void BM_UttSpeaking(benchmark::State& state) {
   const int director = int(state.range(0)), source = int(state.range(1));
   const bool steady = state.range(2) != 0;
   const bool split = state.range(3) != 0;
+  const bool mp4 = state.range(4) != 0;
   double fps = 0, alone = 0, renderAvg = 0, cpuPerFrame = 0;
   int64_t frames = 0;
   for (auto _ : state) {
-    Host h(director, source, steady ? nullptr : "-", split);
+    Host h(director, source, steady ? nullptr : "-", split, mp4);
     // the director's rate from the runs while speaking, not the warm-up's first runs
     const double ms0 = h.ctx->renderer->runMsTotal();
     const int64_t runs0 = h.ctx->renderer->runCount();
@@ -175,13 +183,16 @@ void BM_UttSpeaking(benchmark::State& state) {
   state.counters["two_core_fps_bound"] = 2000.0 / cpuPerFrame;
 }
 BENCHMARK(BM_UttSpeaking)
-    ->ArgNames({"heavy", "a2x", "steady", "split"})
-    ->Args({0, 0, 0, 1})
-    ->Args({1, 0, 0, 1})
-    ->Args({1, 0, 0, 0})  // the heavy director kept whole: what the split buys while speaking
-    ->Args({0, 0, 1, 1})
-    ->Args({0, 1, 0, 1})  // the audio-to-expression source pastes on its own thread
-    ->Args({0, 1, 1, 1})
+    ->ArgNames({"heavy", "a2x", "steady", "split", "mp4"})
+    ->Args({0, 0, 0, 1, 0})
+    ->Args({1, 0, 0, 1, 0})
+    ->Args({1, 0, 0, 0, 0})  // the heavy director kept whole: what the split buys while speaking
+    ->Args({0, 0, 1, 1, 0})
+    ->Args({0, 1, 0, 1, 0})  // the audio-to-expression source pastes on its own thread
+    ->Args({0, 1, 1, 1, 0})
+    ->Args({0, 0, 0, 1, 1})  // the drive frames from the movie
+    ->Args({1, 0, 0, 1, 1})
+    ->Args({0, 1, 0, 1, 1})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();

@@ -36,12 +36,10 @@ class JpgDirSource final : public Source {
     char path[1088];
     std::snprintf(path, sizeof path, "%s/frame_%06d.jpg", dir_.c_str(), position_);
     int w = 0, h = 0;
-    const std::vector<uint8_t> rgb = loadImageRGB(path, &w, &h);
-    if (w != W_ || h != H_)
+    if (!loadImageRGBInto(path, W_, H_, out, &w, &h))
       throw std::runtime_error("le_driver: " + std::string(path) + " is " + std::to_string(w) + "x" +
                                std::to_string(h) + ", the manifest says " + std::to_string(W_) + "x" +
                                std::to_string(H_) + " — refusing");
-    std::memcpy(out, rgb.data(), rgb.size());
     ++position_;
     return true;
   }

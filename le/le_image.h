@@ -11,6 +11,11 @@ namespace le {
 // Throws "decode failed: " + path.
 std::vector<uint8_t> loadImageRGB(const std::string& path, int* w, int* h);
 
+// The same into out (w×h×3 bytes; a large frame is decoded there directly) when the image is
+// exactly w×h: true. Otherwise the image's size goes to gotW and gotH, out holds no image, and
+// the result is false.
+bool loadImageRGBInto(const std::string& path, int w, int h, uint8_t* out, int* gotW, int* gotH);
+
 // Writes w×h packed RGB rows as a PNG. Throws "png write failed: " + path.
 void writePNG(const std::string& path, const uint8_t* rgb, int w, int h);
 

@@ -82,6 +82,10 @@ void conv3x3Range(const float* in, int N, int Cin, int H, int W, const float* we
 void yuv420RowToRgb24(const uint8_t* y, const uint8_t* u, const uint8_t* v, int width,
                       int chroma_step, uint8_t* rgb);
 
+// One row of a JPEG still's full-range YCbCr samples to packed RGB (3 * count bytes), exactly
+// as stb_image's scalar conversion rounds.
+void jpegYCbCrRowToRgb24(const uint8_t* y, const uint8_t* cb, const uint8_t* cr, int count, uint8_t* rgb);
+
 // The crop as pasteLanczos8Row reads it: bands of 16 rows starting every 8 rows, so that any
 // 8 consecutive rows lie inside one band; inside a band, column by column, channel by channel,
 // 16 rows each. Channel k of crop pixel (x, y) is at pasteSourceIndex(crop, y >> 3, x, k) +

@@ -1,5 +1,6 @@
-// Limited-range BT.601 4:2:0 rows to packed RGB, compiled once per x86 target (this file
-// is re-included by foreach_target.h) with run-time dispatch.
+// Limited-range BT.601 4:2:0 rows to packed RGB, and the full-range colour step of the JPEG
+// stills decoder, compiled once per x86 target (this file is re-included by foreach_target.h)
+// with run-time dispatch.
 
 #include "le/le_simd_targets.h"
 
@@ -19,6 +20,22 @@ inline void yuvPixel(int Y, int U, int V, uint8_t* rgb) {
   rgb[0] = clampByte((L + 409 * E) >> 8);
   rgb[1] = clampByte((L - 100 * D - 208 * E) >> 8);
   rgb[2] = clampByte((L + 516 * D) >> 8);
+}
+
+// stb_image's scalar JPEG colour conversion, 20 fractional bits; the green term from Cb keeps
+// only its top 16 bits, as stb's does.
+constexpr int32_t jpegFixed(float x) { return static_cast<int32_t>(x * 4096.0f + 0.5f) * 256; }
+constexpr int32_t kJpegCrR = jpegFixed(1.40200f);
+constexpr int32_t kJpegCrG = -jpegFixed(0.71414f);
+constexpr int32_t kJpegCbG = -jpegFixed(0.34414f);
+constexpr int32_t kJpegCbB = jpegFixed(1.77200f);
+constexpr int32_t kJpegTop16 = -65536;  // 0xffff0000
+
+inline void jpegPixel(int Y, int Cb, int Cr, uint8_t* rgb) {
+  const int y = (Y << 20) + (1 << 19), cr = Cr - 128, cb = Cb - 128;
+  rgb[0] = clampByte((y + cr * kJpegCrR) >> 20);
+  rgb[1] = clampByte((y + cr * kJpegCrG + ((cb * kJpegCbG) & kJpegTop16)) >> 20);
+  rgb[2] = clampByte((y + cb * kJpegCbB) >> 20);
 }
 
 }  // namespace le::simd::detail
@@ -119,6 +136,45 @@ void Yuv420RowToRgb24(const uint8_t* HWY_RESTRICT y, const uint8_t* HWY_RESTRICT
   }
 }
 
+// The same arithmetic as detail::jpegPixel in 32-bit lanes; the saturating narrowing is its clamp.
+void JpegYCbCrRowToRgb24(const uint8_t* HWY_RESTRICT y, const uint8_t* HWY_RESTRICT cb,
+                         const uint8_t* HWY_RESTRICT cr, int count, uint8_t* HWY_RESTRICT rgb) {
+  if (count <= 0) return;
+  const size_t n = static_cast<size_t>(count);
+  const D16 d;
+  const D32 d32;
+  const hn::Rebind<uint8_t, D32> d8q;
+  const hn::Rebind<uint8_t, D16> d8h;
+  const hn::Repartition<uint8_t, D16> d8;
+  const size_t N16 = hn::Lanes(d), N32 = hn::Lanes(d32), N8 = hn::Lanes(d8);
+  const auto half = hn::Set(d32, 1 << 19), k128 = hn::Set(d32, 128), top16 = hn::Set(d32, detail::kJpegTop16);
+  const auto crR = hn::Set(d32, detail::kJpegCrR), crG = hn::Set(d32, detail::kJpegCrG);
+  const auto cbG = hn::Set(d32, detail::kJpegCbG), cbB = hn::Set(d32, detail::kJpegCbB);
+  size_t x = 0;
+  for (; x + N8 <= n; x += N8) {
+    hn::Vec<decltype(d8h)> r[2], g[2], b[2];
+    for (size_t h = 0; h < 2; ++h) {
+      hn::Vec<decltype(d8q)> R[2], G[2], B[2];
+      for (size_t q = 0; q < 2; ++q) {
+        const size_t px = x + h * N16 + q * N32;
+        const auto Y = hn::Add(hn::ShiftLeft<20>(hn::PromoteTo(d32, hn::LoadU(d8q, y + px))), half);
+        const auto Cb = hn::Sub(hn::PromoteTo(d32, hn::LoadU(d8q, cb + px)), k128);
+        const auto Cr = hn::Sub(hn::PromoteTo(d32, hn::LoadU(d8q, cr + px)), k128);
+        R[q] = hn::DemoteTo(d8q, hn::ShiftRight<20>(hn::Add(Y, hn::Mul(Cr, crR))));
+        G[q] = hn::DemoteTo(
+            d8q, hn::ShiftRight<20>(hn::Add(hn::Add(Y, hn::Mul(Cr, crG)), hn::And(hn::Mul(Cb, cbG), top16))));
+        B[q] = hn::DemoteTo(d8q, hn::ShiftRight<20>(hn::Add(Y, hn::Mul(Cb, cbB))));
+      }
+      r[h] = hn::Combine(d8h, R[1], R[0]);
+      g[h] = hn::Combine(d8h, G[1], G[0]);
+      b[h] = hn::Combine(d8h, B[1], B[0]);
+    }
+    hn::StoreInterleaved3(hn::Combine(d8, r[1], r[0]), hn::Combine(d8, g[1], g[0]), hn::Combine(d8, b[1], b[0]),
+                          d8, rgb + 3 * x);
+  }
+  for (; x < n; ++x) detail::jpegPixel(y[x], cb[x], cr[x], rgb + 3 * x);
+}
+
 }  // namespace HWY_NAMESPACE
 }  // namespace le::simd
 HWY_AFTER_NAMESPACE();
@@ -127,10 +183,15 @@ HWY_AFTER_NAMESPACE();
 namespace le::simd {
 
 HWY_EXPORT(Yuv420RowToRgb24);
+HWY_EXPORT(JpegYCbCrRowToRgb24);
 
 void yuv420RowToRgb24(const uint8_t* y, const uint8_t* u, const uint8_t* v, int width,
                       int chroma_step, uint8_t* rgb) {
   HWY_DYNAMIC_DISPATCH(Yuv420RowToRgb24)(y, u, v, width, chroma_step, rgb);
+}
+
+void jpegYCbCrRowToRgb24(const uint8_t* y, const uint8_t* cb, const uint8_t* cr, int count, uint8_t* rgb) {
+  HWY_DYNAMIC_DISPATCH(JpegYCbCrRowToRgb24)(y, cb, cr, count, rgb);
 }
 
 }  // namespace le::simd

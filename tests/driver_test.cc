@@ -21,6 +21,22 @@ extern "C" {
 #include "tests/support/media.h"
 #include "tools/forge/forge.h"
 
+// stb_image as it comes: the reference the image module's stills decoder must equal.
+#define STB_IMAGE_STATIC
+#define STB_IMAGE_IMPLEMENTATION
+#define STBI_ONLY_JPEG
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wunused-function"
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+#pragma GCC diagnostic ignored "-Wsign-compare"
+#pragma GCC diagnostic ignored "-Wunused-but-set-variable"
+#endif
+#include <stb_image.h>
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+
 namespace media = le::testmedia;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -294,6 +310,36 @@ TEST(JpgDirSource, DeliversStillsAndRefusesAWrongSize) {
   // A missing still surfaces the image module's text.
   auto gap = le::driver::openJpgDir(dir + "/nowhere", 6, 80, 48);
   EXPECT_EQ(le::testing::thrown([&] { gap->next(f.data()); }), "decode failed: " + dir + "/nowhere/frame_000000.jpg");
+}
+
+// JPEG stills, subsampled (quality 75) or not (92), of a width that leaves a tail of every
+// vector length and large enough to be decoded in place: the image module decodes them to the
+// very bytes stb_image gives.
+TEST(Image, JpegStillsEqualPlainStb) {
+  const le::testing::ScratchDir tmp("jpeg");
+  const int W = 643, H = 547;
+  for (const int quality : {75, 92}) {
+    const std::string path = tmp.path() + "/s" + std::to_string(quality) + ".jpg";
+    const auto rgb = media::patternRgb(W, H, quality);
+    media::writeJpeg(path, rgb.data(), W, H, quality);
+    int w = 0, h = 0, comp = 0;
+    stbi_uc* want = stbi_load(path.c_str(), &w, &h, &comp, 3);
+    ASSERT_NE(want, nullptr);
+    const std::vector<uint8_t> ref(want, want + size_t(w) * h * 3);
+    stbi_image_free(want);
+    int gw = 0, gh = 0;
+    EXPECT_EQ(le::loadImageRGB(path, &gw, &gh), ref) << "quality " << quality;
+    EXPECT_EQ(gw, W);
+    EXPECT_EQ(gh, H);
+    std::vector<uint8_t> into(ref.size() + 1, 0x5A);
+    ASSERT_TRUE(le::loadImageRGBInto(path, W, H, into.data(), &gw, &gh));
+    EXPECT_EQ(std::vector<uint8_t>(into.begin(), into.end() - 1), ref);
+    EXPECT_EQ(into.back(), 0x5A);
+    // The same bytes in another shape are refused with the image's own size.
+    EXPECT_FALSE(le::loadImageRGBInto(path, H, W, into.data(), &gw, &gh));
+    EXPECT_EQ(gw, W);
+    EXPECT_EQ(gh, H);
+  }
 }
 
 TEST(Image, PngRoundTripsAndFailuresNameThePath) {

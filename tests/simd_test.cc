@@ -460,6 +460,42 @@ TEST(SimdYuv, EveryYuvTripleBothChromaLayouts) {
   });
 }
 
+// stb_image's scalar JPEG colour step, restated: 20 fractional bits, the green term from Cb cut
+// to its top 16 bits.
+void refJpegRow(const uint8_t* y, const uint8_t* cb, const uint8_t* cr, int n, uint8_t* rgb) {
+  const auto fixed = [](float x) { return int(x * 4096.0f + 0.5f) << 8; };
+  const auto clamp = [](int v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : v); };
+  for (int i = 0; i < n; ++i) {
+    const int yf = (y[i] << 20) + (1 << 19), r = cr[i] - 128, b = cb[i] - 128;
+    rgb[3 * i] = clamp((yf + r * fixed(1.40200f)) >> 20);
+    rgb[3 * i + 1] = clamp((yf + r * -fixed(0.71414f) + ((b * -fixed(0.34414f)) & int(0xffff0000))) >> 20);
+    rgb[3 * i + 2] = clamp((yf + b * fixed(1.77200f)) >> 20);
+  }
+}
+
+TEST(SimdYuv, JpegColourEveryTripleAndWidth) {
+  const int W = 256;
+  std::vector<uint8_t> y(W), cb(W), cr(W), want(3 * W), got(3 * W);
+  forEachTarget([&](const std::string&) {
+    for (int c0 = 0; c0 < 256; ++c0)
+      for (int c1 = 0; c1 < 256; ++c1) {
+        for (int i = 0; i < W; ++i) y[i] = uint8_t(i), cb[i] = uint8_t(c0), cr[i] = uint8_t(c1);
+        refJpegRow(y.data(), cb.data(), cr.data(), W, want.data());
+        le::simd::jpegYCbCrRowToRgb24(y.data(), cb.data(), cr.data(), W, got.data());
+        ASSERT_EQ(0, std::memcmp(got.data(), want.data(), want.size())) << "cb " << c0 << " cr " << c1;
+      }
+    std::mt19937 rng(7);
+    for (int width = 0; width <= 150; ++width) {
+      std::vector<uint8_t> yy(width + 1), bb(width + 1), rr(width + 1), w2(3 * width), g(3 * width + 1, 0x5A);
+      for (int i = 0; i < width; ++i) yy[i] = uint8_t(rng()), bb[i] = uint8_t(rng()), rr[i] = uint8_t(rng());
+      refJpegRow(yy.data(), bb.data(), rr.data(), width, w2.data());
+      le::simd::jpegYCbCrRowToRgb24(yy.data(), bb.data(), rr.data(), width, g.data());
+      ASSERT_EQ(0, std::memcmp(g.data(), w2.data(), w2.size())) << "width " << width;
+      ASSERT_EQ(g[3 * width], 0x5A);
+    }
+  });
+}
+
 // Tables as the compositor builds them: normalised Lanczos (a = 4) and bilinear phases.
 void pasteTables(PasteArgs& a) {
   a.lanczos.assign(256, 0.0f);

@@ -1,5 +1,6 @@
 // The offline stream renderer: a whole clip's deltas, rendered on one thread and pasted and
-// delivered on the calling one through a ring of four crops.
+// delivered on the calling one through a ring of four crops. Each crop is pasted straight into
+// the drive cursor's own copy of its frame (taken for modification), so no frame is copied.
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -15,6 +16,7 @@
 #include "le/le.h"
 #include "le/le_a2x.h"
 #include "le/le_bundle.h"
+#include "le/le_capi.h"
 #include "le/le_error.h"
 
 namespace {
@@ -74,7 +76,6 @@ int le_stream::run(const float* audio, int n, le_stream_frame_fn callback, void*
   int made = 0, taken = 0;  // crops rendered into the ring; crops pasted and released
   bool done = false;
   std::atomic<bool> failed{false};
-  std::vector<uint8_t> frame(size_t(width) * height * 3);
 
   std::thread renderer([&] {
     std::vector<float> driven(kKp);
@@ -110,8 +111,17 @@ int le_stream::run(const float* audio, int n, le_stream_frame_fn callback, void*
     }
     // The renderer never writes slot j % 4 until it is released below.
     const float* img = ring.data() + size_t(j % kSlots) * cropFloats;
-    const bool pasted = le_paste_crop(ctx.get(), source(j), img, frame.data(), frame.size()) == 1;
-    if (!pasted) std::fprintf(stderr, "[le_stream] paste of frame %d failed: %s\n", j, le_last_error());
+    // The frame stays the cursor's until its next pull, after the callback.
+    const uint8_t* frame = nullptr;
+    try {
+      const int s = source(j);
+      uint8_t* f = ctx->cursor->pullMutAt(s, nullptr);
+      ctx->paste->composite(img, 255.0f, ctx->identity.M(s), f, width, height);
+      frame = f;
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "[le_stream] paste of frame %d failed: %s\n", j, e.what());
+    }
+    const bool pasted = frame != nullptr;
     {
       std::lock_guard<std::mutex> lock(mu);
       if (!pasted) failed = true;
@@ -119,7 +129,7 @@ int le_stream::run(const float* audio, int n, le_stream_frame_fn callback, void*
       freed.notify_one();
     }
     if (!pasted) break;
-    callback(user, j, frame.data(), width, height);
+    callback(user, j, frame, width, height);
     ++delivered;
   }
   renderer.join();
