@@ -177,6 +177,10 @@ struct RegionFlag {
 
 }  // namespace
 
+SerialScope::SerialScope(bool on) : was_(tlsInRegion) { tlsInRegion = was_ || on; }
+
+SerialScope::~SerialScope() { tlsInRegion = was_; }
+
 int threads() {
   static std::once_flag once;
   static int budget = 1;

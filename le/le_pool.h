@@ -26,4 +26,17 @@ int parts(size_t n, size_t grain);
 // calling thread; returns when every chunk has run. fn is borrowed for the call only.
 void parallelRange(size_t n, size_t grain, const std::function<void(size_t, size_t)>& fn);
 
+// While alive (and on), the ranges this thread starts run inline: for a stage that runs beside
+// another one that already keeps every core busy, where splitting only adds runnable threads.
+class SerialScope {
+ public:
+  explicit SerialScope(bool on = true);
+  ~SerialScope();
+  SerialScope(const SerialScope&) = delete;
+  SerialScope& operator=(const SerialScope&) = delete;
+
+ private:
+  bool was_;
+};
+
 }  // namespace le::pool

@@ -144,6 +144,31 @@ TEST(Pool, NestedRangesInlineOnCallerOwnPoolOnWorkers) {
   EXPECT_EQ(workerSplit.load(), outerChunks.load() - 1);
 }
 
+// A serial scope runs the thread's ranges as one inline call; an off scope changes nothing;
+// leaving the scope restores splitting.
+TEST(Pool, SerialScopeRunsInlineUntilItEnds) {
+  const auto calls = [] {
+    std::atomic<int> n{0};
+    le::pool::parallelRange(1000, 1, [&](size_t, size_t) { ++n; });
+    return n.load();
+  };
+  const int split = le::pool::parts(1000, 1);
+  {
+    const le::pool::SerialScope serial;
+    EXPECT_EQ(calls(), 1);
+    {
+      const le::pool::SerialScope off(false);
+      EXPECT_EQ(calls(), 1);
+    }
+    EXPECT_EQ(calls(), 1);
+  }
+  {
+    const le::pool::SerialScope off(false);
+    EXPECT_EQ(calls(), split);
+  }
+  EXPECT_EQ(calls(), split);
+}
+
 TEST(Pool, ManyCallingThreadsAtOnce) {
   const int callers = 6, rounds = 300;
   std::vector<std::thread> ts;

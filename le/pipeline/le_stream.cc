@@ -18,6 +18,7 @@
 #include "le/le_bundle.h"
 #include "le/le_capi.h"
 #include "le/le_error.h"
+#include "le/le_pool.h"
 
 namespace {
 
@@ -103,6 +104,8 @@ int le_stream::run(const float* audio, int n, le_stream_frame_fn callback, void*
   });
 
   int delivered = 0;
+  // Beside a director that keeps both cores busy, a split paste only adds a runnable thread.
+  const le::pool::SerialScope serial(le::pool::threads() <= 2);
   for (int j = 0; j < count; ++j) {
     {
       std::unique_lock<std::mutex> lock(mu);

@@ -30,6 +30,7 @@
 #include "le/le_bundle.h"
 #include "le/le_capi.h"
 #include "le/le_error.h"
+#include "le/le_pool.h"
 #include "le/pipeline/le_utt_borrow.h"
 #include "le/pipeline/le_utt_queues.h"
 #include "le/pipeline/le_utt_source.h"
@@ -1338,6 +1339,8 @@ void le_utt::borrowMain() {
 // ---- paste thread -----------------------------------------------------------------------------
 
 void le_utt::pasteMain() {
+  // Beside a director that keeps both cores busy, a split paste only adds a runnable thread.
+  const le::pool::SerialScope serial(le::pool::threads() <= 2);
   for (;;) {
     le::utt::PasteJob job;
     {
