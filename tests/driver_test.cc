@@ -321,7 +321,7 @@ TEST(Image, JpegStillsEqualPlainStb) {
   for (const int quality : {75, 92}) {
     const std::string path = tmp.path() + "/s" + std::to_string(quality) + ".jpg";
     const auto rgb = media::patternRgb(W, H, quality);
-    media::writeJpeg(path, rgb.data(), W, H, quality);
+    le::forge::writeJpeg(path, rgb.data(), W, H, quality);
     int w = 0, h = 0, comp = 0;
     stbi_uc* want = stbi_load(path.c_str(), &w, &h, &comp, 3);
     ASSERT_NE(want, nullptr);
