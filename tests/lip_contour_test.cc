@@ -2,6 +2,7 @@
 // delivery masks against full-canvas evaluation.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -124,6 +125,56 @@ TEST(LipContour, ScanlineFillAgainstPointInPolygon) {
         if (dmin <= 0.501) continue;
         ASSERT_EQ(fill[size_t(y - b.y0) * w + x - b.x0], in ? 255 : 0) << "trial " << trial << " at " << x << "," << y;
       }
+  }
+}
+
+// Vertices far off the canvas, clamped 65536 pixels out, and vertices on it: the outline and fill
+// agree byte for byte with Bresenham's walk taken one step at a time and a plain even-odd fill.
+TEST(LipContour, FarVerticesAgainstStepwiseWalk) {
+  const int n = 48;
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<double> near(-20, 68), far(-3e5, 3e5);
+  for (int trial = 0; trial < 200; ++trial) {
+    const int nv = 2 + trial % 9;
+    const LipContour lc = contour(n, 2.f, nv);
+    std::vector<double> poly(2 * size_t(nv));
+    for (double& c : poly) c = rng() % 3 == 0 ? far(rng) : near(rng);
+    const Box b = lc.box(poly.data());
+    const int64_t w = b.x1 - b.x0, h = b.y1 - b.y0;
+    if (w < 1 || h < 1) continue;
+    std::vector<int64_t> v(poly.size());
+    for (size_t i = 0; i < poly.size(); ++i)
+      v[i] = std::clamp<int64_t>(le::tessera::roundHalfEven(poly[i] - (i % 2 ? b.y0 : b.x0)), -65536, 65536);
+    std::vector<uint8_t> want(size_t(w * h), 0), got(want.size(), 7);
+    for (int i = 0; i < nv; ++i) {
+      const int a = (i + nv - 1) % nv;
+      int64_t x = v[2 * a], y = v[2 * a + 1];
+      const int64_t xe = v[2 * i], ye = v[2 * i + 1], dx = std::abs(xe - x), dy = -std::abs(ye - y);
+      int64_t err = dx + dy;
+      for (;;) {
+        if (x >= 0 && x < w && y >= 0 && y < h) want[size_t(y * w + x)] = 255;
+        if (x == xe && y == ye) break;
+        const int64_t e2 = 2 * err;
+        if (e2 >= dy) err += dy, x += x < xe ? 1 : -1;
+        if (e2 <= dx) err += dx, y += y < ye ? 1 : -1;
+      }
+    }
+    for (int64_t y = 0; y < h; ++y) {
+      std::vector<int64_t> xs;
+      for (int i = 0; i < nv; ++i) {
+        const int a = (i + nv - 1) % nv;
+        int64_t x0 = v[2 * a], y0 = v[2 * a + 1], x1 = v[2 * i], y1 = v[2 * i + 1];
+        if (y0 == y1) continue;
+        if (y0 > y1) std::swap(x0, x1), std::swap(y0, y1);
+        if (y0 <= y && y < y1) xs.push_back(x0 * 65536 + (y - y0) * (((x1 - x0) * 65536) / (y1 - y0)));
+      }
+      std::sort(xs.begin(), xs.end());
+      for (size_t k = 0; k + 1 < xs.size(); k += 2)
+        for (int64_t x = std::max<int64_t>((xs[k] + 65535) >> 16, 0); x <= std::min(xs[k + 1] >> 16, w - 1); ++x)
+          want[size_t(y * w + x)] = 255;
+    }
+    lc.fillScanline(poly.data(), b, got.data());
+    ASSERT_EQ(got, want) << "trial " << trial;
   }
 }
 

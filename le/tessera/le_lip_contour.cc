@@ -16,11 +16,41 @@ constexpr int kKpRows = 21;
 constexpr int kMaxLipRows = 8;
 constexpr float kStep = 0.955f, kDiag = 1.3693f, kFarAway = 1e10f;
 // Rounded vertices are held within this many pixels of the box origin, so 16.16 products stay
-// inside int64 and an outline edge costs at most a few hundred thousand steps even for
-// keypoints hundreds of canvases away.
+// inside int64 even for keypoints hundreds of canvases away.
 constexpr int64_t kVertexReach = int64_t(1) << 16;
 
 const char* const kPrefix = "lip_template.v1.json: ";
+
+// The steps k in [0, n] for which start + s * k lies in [0, len): [lo, hi], empty when lo > hi.
+void stepsInside(int64_t start, int64_t s, int64_t len, int64_t n, int64_t& lo, int64_t& hi) {
+  if (s > 0) {
+    lo = std::max<int64_t>(0, -start), hi = std::min(n, len - 1 - start);
+  } else {
+    lo = std::max<int64_t>(0, start - (len - 1)), hi = std::min(n, start);
+  }
+}
+
+// Bresenham's segment from (x0, y0) to (x1, y1) into the w x h bytes. After k steps along the
+// major axis the minor one has moved floor((2 * minor * k + major) / (2 * major)): the same
+// points as the step-by-step walk, but only the steps inside the box are taken, so an edge to a
+// vertex far off the canvas costs the box's width, not the vertex's distance.
+void plotSegment(int64_t x0, int64_t y0, int64_t x1, int64_t y1, int64_t w, int64_t h, uint8_t* out) {
+  const int64_t ax = std::abs(x1 - x0), ay = std::abs(y1 - y0);
+  const int64_t sx = x0 < x1 ? 1 : -1, sy = y0 < y1 ? 1 : -1;
+  const bool xMajor = ax >= ay;
+  const int64_t n = xMajor ? ax : ay, m = xMajor ? ay : ax;
+  int64_t lo, hi;
+  if (xMajor) {
+    stepsInside(x0, sx, w, n, lo, hi);
+  } else {
+    stepsInside(y0, sy, h, n, lo, hi);
+  }
+  for (int64_t k = lo; k <= hi; ++k) {
+    const int64_t j = n ? (2 * m * k + n) / (2 * n) : 0;
+    const int64_t x = x0 + sx * (xMajor ? k : j), y = y0 + sy * (xMajor ? j : k);
+    if (x >= 0 && x < w && y >= 0 && y < h) out[y * w + x] = 255;
+  }
+}
 
 inline float smoothstep01(float s) { return (3.f - 2.f * s) * s * s; }
 
@@ -228,21 +258,10 @@ void LipContour::fillScanline(const double* poly, const Box& box, uint8_t* out) 
     return std::clamp<int64_t>(roundHalfEven(poly[2 * v + 1] - box.y0), -kVertexReach, kVertexReach);
   };
 
-  // The outline, point by point.
+  // The outline.
   for (int32_t i = 0; i < nv_; ++i) {
     const int32_t a = i == 0 ? nv_ - 1 : i - 1;
-    int64_t x = vx(a), y = vy(a);
-    const int64_t xe = vx(i), ye = vy(i);
-    const int64_t dx = std::abs(xe - x), dy = -std::abs(ye - y);
-    const int64_t sx = x < xe ? 1 : -1, sy = y < ye ? 1 : -1;
-    int64_t err = dx + dy;
-    for (;;) {
-      if (x >= 0 && x < w && y >= 0 && y < h) out[y * w + x] = 255;
-      if (x == xe && y == ye) break;
-      const int64_t e2 = 2 * err;
-      if (e2 >= dy) err += dy, x += sx;
-      if (e2 <= dx) err += dx, y += sy;
-    }
+    plotSegment(vx(a), vy(a), vx(i), vy(i), w, h, out);
   }
 
   // Edge table in 16.16: y_min, y_max, x at y_min, dx/dy.
