@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <random>
 #include <string>
@@ -17,26 +16,21 @@
 #include "le/le.h"
 #include "le/le_bundle.h"
 #include "le/render/le_renderer.h"
+#include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
 #include "tools/forge/director_members.h"
 #include "tools/forge/forge.h"
 
-namespace fs = std::filesystem;
-
 namespace {
 
 struct Bundle {
+  le::testing::ScratchDir tmp{"cone_prefetch"};
   le::forge::Params params;
-  std::string dir;
+  std::string dir = tmp / "b";
   le::Manifest manifest;
   std::unique_ptr<le::Identity> identity;
 
   explicit Bundle(int nt) : params(le::forge::sized(nt, 160, 120, 64, 4)) {
-    const char* t = std::getenv("LE_TEST_TMP");
-    const fs::path base = t && *t ? fs::path(t) : fs::temp_directory_path() / "le_cone_prefetch_test";
-    dir = (base / ("nt" + std::to_string(nt) + "_" + std::to_string(::getpid()))).string();
-    fs::remove_all(dir);
-    fs::create_directories(dir);
     le::forge::DirectorMemberOptions o;
     o.heavyLayers = 1;
     o.steadyBatch = 0;
@@ -45,7 +39,6 @@ struct Bundle {
     manifest = le::loadManifest(dir);
     identity = std::make_unique<le::Identity>(manifest);
   }
-  ~Bundle() { fs::remove_all(dir); }
 
   // Driving keypoints: the source's own, moved a little per frame so every frame differs.
   void kps(int si, int frame, std::vector<float>& ks, std::vector<float>& kd) const {

@@ -71,7 +71,7 @@ std::vector<float> referenceDeltas(const std::vector<float>& audio) {
     for (int k = 0; k < 768; ++k)
       cond[size_t(f)][size_t(k)] = feat[size_t(f)][size_t(k)] - sum[size_t(k)] / float(std::max(count, 1));
   }
-  Ort::Env env(ORT_LOGGING_LEVEL_WARNING, "fca_ref");
+  Ort::Env& env = le::ortEnv();
   Ort::SessionOptions o;
   o.SetIntraOpNumThreads(1);
   Ort::Session dec(env, b.decoder.c_str(), o);

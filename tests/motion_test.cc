@@ -20,6 +20,7 @@
 #include "le/le_simd.h"
 #include "tests/bundle_fixture.h"
 #include "tests/onnx_ort.h"
+#include "tests/support/media.h"
 #include "tests/support/speech.h"
 #include "tools/forge/forge_motion.h"
 
@@ -49,9 +50,8 @@ std::vector<float> readFloats(const std::string& path) {
 struct Handle {
   le_motion* m = nullptr;
   explicit Handle(const std::string& dir, const std::string& dump = "", const char* ep = nullptr) {
-    if (!dump.empty()) setenv("LE_MOTION_DUMP", dump.c_str(), 1);
+    le::testmedia::ScopedEnv env("LE_MOTION_DUMP", dump.empty() ? nullptr : dump.c_str());
     m = le_motion_create(dir.c_str(), 1, ep);
-    unsetenv("LE_MOTION_DUMP");
   }
   ~Handle() { le_motion_destroy(m); }
   Handle(const Handle&) = delete;
@@ -197,12 +197,6 @@ TEST(Motion, SpectrumAndMelMatchNaiveDftOnSpeech) {
   EXPECT_NEAR(cond[0], loud, 1e-3);
 }
 
-
-std::vector<uint8_t> bytesOfFile(const std::string& path) {
-  const std::string b = le::readFile(path);
-  return std::vector<uint8_t>(b.begin(), b.end());
-}
-
 // Writes meta.json of dir with the given body lines.
 void writeMeta(const std::string& dir, const std::string& body) { writeFile(dir + "/meta.json", "{\n" + body + "\n}\n"); }
 
@@ -270,7 +264,7 @@ TEST(Motion, ChunksAndEmissionMatchPlainLoops) {
   ASSERT_EQ(cond.size(), static_cast<size_t>(total) * 1103);
   const std::vector<float> ch = readFloats(dir + "/ch_xs_info.bin"), vmm = readFloats(dir + "/v_min_max.bin");
   const std::vector<float> init = le::forge::initialState(ch);
-  Ort::Session gen = le::test::ortSession(bytesOfFile(dir + "/lmdm.onnx"));
+  Ort::Session gen = le::test::ortSession(le::testmedia::readBytes(dir + "/lmdm.onnx"));
   std::vector<std::vector<float>> seq;
   std::vector<float> state = init;
   for (int n = 0; 70 * n < total; ++n) {
@@ -307,7 +301,7 @@ TEST(Motion, ChunksAndEmissionMatchPlainLoops) {
   // Emission: walk, angles, rotation with the pitch offset, lip mask, exp0, expGain, stitcher, bridge.
   const std::vector<float> src = readFloats(dir + "/src_xs_info.bin"), target = readFloats(dir + "/xs_target.bin"),
                            xsla = readFloats(d / "xsla.bin");
-  Ort::Session stitch = le::test::ortSession(bytesOfFile(dir + "/stitch.onnx"));
+  Ort::Session stitch = le::test::ortSession(le::testmedia::readBytes(dir + "/stitch.onnx"));
   const std::vector<int> walk = {3, 2, 1, 0, 1, 2, 3, 4, 3, 2};
   const float gain = ch[258] / src[258];
   const bool lip[21] = {0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 1, 0, 0, 1, 0, 1, 1};

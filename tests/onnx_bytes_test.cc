@@ -332,19 +332,13 @@ TEST(OnnxBytes, RebuildKeepsBytesAndAppliesEdits) {
   GsReader mr(out);
   std::vector<uint32_t> order;
   while (mr.next(f)) order.push_back(f.number);
-    EXPECT_EQ(order, (std::vector<uint32_t>{1, 2, 7, 8, 6}));
+  EXPECT_EQ(order, (std::vector<uint32_t>{1, 2, 7, 8, 6}));
 
   // The edited model runs: out = 2 * P_rgb.
   Ort::Session s = le::test::ortSession(out);
   std::vector<float> x(48);
   for (size_t i = 0; i < x.size(); ++i) x[i] = float(i) - 20.f;
-  const int64_t shape[4] = {1, 3, 4, 4};
-  Ort::MemoryInfo mi = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
-  Ort::Value in = Ort::Value::CreateTensor<float>(mi, x.data(), x.size(), shape, 4);
-  const char* inName = "P_rgb";
-  const char* outName = mul.c_str();
-  auto res = s.Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &outName, 1);
-  const float* y = res[0].GetTensorData<float>();
+  const std::vector<float> y = le::test::ortRun(s, {{"P_rgb", {1, 3, 4, 4}, x.data(), x.size()}}, mul);
   for (size_t i = 0; i < x.size(); ++i) ASSERT_EQ(y[i], 2.f * x[i]);
 
   // dropPrgbInput alone removes P_rgb and keeps the rest; with keepOnly it removes every input.
@@ -389,13 +383,7 @@ TEST(OnnxBuilder, ModelRunsInOrtWithAttributesInitializersAndConstants) {
   Ort::Session s = le::test::ortSession(model);
   std::vector<float> x(18);
   for (size_t i = 0; i < x.size(); ++i) x[i] = (float(i) - 9.f) * 0.25f;
-  const int64_t shape[4] = {1, 2, 3, 3};
-  Ort::MemoryInfo mi = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
-  Ort::Value in = Ort::Value::CreateTensor<float>(mi, x.data(), x.size(), shape, 4);
-  const char* inName = "x";
-  const char* outName = "y";
-  auto res = s.Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &outName, 1);
-  const float* y = res[0].GetTensorData<float>();
+  const std::vector<float> y = le::test::ortRun(s, {{"x", {1, 2, 3, 3}, x.data(), x.size()}}, "y");
   for (size_t i = 0; i < 18; ++i) {
     float v = x[i] * (i < 9 ? 1.f : 2.f) * 0.5f;
     v = v < -1.f ? -1.f : v > 1.f ? 1.f : v;
