@@ -15,18 +15,11 @@
 #include <vector>
 
 #include "le/render/le_ort.h"
+#include "tests/bundle_fixture.h"
 
 namespace le::testa2x {
 
 inline float half(float x) { return static_cast<float>(static_cast<_Float16>(x)); }
-
-inline std::vector<float> rawFloats(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::vector<char> b((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  std::vector<float> v(b.size() / 4);
-  std::memcpy(v.data(), b.data(), v.size() * 4);
-  return v;
-}
 
 class Reference {
  public:
@@ -47,8 +40,8 @@ class Reference {
     enc_ = open(dir + "/a2x_enc_stream.onnx");
     dec_ = open(dir + "/a2x_dec.onnx");
     width_ = enc_->GetOutputCount() >= 2;
-    pos_ = rawFloats(dir + "/a2x_pos.f32");
-    const std::vector<float> norm = rawFloats(dir + "/a2x_norm.f32");
+    pos_ = le::testing::readTable<float>(dir + "/a2x_pos.f32");
+    const std::vector<float> norm = le::testing::readTable<float>(dir + "/a2x_norm.f32");
     mean_.assign(norm.begin(), norm.begin() + 63);
     scale_.assign(norm.begin() + 63, norm.begin() + 126);
     h_ = static_cast<int>(enc_->GetOutputTypeInfo(0).GetTensorTypeAndShapeInfo().GetShape().back());

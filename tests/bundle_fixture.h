@@ -7,9 +7,11 @@
 #include <memory>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "le/le_bundle.h"
 #include "le/le_imx.h"
@@ -44,6 +46,15 @@ struct Loaded {
   explicit Loaded(const std::string& dir)
       : manifest(loadManifest(dir)), identity(std::make_unique<Identity>(manifest)) {}
 };
+
+// A whole file as an array of T (a trailing partial element is left out).
+template <class T>
+std::vector<T> readTable(const std::string& path) {
+  const std::string b = readFile(path);
+  std::vector<T> v(b.size() / sizeof(T));
+  std::memcpy(v.data(), b.data(), v.size() * sizeof(T));
+  return v;
+}
 
 // Writes bytes to path, creating its parent directories.
 inline void writeFile(const std::string& path, std::string_view bytes) {

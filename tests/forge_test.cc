@@ -41,14 +41,6 @@ std::string scratch(const std::string& name) {
 std::vector<uint8_t> slurp(const std::string& path) { return le::testmedia::readBytes(path); }
 std::string text(const std::string& path) { return le::readFile(path); }
 
-template <class T>
-std::vector<T> table(const std::string& path) {
-  const auto b = slurp(path);
-  std::vector<T> v(b.size() / sizeof(T));
-  std::memcpy(v.data(), b.data(), v.size() * sizeof(T));
-  return v;
-}
-
 Params small() { return le::forge::sized(5, 96, 64, 48, 9); }
 
 // The small bundle with both drive media (or the one named) and the video prior, forged.
@@ -149,11 +141,11 @@ TEST(Forge, CanonicalBundleHasEveryMemberAtItsSize) {
   EXPECT_EQ(text(dir + "/manifest.json").find("P_hevc"), std::string::npos);
 
   // the idle track: ping-pong over the sources, rows agree with the keypoint functions
-  const auto si = table<int32_t>(dir + "/drive/si.i32");
+  const auto si = le::testing::readTable<int32_t>(dir + "/drive/si.i32");
   EXPECT_EQ(si, (std::vector<int32_t>{0, 1, 2, 3, 4, 3, 2, 1, 0}));
-  const auto xs = table<float>(dir + "/drive/xs.f32");
-  const auto xd = table<float>(dir + "/drive/xd.f32");
-  const auto xt = table<float>(dir + "/xs_target.bin");
+  const auto xs = le::testing::readTable<float>(dir + "/drive/xs.f32");
+  const auto xd = le::testing::readTable<float>(dir + "/drive/xd.f32");
+  const auto xt = le::testing::readTable<float>(dir + "/xs_target.bin");
   for (int i = 0; i < p.frames; ++i) {
     EXPECT_EQ(std::memcmp(&xs[63 * i], &xt[63 * si[i]], 252), 0) << i;
     EXPECT_EQ(std::memcmp(&xd[63 * i], drivenKeypoints(p, i).data(), 252), 0) << i;
@@ -198,7 +190,7 @@ TEST(Forge, AlternativeNamesAndManifestSpellings) {
   for (const char* key : {"\"NT\"", "\"crop\"", "M_src"}) EXPECT_EQ(m.find(key), std::string::npos) << key;
 
   // M.f32 is authored on the 48x64 canvas: scaling back to 96x64 gives the frame transform
-  const auto M = table<float>(dir + "/paste_transform.f32");
+  const auto M = le::testing::readTable<float>(dir + "/paste_transform.f32");
   ASSERT_EQ(M.size(), 30u);
   for (int si = 0; si < p.nt; ++si) {
     const auto want = pasteTransform(p, si);
@@ -292,7 +284,7 @@ TEST(Forge, BrokenTablesAndManifests) {
               Break::ManifestNoAgent, Break::ManifestZeroDims, Break::ManifestNoNT};
   p.replace = true;
   forgeBundle(dir, p);
-  EXPECT_EQ(table<int32_t>(dir + "/drive/si.i32").back(), p.nt);
+  EXPECT_EQ(le::testing::readTable<int32_t>(dir + "/drive/si.i32").back(), p.nt);
   EXPECT_EQ(fs::file_size(dir + "/pooled64.f16"), p.nt * 131072u + 1);
   EXPECT_EQ(fs::file_size(dir + "/mask_512.u8"), static_cast<size_t>(p.crop) * p.crop + 1);
   const std::string bad = text(dir + "/manifest.json");

@@ -39,13 +39,6 @@ std::string forgeMotionDir(const ScratchDir& dir, int nt) {
   return dir / "motion";
 }
 
-std::vector<float> readFloats(const std::string& path) {
-  const std::string b = le::readFile(path);
-  std::vector<float> v(b.size() / 4);
-  std::memcpy(v.data(), b.data(), v.size() * 4);
-  return v;
-}
-
 // RAII handle with the dump directory set for its creation only.
 struct Handle {
   le_motion* m = nullptr;
@@ -170,8 +163,8 @@ TEST(Motion, SpectrumAndMelMatchNaiveDftOnSpeech) {
   const std::vector<float> audio(speech().begin(), speech().begin() + 16000);
   le_motion_push(h.m, audio.data(), static_cast<int>(audio.size()));
   le_motion_finish(h.m);
-  const std::vector<float> mel = readFloats(d / "mel0.bin"), feat = readFloats(d / "feat0.bin"),
-                           cond = readFloats(d / "cond.bin");
+  const std::vector<float> mel = le::testing::readTable<float>(d / "mel0.bin"), feat = le::testing::readTable<float>(d / "feat0.bin"),
+                           cond = le::testing::readTable<float>(d / "cond.bin");
   ASSERT_EQ(mel.size(), 80u * 21);
   ASSERT_EQ(feat.size(), 20u * 1024);
   ASSERT_EQ(cond.size(), 25u * 1103);
@@ -183,7 +176,7 @@ TEST(Motion, SpectrumAndMelMatchNaiveDftOnSpeech) {
   }
   EXPECT_LT(melErr, 2e-3) << "log-mel range " << lo << " .. " << hi;
   EXPECT_GT(hi - lo, 5.0) << "the window should hear speech";
-  const std::vector<float> emo = readFloats(dir + "/emo.bin"), sc = readFloats(dir + "/ch_sc.bin");
+  const std::vector<float> emo = le::testing::readTable<float>(dir + "/emo.bin"), sc = le::testing::readTable<float>(dir + "/ch_sc.bin");
   for (int i = 0; i < 5; ++i) {
     const float* row = cond.data() + i * 1103;
     for (int k = 0; k < 1024; k += 97)
@@ -260,11 +253,11 @@ TEST(Motion, ChunksAndEmissionMatchPlainLoops) {
   EXPECT_EQ(le_motion_avail(h.m), 0);
 
   // The generator over the dumped condition rows, chunk by chunk.
-  const std::vector<float> cond = readFloats(d / "cond.bin"), fin = readFloats(d / "final.bin");
+  const std::vector<float> cond = le::testing::readTable<float>(d / "cond.bin"), fin = le::testing::readTable<float>(d / "final.bin");
   ASSERT_EQ(cond.size(), static_cast<size_t>(total) * 1103);
-  const std::vector<float> ch = readFloats(dir + "/ch_xs_info.bin"), vmm = readFloats(dir + "/v_min_max.bin");
+  const std::vector<float> ch = le::testing::readTable<float>(dir + "/ch_xs_info.bin"), vmm = le::testing::readTable<float>(dir + "/v_min_max.bin");
   const std::vector<float> init = le::forge::initialState(ch);
-  Ort::Session gen = le::test::ortSession(le::testmedia::readBytes(dir + "/lmdm.onnx"));
+  Ort::Session gen = le::test::ortSession(le::testing::readTable<uint8_t>(dir + "/lmdm.onnx"));
   std::vector<std::vector<float>> seq;
   std::vector<float> state = init;
   for (int n = 0; 70 * n < total; ++n) {
@@ -299,9 +292,9 @@ TEST(Motion, ChunksAndEmissionMatchPlainLoops) {
   EXPECT_LT(worst, 1e-5f);
 
   // Emission: walk, angles, rotation with the pitch offset, lip mask, exp0, expGain, stitcher, bridge.
-  const std::vector<float> src = readFloats(dir + "/src_xs_info.bin"), target = readFloats(dir + "/xs_target.bin"),
-                           xsla = readFloats(d / "xsla.bin");
-  Ort::Session stitch = le::test::ortSession(le::testmedia::readBytes(dir + "/stitch.onnx"));
+  const std::vector<float> src = le::testing::readTable<float>(dir + "/src_xs_info.bin"), target = le::testing::readTable<float>(dir + "/xs_target.bin"),
+                           xsla = le::testing::readTable<float>(d / "xsla.bin");
+  Ort::Session stitch = le::test::ortSession(le::testing::readTable<uint8_t>(dir + "/stitch.onnx"));
   const std::vector<int> walk = {3, 2, 1, 0, 1, 2, 3, 4, 3, 2};
   const float gain = ch[258] / src[258];
   const bool lip[21] = {0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 1, 0, 0, 1, 0, 1, 1};

@@ -12,11 +12,8 @@
 
 namespace le::test {
 
-inline Ort::Env& ortEnv() {
-  le::ortApi();
-  static Ort::Env env(ORT_LOGGING_LEVEL_ERROR, "le_test");
-  return env;
-}
+// The engine's process-wide environment: the runtime keeps one per process anyway.
+inline Ort::Env& ortEnv() { return le::ortEnv(); }
 
 // A CPU session over model bytes with the engine's operators registered ("com.vantorix"
 // GridSampleFast unless the caller names another registration). Without the CPU arena every

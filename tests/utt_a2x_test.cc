@@ -60,60 +60,23 @@ struct Bundle : le::testmedia::SpeakingBundle {
 
 const std::vector<int16_t>& clip() { return le::testmedia::sayAhClip(); }
 
-struct Frame {
-  le_utt_frame_info info;
-  std::vector<uint8_t> rgb;
-};
+using Frame = le::testmedia::UttFrame;
 
 // One utterance through a fresh pipeline: pushes in pieces of `push`, marks the end and pulls
 // until idle frames follow the speech. Returns every frame pulled; a fatal failure throws, the
 // last non-fatal one lands in status.
 std::vector<Frame> speak(const Bundle& b, le_utt_opts o, size_t push, bool keepPixels,
                          std::string* status = nullptr, uint64_t* failures = nullptr) {
-  const auto& pcm = clip();
   o.motion_dir = b.path.c_str();
-  le_utt* u = le_utt_create(b.ctx, &o);
-  if (!u) throw std::runtime_error(le_utt_last_error());
-  std::vector<Frame> got;
-  std::vector<uint8_t> buf(b.frameBytes());
-  auto pull = [&] {
-    le_utt_frame_info info{};
-    bool any = false;
-    while (le_utt_pull_frame(u, buf.data(), buf.size(), &info)) {
-      got.push_back({info, keepPixels ? buf : std::vector<uint8_t>()});
-      any = true;
-    }
-    return any;
-  };
-  const auto until = Clock::now() + std::chrono::seconds(kSanitized ? 300 : 60);
-  auto nap = [&] {
-    if (Clock::now() > until) throw std::runtime_error("the pipeline stalled");
-    std::this_thread::sleep_for(std::chrono::microseconds(300));
-  };
-  while (le_utt_ready(u) == 0)
-    if (!pull()) nap();
-  if (le_utt_ready(u) != 1) throw std::runtime_error(le_utt_last_error());
-  const size_t from = got.size();
-  for (size_t at = 0; at < pcm.size(); at += push) {
-    if (le_utt_push_audio(u, pcm.data() + at, int(std::min(push, pcm.size() - at))) != 1)
-      throw std::runtime_error(le_utt_last_error());
-    pull();
-  }
-  le_utt_end_utterance(u);
-  for (;;) {
-    int trailing = 0;
-    bool spoke = false;
-    for (size_t i = got.size(); i > from && !spoke; --i)
-      got[i - 1].info.kind == LE_UTT_KIND_IDLE ? void(++trailing) : void(spoke = true);
-    if (spoke && trailing >= 3) break;
-    if (!pull()) nap();
-  }
+  le::testmedia::UttPipeline p(b.ctx, b.frameBytes(), o, keepPixels);
+  const size_t from = p.got.size();
+  p.push(clip(), push);
+  le_utt_end_utterance(p.u);
+  p.untilIdle(from);
   char text[256];
-  const int fatal = le_utt_render_status(u, text, sizeof text, failures);
-  le_utt_destroy(u);
-  if (fatal != 0) throw std::runtime_error(text);
+  if (le_utt_render_status(p.u, text, sizeof text, failures) != 0) throw std::runtime_error(text);
   if (status) *status = text;
-  return got;
+  return std::move(p.got);
 }
 
 std::vector<const Frame*> speechFrames(const std::vector<Frame>& f) {

@@ -61,60 +61,19 @@ struct Bundle : le::testmedia::SpeakingBundle {
 
 const std::vector<int16_t>& clip() { return le::testmedia::sayAhClip(); }
 
-struct Frame {
-  le_utt_frame_info info;
-  std::vector<uint8_t> rgb;
-};
+using Frame = le::testmedia::UttFrame;
 
 // A pipeline with the bundle's borrow attached once its source is ready.
-struct Pipeline {
-  const Bundle& b;
-  le_utt* u = nullptr;
-  std::vector<Frame> got;
-  std::vector<uint8_t> buf;
-  Clock::time_point until = Clock::now() + std::chrono::seconds(kSanitized ? 300 : 60);
-  explicit Pipeline(const Bundle& bundle) : b(bundle), buf(bundle.frameBytes()) {
-    le_utt_opts o{};
-    o.motion_dir = b.path.c_str();
-    o.steadyModel = "-";
-    u = le_utt_create(b.ctx, &o);
-    if (!u) throw std::runtime_error(le_utt_last_error());
-    while (le_utt_ready(u) == 0)
-      if (!pull()) nap();
-    if (le_utt_ready(u) != 1) throw std::runtime_error(le_utt_last_error());
+struct Pipeline : le::testmedia::UttPipeline {
+  explicit Pipeline(const Bundle& b) : UttPipeline(b.ctx, b.frameBytes(), opts(b)) {
     std::string err;
     if (b.attach(u, err) != 0) throw std::runtime_error(err);
   }
-  ~Pipeline() { le_utt_destroy(u); }
-  bool pull() {
-    le_utt_frame_info info{};
-    bool any = false;
-    while (le_utt_pull_frame(u, buf.data(), buf.size(), &info)) {
-      got.push_back({info, buf});
-      any = true;
-    }
-    return any;
-  }
-  void nap() {
-    if (Clock::now() > until) throw std::runtime_error("the pipeline stalled");
-    std::this_thread::sleep_for(std::chrono::microseconds(300));
-  }
-  // Pulls until `idle` idle frames follow a speech or ramp frame pulled from index `from` on.
-  void untilIdle(size_t from, int idle = 3) {
-    for (;;) {
-      int trailing = 0;
-      bool spoke = false;
-      for (size_t i = got.size(); i > from && !spoke; --i)
-        got[i - 1].info.kind == LE_UTT_KIND_IDLE ? void(++trailing) : void(spoke = true);
-      if (spoke && trailing >= idle) return;
-      if (!pull()) nap();
-    }
-  }
-  void push(const std::vector<int16_t>& pcm, size_t step) {
-    for (size_t at = 0; at < pcm.size(); at += step) {
-      ASSERT_EQ(le_utt_push_audio(u, pcm.data() + at, int(std::min(step, pcm.size() - at))), 1);
-      pull();
-    }
+  static le_utt_opts opts(const Bundle& b) {
+    le_utt_opts o{};
+    o.motion_dir = b.path.c_str();
+    o.steadyModel = "-";
+    return o;
   }
 };
 

@@ -16,8 +16,8 @@
 #include "le/le_bundle.h"
 #include "le/le_error.h"
 #include "le/le_pool.h"
-#include "le/render/le_ort.h"
 #include "le/le_util.h"
+#include "le/render/le_ort.h"
 
 namespace le::motion {
 

@@ -9,8 +9,8 @@
 #include "le/le.h"
 #include "le/le_bundle.h"
 #include "le/le_imx.h"
-#include "le/tessera/le_tessera.h"
 #include "le/le_util.h"
+#include "le/tessera/le_tessera.h"
 
 namespace le {
 

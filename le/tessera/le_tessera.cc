@@ -10,8 +10,8 @@
 
 #include "le/le_pool.h"
 #include "le/le_simd.h"
-#include "le/tessera/le_tessera_pi.h"
 #include "le/le_util.h"
+#include "le/tessera/le_tessera_pi.h"
 
 namespace le::tessera {
 

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <stdexcept>
@@ -43,6 +44,53 @@ le::forge::Params withAudio(le::forge::Params p) {
 SpeakingBundle::SpeakingBundle(const std::string& tag, le::forge::Params p)
     : OpenBundle(tag, withAudio(std::move(p))),
       w2v_(std::make_unique<ScopedEnv>("W2V_ONNX", (path + "/" + le::forge::kW2vMember).c_str())) {}
+
+UttPipeline::UttPipeline(le_ctx* ctx, size_t frameBytes, const le_utt_opts& opts, bool keepPixels)
+    : buf_(frameBytes),
+      keepPixels_(keepPixels),
+      until_(std::chrono::steady_clock::now() + std::chrono::seconds(kSanitized ? 300 : 60)) {
+  u = le_utt_create(ctx, &opts);
+  if (!u) throw std::runtime_error(le_utt_last_error());
+  while (le_utt_ready(u) == 0)
+    if (!pull()) nap();
+  if (le_utt_ready(u) != 1) throw std::runtime_error(le_utt_last_error());
+}
+
+UttPipeline::~UttPipeline() { le_utt_destroy(u); }
+
+bool UttPipeline::pull() {
+  le_utt_frame_info info{};
+  bool any = false;
+  while (le_utt_pull_frame(u, buf_.data(), buf_.size(), &info)) {
+    got.push_back({info, keepPixels_ ? buf_ : std::vector<uint8_t>()});
+    any = true;
+  }
+  return any;
+}
+
+void UttPipeline::nap() {
+  if (std::chrono::steady_clock::now() > until_) throw std::runtime_error("the pipeline stalled");
+  std::this_thread::sleep_for(std::chrono::microseconds(300));
+}
+
+void UttPipeline::untilIdle(size_t from, int idle) {
+  for (;;) {
+    int trailing = 0;
+    bool spoke = false;
+    for (size_t i = got.size(); i > from && !spoke; --i)
+      got[i - 1].info.kind == LE_UTT_KIND_IDLE ? void(++trailing) : void(spoke = true);
+    if (spoke && trailing >= idle) return;
+    if (!pull()) nap();
+  }
+}
+
+void UttPipeline::push(const std::vector<int16_t>& pcm, size_t step) {
+  for (size_t at = 0; at < pcm.size(); at += step) {
+    if (le_utt_push_audio(u, pcm.data() + at, int(std::min(step, pcm.size() - at))) != 1)
+      throw std::runtime_error(le_utt_last_error());
+    pull();
+  }
+}
 
 const std::vector<int16_t>& sayAhClip() {
   static const std::vector<int16_t> c = speak16kPcm(kSanitized ? "Say ah." : "Open wide and say ah.");

@@ -3,12 +3,14 @@
 // (shared by the soak program under bench/ and its short CI run).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "le/le.h"
 #include "le/le_a2x.h"
 #include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
@@ -45,6 +47,37 @@ struct SpeakingBundle : OpenBundle {
 
  private:
   std::unique_ptr<ScopedEnv> w2v_;
+};
+
+// One pulled frame: its information and, when kept, its pixels.
+struct UttFrame {
+  le_utt_frame_info info;
+  std::vector<uint8_t> rgb;
+};
+
+// A pipeline made with opts over ctx, pulled until it is ready, keeping every frame it pulls
+// (with its pixels when keepPixels). Throws std::runtime_error when it cannot be made, does not
+// become ready, refuses a push or stalls (60 s, 300 s under a sanitizer).
+struct UttPipeline {
+  le_utt* u = nullptr;
+  std::vector<UttFrame> got;
+  UttPipeline(le_ctx* ctx, size_t frameBytes, const le_utt_opts& opts, bool keepPixels = true);
+  ~UttPipeline();
+  UttPipeline(const UttPipeline&) = delete;
+  UttPipeline& operator=(const UttPipeline&) = delete;
+  // Pulls every frame waiting; whether there was one.
+  bool pull();
+  // A short sleep, or the stall.
+  void nap();
+  // Pulls until `idle` idle frames follow a speech or ramp frame pulled from index `from` on.
+  void untilIdle(size_t from, int idle = 3);
+  // Pushes pcm in pieces of `step` samples, pulling after each.
+  void push(const std::vector<int16_t>& pcm, size_t step);
+
+ private:
+  std::vector<uint8_t> buf_;
+  bool keepPixels_;
+  std::chrono::steady_clock::time_point until_;
 };
 
 // "Open wide and say ah." ("Say ah." under a sanitizer), 16 kHz mono.
