@@ -490,7 +490,7 @@ TEST(SimdYuv, JpegColourEveryTripleAndWidth) {
       for (int i = 0; i < width; ++i) yy[i] = uint8_t(rng()), bb[i] = uint8_t(rng()), rr[i] = uint8_t(rng());
       refJpegRow(yy.data(), bb.data(), rr.data(), width, w2.data());
       le::simd::jpegYCbCrRowToRgb24(yy.data(), bb.data(), rr.data(), width, g.data());
-      ASSERT_EQ(0, std::memcmp(g.data(), w2.data(), w2.size())) << "width " << width;
+      ASSERT_TRUE(std::equal(w2.begin(), w2.end(), g.begin())) << "width " << width;
       ASSERT_EQ(g[3 * width], 0x5A);
     }
   });
