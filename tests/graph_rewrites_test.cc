@@ -262,7 +262,9 @@ TEST(GraphRewrites, GridSampleToFast) {
   EXPECT_TRUE(le::graphHasBakedGridSampleFast(m));
   EXPECT_EQ(countOp(m, "GridSample"), 0);
   for (const NodeView& n : nodesOf(m))
-    if (n.op == "GridSampleFast") EXPECT_EQ(n.domain + "/" + std::to_string(n.attrCount), "com.vantorix/0");
+    if (n.op == "GridSampleFast") {
+      EXPECT_EQ(n.domain + "/" + std::to_string(n.attrCount), "com.vantorix/0");
+    }
   EXPECT_EQ(vantorixImports(m), 1);
   EXPECT_EQ(opsetsOf(m).front(), (std::pair<std::string, uint64_t>("", 17)));
   EXPECT_LT(compare("GridSample -> GridSampleFast", original, m, directorFeeds()), 1e-5f);

@@ -32,6 +32,7 @@ struct Bundle : le::testmedia::OpenBundle {
   const std::string motionDir = path + "/motion";
 };
 
+using le::testmedia::kPatience;
 using le::testmedia::kSanitized;
 
 // Sanitized builds run ten times slower: a shorter sentence there.
@@ -46,7 +47,7 @@ struct Pipeline {
   Pipeline(const Bundle& b, le_utt_opts o) : buf(b.frameBytes()) {
     u = le_utt_create(b.ctx, &o);
     if (!u) throw std::runtime_error(le_utt_last_error());
-    const auto until = Clock::now() + std::chrono::seconds(60);
+    const auto until = Clock::now() + kPatience;
     while (le_utt_ready(u) == 0 && Clock::now() < until) pullAll();
     if (le_utt_ready(u) != 1) throw std::runtime_error(std::string("not ready: ") + le_utt_last_error());
   }
@@ -63,7 +64,7 @@ struct Pipeline {
   }
   // Pulls until `idle` idle frames followed speech or ramp frames pulled from index `from` on.
   void pullUntilIdle(size_t from, int idle = 3) {
-    const auto until = Clock::now() + std::chrono::seconds(60);
+    const auto until = Clock::now() + kPatience;
     for (;;) {
       int trailing = 0;
       bool spoke = false;
@@ -168,7 +169,7 @@ TEST(UttSpeech, EndSilenceAndInterruptRamps) {
   std::vector<int16_t> twice(pcm);
   twice.insert(twice.end(), pcm.begin(), pcm.end());
   ASSERT_EQ(le_utt_push_audio(p.u, twice.data(), int(twice.size())), 1);
-  const auto until = Clock::now() + std::chrono::seconds(60);
+  const auto until = Clock::now() + kPatience;
   while (std::count_if(p.got.begin() + long(from), p.got.end(),
                        [](const le_utt_frame_info& f) { return f.kind == kSpeech; }) < 3) {
     ASSERT_LT(Clock::now(), until);

@@ -24,6 +24,9 @@ inline constexpr bool kSanitized = true;
 #else
 inline constexpr bool kSanitized = false;
 #endif
+// How long a pipeline test waits for a frame before it calls the pipeline stuck: sanitized
+// builds running beside other tests' pipelines can be 20 times slower.
+inline constexpr std::chrono::seconds kPatience{kSanitized ? 300 : 60};
 
 // A bundle forged from params into a scratch directory ("b" in it), opened with director b1 on
 // 2 threads.
