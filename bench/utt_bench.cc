@@ -23,6 +23,7 @@
 #include "le/le_bundle.h"
 #include "le/render/le_renderer.h"
 #include "le/tessera/le_bundle_tessera.h"
+#include "bench/bench_bundle.h"
 #include "tests/support/speech.h"
 #include "tests/support/utt_soak.h"
 #include "tools/forge/forge.h"
@@ -43,20 +44,16 @@ double cpuMs() {
   return double(t.tv_sec) * 1e3 + double(t.tv_nsec) * 1e-6;
 }
 
-// One forged 1080p bundle per drive kind and process, rebuilt when missing: the drive frames as
-// JPEG stills, or (mp4) as an H.264 movie.
+// One forged 1080p bundle per drive kind: the drive frames as JPEG stills, or (mp4) as an H.264
+// movie.
 std::string forgeBundle(bool mp4) {
-  const char* t = std::getenv("LE_BENCH_TMP");
-  const std::string d = std::string(t && *t ? t : "/tmp") + (mp4 ? "/le_utt_bench_bundle_mp4" : "/le_utt_bench_bundle_borrow");
-  if (!fs::exists(d + "/motion/meta.json") || !fs::exists(d + "/a2x_enc_stream.onnx")) {
-    le::forge::Params p = le::testmedia::uttBundleParams(1920, 1080, 512, 8);
-    p.audio = true;  // the audio-to-expression source beside the motion generator
-    p.tessera = !mp4;
-    p.lips = le::forge::Lips::Template;
-    p.drive = mp4 ? le::forge::DriveMedia::Movie : le::forge::DriveMedia::Stills;
-    p.replace = true;
-    le::forge::forgeBundle(d, p);
-  }
+  le::forge::Params p = le::testmedia::uttBundleParams(1920, 1080, 512, 8);
+  p.audio = true;  // the audio-to-expression source beside the motion generator
+  p.tessera = !mp4;
+  p.lips = le::forge::Lips::Template;
+  p.drive = mp4 ? le::forge::DriveMedia::Movie : le::forge::DriveMedia::Stills;
+  const std::string d =
+      le::bench::forgedOnce(mp4 ? "le_utt_bench_bundle_mp4" : "le_utt_bench_bundle_borrow", p, "a2x_enc_stream.onnx");
   setenv("LE_UTT_STAGE_REPORT", "1", 1);
   setenv("W2V_ONNX", (d + "/w2v/audio_encoder_fp16.onnx").c_str(), 1);
   return d;

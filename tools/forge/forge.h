@@ -103,7 +103,7 @@ struct Params {
   bool audio = false;
   // pictures and encoders
   uint32_t seed = 1;
-  int jpegQuality = 92;
+  int jpegQuality = 90;  // 4:2:0, as stills cut from a camera's video are
   int driveCrf = 16;   // H.264 drive movie
   int priorQp = 4;     // HEVC prior (near lossless)
   // faults
