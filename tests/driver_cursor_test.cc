@@ -404,21 +404,6 @@ TEST(DriverCursor, MovieFramesThroughTheCursorEqualSequentialDecode) {
   EXPECT_GT(c->seeks(), 0u);
   EXPECT_LE(c->residentBytes(), bound);
 
-  // Readers on three threads, jumping and playing, always get the decoded frame they name.
-  std::atomic<int> bad{0};
-  std::vector<std::thread> readers;
-  for (int t = 0; t < 3; ++t)
-    readers.emplace_back([&, t] {
-      std::mt19937 r(100 + t);
-      std::vector<uint8_t> mine(c->frameBytes);
-      for (int n = 0; n < 30; ++n) {
-        const int i = static_cast<int>(r() % 24);
-        const int got = (n % 3 == 0) ? c->pull(mine.data()) : c->pullAt(i, mine.data());
-        if (mine != ref[got] || (n % 3 != 0 && got != i)) ++bad;
-      }
-    });
-  for (auto& th : readers) th.join();
-  EXPECT_EQ(bad, 0);
 }
 
 namespace {

@@ -22,7 +22,6 @@
 
 #include "le/le.h"
 #include "le/le_bundle.h"
-#include "le/le_pool.h"
 #include "le/le_simd.h"
 #include "le/render/graph_rewrites.h"
 #include "le/render/le_ort.h"
@@ -374,26 +373,6 @@ TEST_F(RendererTest, EntryPointRefusals) {
   EXPECT_STREQ(le_last_error(), "le_render_drive_crop: Renderer: unknown ep 'cuda'");
   EXPECT_EQ(le_render_drive_rgba(unknown.c, 0, nullptr, 0), 0);
   EXPECT_STREQ(le_last_error(), "le_render_drive_crop: Renderer: unknown ep 'cuda'");
-}
-
-TEST_F(RendererTest, IntraOpThreadsLine) {
-  std::vector<float> kp(63, 0.f);
-  const int pool = le::pool::threads();
-  {
-    Ctx ctx(dir_, "b1", 0, nullptr);
-    ::testing::internal::CaptureStderr();
-    ASSERT_NE(le_render_kp_crop(ctx.c, 0, kp.data(), kp.data()), nullptr) << le_last_error();
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
-                HasSubstr("[le] director intra-op " + std::to_string(std::min(pool, 2)) + " of pool " +
-                          std::to_string(pool) +
-                          ": the caller did not choose, the core sized it for the le_utt pipeline\n"));
-  }
-  for (auto [threads, ep] : {std::pair<int, const char*>{4, nullptr}, {0, "coreml"}}) {
-    Ctx ctx(dir_, "b1", threads, ep);
-    ::testing::internal::CaptureStderr();
-    ASSERT_NE(le_render_kp_crop(ctx.c, 0, kp.data(), kp.data()), nullptr) << le_last_error();
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), Not(HasSubstr("director intra-op")));
-  }
 }
 
 TEST_F(RendererTest, RgbaAndPasteLast) {

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <hwy/targets.h>
-#include <immintrin.h>
 
 #include <algorithm>
 #include <cmath>
@@ -181,17 +180,6 @@ void forEachTarget(const std::function<void(const std::string&)>& body) {
 }
 
 const size_t kLengths[] = {0, 1, 3, 7, 8, 15, 16, 17, 31, 33, 63, 64, 65, 100, 131};
-
-TEST(SimdTargets, CompiledSetAndName) {
-  const int64_t compiled = le::simd::compiledTargets();
-  EXPECT_EQ(compiled, HWY_SSSE3 | HWY_SSE4 | HWY_AVX2 | HWY_AVX3 | HWY_AVX3_DL);
-  hwy::SetSupportedTargetsForTest(0);
-  const int64_t supported = hwy::SupportedTargets();
-  EXPECT_STREQ(le::simd::target(), hwy::TargetName(supported & -supported));
-  EXPECT_GE(runnableTargets().size(), 1u);
-  std::printf("[simd] best target %s, %zu runnable compiled targets\n", le::simd::target(),
-              runnableTargets().size());
-}
 
 TEST(SimdHalf, WideningAllHalvesExact) {
   std::vector<uint16_t> all(65536);
@@ -649,35 +637,6 @@ TEST(SimdPaste, ZeroMaskAndOutsideColumnsUntouched) {
     EXPECT_EQ(row2, std::vector<uint8_t>(3 * W, 7));
     a.mask[5 * a.crop + 5] = 255;
   });
-}
-
-// The processor's own conversion (F16C), an independent reference for the sweep below.
-__attribute__((target("f16c,avx"))) void hardwareToHalf(const float* in, uint16_t* out, size_t n) {
-  for (size_t i = 0; i < n; i += 8)
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm256_cvtps_ph(_mm256_loadu_ps(in + i), 0));
-}
-
-// One-off exhaustive check of every float on every target against the hardware conversion
-// (a few minutes); run with --gtest_also_run_disabled_tests.
-TEST(SimdHalf, DISABLED_NarrowingAllFloats) {
-  if (!__builtin_cpu_supports("f16c")) GTEST_SKIP() << "no F16C";
-  const size_t chunk = size_t{1} << 24;
-  std::vector<float> in(chunk);
-  std::vector<uint16_t> got(chunk), want(chunk);
-  for (uint64_t base = 0; base < (uint64_t{1} << 32); base += chunk) {
-    for (size_t i = 0; i < chunk; ++i) in[i] = fromBits(static_cast<uint32_t>(base + i));
-    hardwareToHalf(in.data(), want.data(), chunk);
-    for (size_t i = 0; i < chunk; ++i) {
-      const bool saturates = (static_cast<uint32_t>(base + i) & 0x7FFFFFFF) >= 0x47800000u;
-      const uint16_t exp = saturates ? static_cast<uint16_t>((want[i] & 0x8000) | 0x7C00) : want[i];
-      ASSERT_EQ(le::f32ToF16(in[i]), exp) << std::hex << base + i;
-    }
-    forEachTarget([&](const std::string&) {
-      le::simd::f32ToF16(in.data(), got.data(), chunk - 3);  // with a scalar tail
-      le::simd::f32ToF16(in.data() + chunk - 3, got.data() + chunk - 3, 3);
-      ASSERT_EQ(0, std::memcmp(got.data(), want.data(), chunk * 2)) << std::hex << base;
-    });
-  }
 }
 
 }  // namespace
