@@ -81,9 +81,6 @@ TEST_F(Imx, PathHelpersAndUnwrapNaming) {
   using namespace le::imx;
   EXPECT_EQ(rstripSlash("///"), "/");
   EXPECT_EQ(dirName("avatar.imx"), ".");
-  EXPECT_EQ(unwrapDirFor("/x/avatar.imx"), "/x/avatar.lebundle");
-  EXPECT_EQ(unwrapDirFor("/x/avatar.lebundle.imx"), "/x/avatar.lebundle");
-  EXPECT_EQ(unwrapDirFor("/x/avatar.bin"), "/x/avatar.bin.lebundle");
   EXPECT_EQ(unwrapDirFor("avatar.imx"), "./avatar.lebundle");
   EXPECT_EQ(unwrapDirFor("/avatar.imx"), "/avatar.lebundle");
   setenv("LE_IMX_UNWRAP_ROOT", "/cache/le//", 1);
@@ -91,12 +88,9 @@ TEST_F(Imx, PathHelpersAndUnwrapNaming) {
   setenv("LE_IMX_UNWRAP_ROOT", "", 1);
   EXPECT_EQ(unwrapDirFor("/x/avatar.imx"), "/x/avatar.lebundle");
 
-  EXPECT_TRUE(isSafeMemberName("idle_loop/source_index.i32"));
+  // The unwrap test covers the escaping names; these are the near misses.
   EXPECT_TRUE(isSafeMemberName("a.b\\c"));
-  for (const std::string& bad : {std::string(""), std::string("/etc/x"), std::string("\\x"),
-                                std::string("../x"), std::string("a/../../x"), std::string("a..b"),
-                                std::string("a\0b", 3)})
-    EXPECT_FALSE(isSafeMemberName(bad)) << bad;
+  EXPECT_FALSE(isSafeMemberName("a..b"));
 }
 
 TEST_F(Imx, UnwrapsOnceReusesAndRebuildsWhenTheContainerChanges) {
