@@ -153,12 +153,7 @@ TEST(Forge, CanonicalBundleHasEveryMemberAtItsSize) {
   EXPECT_NE(std::memcmp(&xs[63], &xd[63], 252), 0) << "driven and source keypoints should differ";
 
   // another call with the same directory refuses unless asked to replace
-  try {
-    forgeBundle(dir, p);
-    FAIL() << "a non-empty directory was overwritten";
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(std::string(e.what()), "forge: " + dir + " exists and is not empty");
-  }
+  EXPECT_EQ(le::testing::thrown([&] { forgeBundle(dir, p); }), "forge: " + dir + " exists and is not empty");
   p.replace = true;
   p.drive = DriveMedia::Stills;
   p.fsRed = false;
@@ -262,12 +257,8 @@ TEST(Forge, RefusesBadGeometryAndMovieSizes) {
   p = small();
   p.width = 95;
   p.drive = DriveMedia::Movie;
-  try {
-    forgeBundle(scratch("odd_movie"), p);
-    FAIL() << "an odd-width 4:2:0 movie was written";
-  } catch (const std::runtime_error& e) {
-    EXPECT_NE(std::string(e.what()).find("needs an even size, got 95x64"), std::string::npos) << e.what();
-  }
+  EXPECT_NE(le::testing::thrown([&] { forgeBundle(scratch("odd_movie"), p); }).find("needs an even size, got 95x64"),
+            std::string::npos);
   MovieSpec spec;
   spec.encoder = "no-such-encoder";
   spec.width = spec.height = 16;

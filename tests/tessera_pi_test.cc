@@ -156,14 +156,7 @@ TEST(TesseraPi, CorpusChoice) {
     const double d[3] = {a, b, c};
     return le::tessera::corpusPick(d, canon);
   };
-  auto refusal = [&](double a, double b, double c) {
-    try {
-      pick(a, b, c);
-    } catch (const std::runtime_error& e) {
-      return std::string(e.what());
-    }
-    return std::string();
-  };
+  auto refusal = [&](double a, double b, double c) { return le::testing::thrown([&] { pick(a, b, c); }); };
   EXPECT_EQ(pick(2.0, 5.5, 9.0), 0);
   EXPECT_EQ(pick(9.0, 5.5, 2.0), 2);
   EXPECT_EQ(pick(7.9, 0.5, 3.5), 1);

@@ -68,12 +68,8 @@ TEST(TesseraStream, FloatWriteBackKeepsTheResidual) {
   EXPECT_EQ(edge[size_t(6 * 16 + 4)], 0.f);
 
   r.window.resize(5);
-  try {
-    StreamBorrow::writeWindowDelta(crop.data(), 16, r, s);
-    ADD_FAILURE() << "a short window was written back";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "teeth stream: window 5 bytes does not match the stamp window 4x6 — refusing to write back");
-  }
+  EXPECT_EQ(le::testing::thrown([&] { StreamBorrow::writeWindowDelta(crop.data(), 16, r, s); }),
+            "teeth stream: window 5 bytes does not match the stamp window 4x6 — refusing to write back");
 }
 
 TEST(TesseraStream, RgbaWriteBackIsOpaqueAndTakesTheWindowBytes) {
@@ -142,15 +138,12 @@ TEST(TesseraStream, EllipseDeliveryAndTheOfflineShiftTable) {
   EXPECT_FALSE(sb.hasLipContour());
   EXPECT_STREQ(sb.backend(), "cpu");
   const le::tessera::UnifiedPi other(64, false, 1.f, {12, 14, 17, 18}, 0.f, 0.f, 0.f);
-  try {
-    StreamBorrow bad(b.data(), le::tessera::loadHeadPt(b.in.head_pt),
-                     le::tessera::ServeConfig::fromHeadMemberJson(b.in.head_json), other, "");
-    ADD_FAILURE() << "a pi model of another canvas was accepted";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(),
-                 "teeth stream: manifest pi canvas 64 != bank compose canvas 128 — refusing to compose a mouth on a "
-                 "canvas the stamp does not name");
-  }
+  EXPECT_EQ(le::testing::thrown([&] {
+              StreamBorrow(b.data(), le::tessera::loadHeadPt(b.in.head_pt),
+                           le::tessera::ServeConfig::fromHeadMemberJson(b.in.head_json), other, "");
+            }),
+            "teeth stream: manifest pi canvas 64 != bank compose canvas 128 — refusing to compose a mouth on a "
+            "canvas the stamp does not name");
 
   // Frames of the forged face: the float push and the RGBA push of its bytes agree, and the
   // delivery mask is the pi mask.
