@@ -187,6 +187,7 @@ BENCHMARK(BM_UttSpeaking)
     ->Args({0, 0, 1, 1, 0})
     ->Args({0, 1, 0, 1, 0})  // the audio-to-expression source pastes on its own thread
     ->Args({1, 1, 0, 1, 0})
+    ->Args({1, 1, 0, 0, 0})
     ->Args({0, 1, 1, 1, 0})
     ->Args({0, 0, 0, 1, 1})  // the drive frames from the movie
     ->Args({1, 0, 0, 1, 1})
