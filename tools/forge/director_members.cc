@@ -208,7 +208,9 @@ std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int
 
   // The source cone gains a grouped convolution encoder of the source frame whose small
   // contribution joins the second differences: work a real director spends on the source alone.
-  // Grouped, so the int8 form keeps the cone in float and it still splits off.
+  // Grouped, so the int8 form keeps the cone in float and it still splits off. About a third of
+  // a whole frame's work, as in real directors: light enough that the prefetch keeps pace with
+  // the per-frame run even when it has no core of its own.
   GsSlice coneConcat;
   for (GsSlice n : p.nodes) {
     const std::vector<std::string> ins = inputsOf(n);
@@ -219,7 +221,7 @@ std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int
   OnnxBuilder c("heavy_cone");
   c.input("P_rgb", {1, 3, crop, crop});
   c.input(d2, {1, 9, crop, crop});
-  const int width = 24;  // 8 channels per colour plane
+  const int width = 12;  // 4 channels per colour plane
   const std::vector<Attr> grouped3 = {Attr::i("group", 3), Attr::ints("pads", {1, 1, 1, 1})};
   std::string e = c.op("Relu", {c.op("Conv", {"P_rgb", c.init("w_in", {width, 1, 3, 3}, weights(width * 9, 0.5f))}, grouped3)});
   for (int l = 0; l < coneLayers; ++l)
