@@ -49,15 +49,10 @@ using le::bench::benchTmp;
 // director is the heavy one: every other member is a link into the standard bundle. mp4: the
 // drive frames as an H.264 movie instead of JPEG stills.
 std::string forgeStandard(bool mp4) {
-  const std::string d = benchTmp() + (mp4 ? "/le_stream_bench_bundle_mp4" : "/le_stream_bench_bundle");
-  if (!fs::exists(d + "/fca_stream.onnx")) {
-    le::forge::Params p = le::testmedia::uttBundleParams(1920, 1080, 512, 8);
-    p.audio = true;
-    p.drive = mp4 ? le::forge::DriveMedia::Movie : le::forge::DriveMedia::Stills;
-    p.replace = true;
-    le::forge::forgeBundle(d, p);
-  }
-  return d;
+  le::forge::Params p = le::testmedia::uttBundleParams(1920, 1080, 512, 8);
+  p.audio = true;
+  p.drive = mp4 ? le::forge::DriveMedia::Movie : le::forge::DriveMedia::Stills;
+  return le::bench::forgedOnce(mp4 ? "le_stream_bench_bundle_mp4" : "le_stream_bench_bundle", p, "fca_stream.onnx");
 }
 
 std::string heavyTwin(const std::string& standard) {

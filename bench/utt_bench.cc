@@ -241,58 +241,63 @@ void BM_UttBorrow(benchmark::State& state) {
 }
 BENCHMARK(BM_UttBorrow)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty() ? 0 : v[v.size() / 2];
+}
+
 // The first speech frame after one push of the whole sentence (that push completes every frame's
-// audio), and the first ramp frame after an interrupt, beside their bounds.
+// audio), and the first ramp frame after an interrupt, beside their bounds; over several
+// utterances of one pipeline (each after idle frames), since single figures on a shared machine
+// vary by a third. The first utterance of a new pipeline is reported on its own as well.
 void BM_UttLatency(benchmark::State& state) {
   const int source = int(state.range(0));
+  constexpr int kRounds = 7;
   const auto& pcm = sentence();
-  double first = 0, firstStat = 0, afterInterrupt = 0, runMs = 0, pasteMs = 0, cutMisses = 0, cutRuns = 0, cutRunMs = 0;
+  std::vector<double> first, afterInterrupt, beyondRun;
+  double firstOfPipeline = 0, runMs = 0, pasteMs = 0;
   for (auto _ : state) {
-    {
-      Host h(0, source, "-");
-      for (int k = 0; k < 3;) k += h.pull();
-      // The bound's director run: the runs while speaking, not the warm-up's first runs.
-      const le::Renderer& r = *h.ctx->renderer;
-      const double ms0 = r.runMsTotal();
-      const int64_t runs0 = r.runCount();
+    Host h(0, source, "-");
+    const le::Renderer& r = *h.ctx->renderer;
+    // The bound's director run: the runs while speaking, not the warm-up's first runs.
+    const double ms0 = r.runMsTotal();
+    const int64_t runs0 = r.runCount();
+    for (int round = 0; round < kRounds; ++round) {
+      for (int k = 0; k < 3;) k += h.pull() && h.info.kind == LE_UTT_KIND_IDLE;
       const auto push = Clock::now();
       le_utt_push_audio(h.u, pcm.data(), int(pcm.size()));
       le_utt_end_utterance(h.u);
-      int speech = 0;
-      while (speech < 5) {
+      for (int speech = 0; speech < 5;) {
         if (!h.pull() || h.info.kind != LE_UTT_KIND_SPEECH) continue;
-        if (speech++ == 0) first = msSince(push);
+        if (speech++ == 0) first.push_back(msSince(push));
       }
-      const int64_t missesCut = r.coneMisses(), runsCut = r.runCount();
       const double runMsCut = r.runMsTotal();
+      // Frames already in the ring came before the interrupt; the ramp frame is the first after.
       le_utt_interrupt(h.u);
       const auto cut = Clock::now();
       // polled with naps: a spinning host would take a core from the pipeline it times
       while (le_utt_frames_available(h.u) == 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
-      afterInterrupt = msSince(cut);
-      cutMisses = double(r.coneMisses() - missesCut);
-      cutRuns = double(r.runCount() - runsCut);
-      cutRunMs = r.runMsTotal() - runMsCut;
-      le_utt_stats st{};
-      le_utt_get_stats(h.u, &st);
-      firstStat = st.firstFrameLatencyMs;
-      runMs = (r.runMsTotal() - ms0) / double(std::max<int64_t>(1, r.runCount() - runs0));
-      le_utt_destroy(h.u);
-      h.u = nullptr;
-      pasteMs = Host::pasteMs(h.ctx);
+      afterInterrupt.push_back(msSince(cut));
+      // less the director runs finished since the cut (the ramp frame's own, and the speech
+      // frame's that was under way)
+      beyondRun.push_back(afterInterrupt.back() - (r.runMsTotal() - runMsCut));
     }
+    firstOfPipeline = first.front();
+    runMs = (r.runMsTotal() - ms0) / double(std::max<int64_t>(1, r.runCount() - runs0));
+    le_utt_destroy(h.u);
+    h.u = nullptr;
+    pasteMs = Host::pasteMs(h.ctx);
   }
-  state.counters["first_speech_ms"] = first;
-  state.counters["first_speech_ms_stats"] = firstStat;
+  state.counters["first_speech_ms"] = median(first);
+  state.counters["first_speech_ms_worst"] = *std::max_element(first.begin(), first.end());
+  state.counters["first_speech_of_pipeline_ms"] = firstOfPipeline;
   state.counters["first_speech_bound_ms"] = runMs + pasteMs + 20;
-  state.counters["first_ramp_after_interrupt_ms"] = afterInterrupt;
+  state.counters["first_ramp_after_interrupt_ms"] = median(afterInterrupt);
+  state.counters["first_ramp_ms_worst"] = *std::max_element(afterInterrupt.begin(), afterInterrupt.end());
   state.counters["interrupt_bound_ms"] = runMs + pasteMs + 10;
-  // director runs finished and source cones computed on the render thread until the ramp frame
-  state.counters["interrupt_runs"] = cutRuns;
-  state.counters["interrupt_cone_misses"] = cutMisses;
   // the interrupt latency beyond the ramp frame's own director run, against paste + 10 ms: the
   // part that does not scale with the machine's load the way a run does
-  state.counters["interrupt_beyond_run_ms"] = afterInterrupt - cutRunMs;
+  state.counters["interrupt_beyond_run_ms"] = median(beyondRun);
   state.counters["interrupt_beyond_run_bound_ms"] = pasteMs + 10;
   state.counters["director_run_ms"] = runMs;
   state.counters["paste_ms"] = pasteMs;

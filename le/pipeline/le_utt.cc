@@ -456,6 +456,10 @@ void le_utt::warmMain() {
 
   {
     std::lock_guard<std::mutex> lk(mu_);
+    // The first speech frames' crop copies, their pages touched now rather than while a host
+    // waits for its first frame.
+    if (pipelined_)
+      for (int k = 0; k < 2; ++k) spareCrops_.emplace_back(cropFloats_);
     source_ = std::move(src);
     chunk_ = std::move(chunk);
     readyState_ = 1;
@@ -1339,8 +1343,7 @@ void le_utt::borrowMain() {
 // ---- paste thread -----------------------------------------------------------------------------
 
 void le_utt::pasteMain() {
-  // Beside a director that keeps both cores busy, a split paste only adds a runnable thread.
-  const le::pool::SerialScope serial(le::pool::threads() <= 2);
+  const bool fewCores = le::pool::threads() <= 2;
   for (;;) {
     le::utt::PasteJob job;
     {
@@ -1357,6 +1360,11 @@ void le_utt::pasteMain() {
       }
     }
     cv_.notify_all();
+    // Beside a director that keeps both cores busy, a split paste only adds a runnable thread.
+    // But a host waits for the first frame of speech and of a ramp: split, its paste takes a
+    // larger share of the cores while the director renders the next frame.
+    const bool urgent = job.kind == LE_UTT_KIND_RAMP || (job.kind == LE_UTT_KIND_SPEECH && job.speechIndex == 0);
+    const le::pool::SerialScope serial(fewCores && !urgent);
     try {
       pasteIntoRing(job.hasCrop ? job.crop.data() : nullptr, job.kind, job.si, job.speechIndex,
                     job.xd.data(), job.gen, job.uttStartMs, job.enqueueMs, true);
