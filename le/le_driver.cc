@@ -31,12 +31,14 @@ class JpgDirSource final : public Source {
   int W() const override { return W_; }
   int H() const override { return H_; }
 
-  bool next(uint8_t* out) override {
+  bool next(uint8_t* out) override { return nextInto(out, frameBytes()); }
+
+  bool nextInto(uint8_t* out, size_t capacity) override {
     if (position_ >= NT_) return false;
     char path[1088];
     std::snprintf(path, sizeof path, "%s/frame_%06d.jpg", dir_.c_str(), position_);
     int w = 0, h = 0;
-    if (!loadImageRGBInto(path, W_, H_, out, &w, &h))
+    if (!loadImageRGBInto(path, W_, H_, out, capacity, &w, &h))
       throw std::runtime_error("le_driver: " + std::string(path) + " is " + std::to_string(w) + "x" +
                                std::to_string(h) + ", the manifest says " + std::to_string(W_) + "x" +
                                std::to_string(H_) + " — refusing");
@@ -86,6 +88,9 @@ FrameBuffer allocFrame(size_t bytes) {
 }  // namespace
 
 struct DriverCursor::Impl {
+  // Bytes past each frame of the ring: room for a decoder that writes its frame in place.
+  static constexpr size_t kSpare = 1;
+
   Impl(std::unique_ptr<driver::Source> src, int L, int Hs)
       : source(std::move(src)),
         NT(source->NT()),
@@ -97,7 +102,7 @@ struct DriverCursor::Impl {
         slots(lookahead + history + 1) {
     if (NT < 1) throw std::runtime_error("le_driver: a source of " + std::to_string(NT) + " frames cannot play");
     ring.reserve(static_cast<size_t>(slots));
-    for (int s = 0; s < slots; ++s) ring.push_back(allocFrame(frameBytes));
+    for (int s = 0; s < slots; ++s) ring.push_back(allocFrame(frameBytes + kSpare));
     slotFrame.assign(static_cast<size_t>(slots), -1);
   }
 
@@ -166,7 +171,7 @@ struct DriverCursor::Impl {
             source->rewind();
             sourcePos = 0;
           }
-          if (!source->next(ring[k].get()))
+          if (!source->nextInto(ring[k].get(), frameBytes + kSpare))
             failure = "le_driver: " + source->name() + " ended after " + std::to_string(sourcePos) +
                       " frames, the manifest says NT=" + std::to_string(NT) +
                       " — a short driver is a session that stops part way through the loop, refusing";

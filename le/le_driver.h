@@ -25,6 +25,12 @@ class Source {
   virtual size_t frameBytes() const { return static_cast<size_t>(W()) * static_cast<size_t>(H()) * 3; }
   // Decodes the next frame into out (frameBytes() bytes); false at the end of the member.
   virtual bool next(uint8_t* out) = 0;
+  // The same into a buffer of capacity bytes (at least frameBytes()): a decoder may use the
+  // spare bytes to write its frame in place.
+  virtual bool nextInto(uint8_t* out, size_t capacity) {
+    (void)capacity;
+    return next(out);
+  }
   // Back to frame 0.
   virtual void rewind() = 0;
   // The next call of next() delivers frame i.

@@ -15,19 +15,20 @@ namespace le {
 namespace {
 
 // A frame-sized buffer of the caller that stb may take as its output allocation, so that a
-// decoded frame lands where the caller wants it without a copy. Only an allocation of exactly
-// that size is handed out; at frame sizes (>= 1 MiB) no other allocation of the JPEG decoder
-// can have it.
+// decoded frame lands where the caller wants it without a copy. Only an allocation of the
+// image's size (or one byte more, as stb's JPEG decoder asks) that fits is handed out; at frame
+// sizes (>= 1 MiB) no other allocation of the decoder can have it.
 struct Adoptable {
   void* buffer = nullptr;
-  size_t bytes = 0;
+  size_t bytes = 0, capacity = 0;
   bool taken = false;
 };
 thread_local Adoptable tlsAdopt;
 constexpr size_t kAdoptMin = size_t(1) << 20;
 
 void* stbMalloc(size_t n) {
-  if (tlsAdopt.buffer && !tlsAdopt.taken && n == tlsAdopt.bytes) {
+  if (tlsAdopt.buffer && !tlsAdopt.taken && n >= tlsAdopt.bytes && n <= tlsAdopt.bytes + 1 &&
+      n <= tlsAdopt.capacity) {
     tlsAdopt.taken = true;
     return tlsAdopt.buffer;
   }
@@ -125,14 +126,19 @@ std::vector<uint8_t> loadImageRGB(const std::string& path, int* w, int* h) {
 }
 
 bool loadImageRGBInto(const std::string& path, int w, int h, uint8_t* out, int* gotW, int* gotH) {
+  return loadImageRGBInto(path, w, h, out, static_cast<size_t>(w) * static_cast<size_t>(h) * 3, gotW, gotH);
+}
+
+bool loadImageRGBInto(const std::string& path, int w, int h, uint8_t* out, size_t capacity, int* gotW,
+                      int* gotH) {
   const size_t bytes = static_cast<size_t>(w) * static_cast<size_t>(h) * 3;
   // Withdrawn however the decode ends, after the pixels are released: stbFree skips out.
   struct Offer {
-    Offer(uint8_t* out, size_t bytes) {
-      if (bytes >= kAdoptMin) tlsAdopt = {out, bytes, false};
+    Offer(uint8_t* out, size_t bytes, size_t capacity) {
+      if (bytes >= kAdoptMin) tlsAdopt = {out, bytes, capacity, false};
     }
     ~Offer() { tlsAdopt = {}; }
-  } offer(out, bytes);
+  } offer(out, bytes, capacity);
   const Pixels px = decodeRGB(path, gotW, gotH);
   if (*gotW != w || *gotH != h) return false;
   if (px.get() != out) std::memcpy(out, px.get(), bytes);

@@ -1,6 +1,7 @@
 // Still images: JPEG (and other stb formats) in, PNG out. Reentrant.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -11,10 +12,13 @@ namespace le {
 // Throws "decode failed: " + path.
 std::vector<uint8_t> loadImageRGB(const std::string& path, int* w, int* h);
 
-// The same into out (w×h×3 bytes; a large frame is decoded there directly) when the image is
-// exactly w×h: true. Otherwise the image's size goes to gotW and gotH, out holds no image, and
-// the result is false.
+// The same into out (w×h×3 bytes) when the image is exactly w×h: true. Otherwise the image's
+// size goes to gotW and gotH, out holds no image, and the result is false. With capacity ≥
+// w×h×3 + 1 bytes at out, a large JPEG frame is decoded there directly (stb's JPEG decoder asks
+// for one byte more than the image, and writes it for a grey picture); otherwise it is copied.
 bool loadImageRGBInto(const std::string& path, int w, int h, uint8_t* out, int* gotW, int* gotH);
+bool loadImageRGBInto(const std::string& path, int w, int h, uint8_t* out, size_t capacity, int* gotW,
+                      int* gotH);
 
 // Writes w×h packed RGB rows as a PNG. Throws "png write failed: " + path.
 void writePNG(const std::string& path, const uint8_t* rgb, int w, int h);
