@@ -298,38 +298,6 @@ TEST(DriverCursor, ReadersOnSeveralThreadsGetTheFramesTheyAskFor) {
   EXPECT_GT(c->seeks(), 0u);
 }
 
-TEST(DriverCursor, SeeksRaceTheProducer) {
-  Knobs k;
-  k.delayUs = 50;
-  const int NT = 25;
-  auto c = tagged(k, NT, 3, 4);
-  std::atomic<bool> stop{false};
-  std::atomic<int> bad{0};
-  // one thread plays sequentially while another keeps redirecting the cursor
-  std::thread player([&] {
-    std::vector<uint8_t> out(kFrame);
-    while (!stop) {
-      const int got = c->pull(out.data());
-      if (got < 0 || got >= NT || tagOf(out.data()) != got) ++bad;
-    }
-  });
-  std::thread seeker([&] {
-    std::mt19937 rng(7);
-    std::vector<uint8_t> out(kFrame);
-    for (int n = 0; n < 300; ++n) {
-      const int i = static_cast<int>(rng() % NT);
-      if (n % 2)
-        c->seek(i);
-      else if (c->pullAt(i, out.data()) != i || tagOf(out.data()) != i)
-        ++bad;
-    }
-    stop = true;
-  });
-  seeker.join();
-  player.join();
-  EXPECT_EQ(bad, 0);
-}
-
 TEST(DriverCursor, DestructionWaitsForADecodeInFlight) {
   Knobs k;
   k.gated = true;
@@ -371,39 +339,6 @@ TEST(DriverCursor, AProducerFailureWakesEveryWaitingReader) {
   }
   for (auto& r : readers) r.join();
   for (const auto& e : errors) EXPECT_EQ(e, "le_driver: synthetic decode fault at 0");
-}
-
-// --- real movies ------------------------------------------------------------------------------
-
-TEST(DriverCursor, MovieFramesThroughTheCursorEqualSequentialDecode) {
-  const le::testing::ScratchDir tmp("cursor_movie");
-  const std::string path = tmp / "drive.mp4";
-  media::writeMovie(path, media::movieSpec(96, 64, 24, 8));
-  std::vector<std::vector<uint8_t>> ref;
-  {
-    auto src = le::driver::openMp4(path, 24, 96, 64);
-    std::vector<uint8_t> f(src->frameBytes());
-    while (src->next(f.data())) ref.push_back(f);
-  }
-  ASSERT_EQ(ref.size(), 24u);
-  auto c = le::DriverCursor::over(le::driver::openMp4(path, 24, 96, 64), 2, 11);
-  std::vector<uint8_t> out(c->frameBytes);
-  for (int n = 0; n < 60; ++n) {
-    const int got = c->pull(out.data());
-    ASSERT_EQ(got, n % 24);
-    ASSERT_EQ(out, ref[got]) << "frame " << got;
-  }
-  const size_t bound = c->residentBytes();
-  EXPECT_GE(bound, 14 * c->frameBytes);
-  std::mt19937 rng(3);
-  for (int n = 0; n < 40; ++n) {
-    const int i = static_cast<int>(rng() % 24);
-    ASSERT_EQ(c->pullAt(i, out.data()), i);
-    ASSERT_EQ(out, ref[i]) << "frame " << i;
-  }
-  EXPECT_GT(c->seeks(), 0u);
-  EXPECT_LE(c->residentBytes(), bound);
-
 }
 
 namespace {
