@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -141,8 +140,6 @@ TEST(GridSampleFast, OrtSessionsAgreeWithOrtGridSample) {
     const std::vector<float> b = le::test::ortRun(std_, feeds, "Y");
     EXPECT_EQ(shape, (std::vector<int64_t>{c.N, c.C, c.H, c.W}));
     const float d = le::test::maxAbsDiff(a, b);
-    std::printf("[gsf] [%lld, %lld, %lld, %lld] on %d threads: max |fast - ORT| = %.3g\n", (long long)c.N,
-                (long long)c.C, (long long)c.H, (long long)c.W, c.threads, double(d));
     EXPECT_LE(d, 1e-5f);
     // The session's bands are the plain function's rows: identical bits on any thread count.
     std::vector<float> plain(nx);
@@ -225,7 +222,6 @@ TEST(GridSampleFast, OnnxSuiteGridSampleCases) {
                                   {"grid", g.dims, g.values.data(), g.values.size()}};
     if (g.dims[1] == H && g.dims[2] == W) {
       const float d = le::test::maxAbsDiff(le::test::ortRun(fast, xf, "Y"), y.values);
-      std::printf("[gsf] suite %s: max |fast - expected| = %.3g\n", name.c_str(), double(d));
       EXPECT_LE(d, 1e-5f) << name;
       continue;
     }
@@ -241,7 +237,6 @@ TEST(GridSampleFast, OnnxSuiteGridSampleCases) {
     Ort::Session f2 = le::test::ortSession(le::forge::gridSampleModel(true, N, C, H, W));
     Ort::Session s2 = le::test::ortSession(le::forge::gridSampleModel(false, N, C, H, W));
     const float d = le::test::maxAbsDiff(le::test::ortRun(f2, same, "Y"), le::test::ortRun(s2, same, "Y"));
-    std::printf("[gsf] suite %s at its input's size: max |fast - ORT| = %.3g\n", name.c_str(), double(d));
     EXPECT_LE(d, 1e-5f) << name;
   }
   EXPECT_EQ(cases, 8u);

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -104,8 +103,6 @@ TEST(WarpDirector, OrtOperatorMatchesTheStandardWarpBlock) {
     const std::vector<float> b = le::test::ortRun(standard, feeds, "warped");
     EXPECT_EQ(shape, (std::vector<int64_t>{c.N, 3, c.H, c.W}));
     const float d = le::test::maxAbsDiff(a, b);
-    std::printf("[warp] [%lld, 3, %lld, %lld] on %d threads: max |WarpDirector - standard block| = %.3g\n",
-                (long long)c.N, (long long)c.H, (long long)c.W, c.threads, double(d));
     EXPECT_LE(d, 2e-5f);
     // The operator's two phases are the plain one-pass function's values exactly.
     std::vector<float> plain(nx);
