@@ -255,7 +255,7 @@ TEST(Identity, VideoPriorThroughThePriorCursor) {
         le::halfToFloat(&row[size_t(k) * 32 * 32 + i], &v, 1);
         err += std::fabs(v - rgb[3 * i + size_t(k)] / 255.f);
       }
-    EXPECT_LT(err / (3 * 32 * 32), 0.03) << si;
+    EXPECT_LT(err / (3 * 32 * 32), 0.008) << si;  // within 2 of 255 on average
   }
   id.walkP(3);
   // Only 1 -> 4 and then 4 -> 2 can reach the source, when the decoder has not got that far.
