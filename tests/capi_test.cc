@@ -87,12 +87,6 @@ TEST(Context, CreatesFromAForgedBundle) {
   EXPECT_FALSE(ctx->threads_explicit);
   le_destroy(ctx);
 
-  ctx = le_create(b.c_str(), "render_b4", 3, "cpu");
-  ASSERT_NE(ctx, nullptr) << le_last_error();
-  EXPECT_EQ(ctx->n_threads, 3);
-  EXPECT_TRUE(ctx->threads_explicit);
-  EXPECT_EQ(ctx->ep, "cpu");
-  le_destroy(ctx);
   le_destroy(nullptr);
 
   EXPECT_EQ(le_nt(nullptr) | le_width(nullptr) | le_height(nullptr) | le_crop(nullptr) | le_drive_frames(nullptr), 0);
