@@ -103,18 +103,8 @@ std::vector<float> run(const Bytes& model, const std::vector<Feed>& feeds, const
   return le::test::ortRun(s, views, out);
 }
 
-std::vector<float> pooled() {
-  std::vector<float> v(64 * 32 * 32);
-  uint32_t s = 7;
-  for (float& x : v) {
-    s = s * 1103515245u + 12345u;
-    x = float((s >> 9) & 0x3fff) / 8192.f - 1.f;
-  }
-  return v;
-}
-
 std::vector<Feed> directorFeeds(float mouthOpen = 0.12f, int crop = kCrop) {
-  return {{"pooled64", {1, 64, 32, 32}, pooled()},
+  return {{"pooled64", {1, 64, 32, 32}, le::test::randomFloats(64 * 32 * 32, -1.f, 1.f, 7)},
           {"P_rgb", {1, 3, crop, crop}, le::forge::forgeFacePrior(crop)},
           {"kp_driving", {1, 21, 3}, le::forge::forgeFaceKeypointsMouthOpen(mouthOpen)},
           {"kp_source", {1, 21, 3}, le::forge::forgeFaceKeypoints()}};
@@ -126,16 +116,9 @@ float maxAbs(const std::vector<float>& a) {
   return m;
 }
 
-float maxDiff(const std::vector<float>& a, const std::vector<float>& b) {
-  EXPECT_EQ(a.size(), b.size());
-  float m = 0.f;
-  for (size_t k = 0; k < std::min(a.size(), b.size()); ++k) m = std::max(m, std::fabs(a[k] - b[k]));
-  return m;
-}
-
 // The largest difference between the two models' outputs on the same feeds.
 float compare(const Bytes& before, const Bytes& after, const std::vector<Feed>& feeds) {
-  return maxDiff(run(before, feeds), run(after, feeds));
+  return le::test::maxAbsDiff(run(before, feeds), run(after, feeds));
 }
 
 // The model split at boundary and run as the renderer runs it: the prep session on P_rgb
@@ -206,7 +189,7 @@ TEST(ForgedDirector, BatchOfTwo) {
   std::vector<float> expect = run(director(), f0);
   const std::vector<float> second = run(director(), f1);
   expect.insert(expect.end(), second.begin(), second.end());
-  EXPECT_LT(maxDiff(run(two, both), expect), 1e-5f);
+  EXPECT_LT(le::test::maxAbsDiff(run(two, both), expect), 1e-5f);
 
   Bytes m = two;
   std::string reason;
@@ -218,7 +201,7 @@ TEST(ForgedDirector, BatchOfTwo) {
   EXPECT_EQ(canvas, kCrop);
   EXPECT_EQ(batch, 2);
   both.push_back({"lip_delivery", {2, 1, kCrop, kCrop}, std::vector<float>(2 * kCrop * kCrop, 1.f)});
-  EXPECT_LT(maxDiff(run(m, both), expect), 1e-5f);
+  EXPECT_LT(le::test::maxAbsDiff(run(m, both), expect), 1e-5f);
 }
 
 TEST(GraphRewrites, GridSampleToFast) {
@@ -278,7 +261,7 @@ TEST(GraphRewrites, GridSampleToFast) {
     for (size_t k = 0; k < x.size(); ++k) x[k] = float(k % 11) * 0.3f, g[k] = std::sin(float(k)) * 1.3f;
     const std::vector<Feed> feeds = {{"x", {1, 2, 5, 5}, x}, {"g", {1, 5, 5, 2}, g}};
     if (!preDeclared) {
-      EXPECT_LT(maxDiff(run(two, feeds, "y"), run(t, feeds, "y")), 1e-5f);
+      EXPECT_LT(le::test::maxAbsDiff(run(two, feeds, "y"), run(t, feeds, "y")), 1e-5f);
     }
   }
 
@@ -331,7 +314,7 @@ TEST(GraphRewrites, HeadCubicResize) {
   // head alone (its Conv output, where the cubic's error is not diluted by the rest).
   const std::vector<Feed> feeds = directorFeeds();
   const std::vector<float> a = run(original, feeds), b = run(m, feeds);
-  const float rel = maxDiff(a, b) / maxAbs(a);
+  const float rel = le::test::maxAbsDiff(a, b) / maxAbs(a);
   EXPECT_LT(rel, 1e-5f);
 
   // A crop above 64 keeps its linear Resize and still rewrites the cubic one.
@@ -341,7 +324,7 @@ TEST(GraphRewrites, HeadCubicResize) {
   EXPECT_EQ(countOp(bigM, "Resize"), 1);
   const std::vector<Feed> bigFeeds = directorFeeds(0.12f, 96);
   const std::vector<float> ba = run(big, bigFeeds), bb = run(bigM, bigFeeds);
-  EXPECT_LT(maxDiff(ba, bb) / maxAbs(ba), 1e-5f);
+  EXPECT_LT(le::test::maxAbsDiff(ba, bb) / maxAbs(ba), 1e-5f);
 
   // Refusals leave the bytes alone.
   auto unchanged = [](Bytes bytes) {
@@ -385,7 +368,7 @@ TEST(GraphRewrites, HeadCubicResize) {
     ASSERT_EQ(le::rewriteHeadCubicResize(hm), 1u) << ok;
     const std::vector<Feed> hf = {{"x", {1, 4, 6, 6}, x}};
     const std::vector<float> p = run(h, hf, "y"), q = run(hm, hf, "y");
-    EXPECT_LT(maxDiff(p, q) / maxAbs(p), 1e-5f) << ok;
+    EXPECT_LT(le::test::maxAbsDiff(p, q) / maxAbs(p), 1e-5f) << ok;
   }
 }
 
@@ -407,7 +390,7 @@ TEST(GraphRewrites, BindLipContour) {
   EXPECT_EQ(ones, ref);
   feeds.back().data.assign(kCrop * kCrop, 0.f);
   const std::vector<float> zeros = run(m, feeds);
-  EXPECT_GT(maxDiff(ref, zeros), 1e-3f);
+  EXPECT_GT(le::test::maxAbsDiff(ref, zeros), 1e-3f);
   EXPECT_EQ(zeros[0], ref[0]);  // a corner is far outside the ellipse
   EXPECT_EQ(le::rewriteBindLipContour(m, reason, nullptr, nullptr), 0);
   EXPECT_EQ(reason, "the graph already carries an input named lip_delivery");
@@ -603,7 +586,7 @@ TEST(GraphRewrites, WarpBlockToWarpDirector) {
   std::string boundary;
   EXPECT_EQ(le::findSourceConeBoundary(m, boundary), 0);  // nothing left to hoist
   EXPECT_LT(compare(original, m, directorFeeds()), 1e-4f);
-  EXPECT_GT(maxDiff(run(m, directorFeeds(0.f)), run(m, directorFeeds())), 0.1f);  // the warp moves pixels
+  EXPECT_GT(le::test::maxAbsDiff(run(m, directorFeeds(0.f)), run(m, directorFeeds())), 0.1f);  // the warp moves pixels
   EXPECT_LT(compare(original, m, directorFeeds(0.2f)), 1e-4f);
 
   // P_rgb read outside the cone does not stop the warp node; it only stops the split.
@@ -651,7 +634,7 @@ TEST(GraphRewrites, SourceConeSplit) {
   std::string reason;
   const int64_t dims[4] = {1, 12, kCrop, kCrop};
   const std::vector<float> whole = run(original, directorFeeds()), split = runSplit(original, boundary, directorFeeds(), prep);
-  EXPECT_LT(maxDiff(whole, split), 1e-6f);
+  EXPECT_LT(le::test::maxAbsDiff(whole, split), 1e-6f);
 
   // Refusals.
   EXPECT_EQ(le::findSourceConeBoundary(director(DirectorVariant::PrgbOutsideCone), boundary), 1);
@@ -710,12 +693,12 @@ TEST(GraphRewrites, RendererOrderAllAtOnce) {
     ASSERT_EQ(le::rewriteBindLipContour(m, reason, &canvas, nullptr), 1) << reason;
     EXPECT_EQ(vantorixImports(m), 1);
     const std::vector<float> ref = run(original, feeds), got = run(m, lipFeeds);
-    EXPECT_LT(maxDiff(ref, got), 1e-4f);
+    EXPECT_LT(le::test::maxAbsDiff(ref, got), 1e-4f);
     if (warpNode) continue;
     // And the split of the rewritten graph (the cone is still there without the warp node).
     std::string boundary;
     ASSERT_EQ(le::findSourceConeBoundary(m, boundary), 1);
     Bytes prep;
-    EXPECT_LT(maxDiff(ref, runSplit(m, boundary, lipFeeds, prep)), 1e-4f);
+    EXPECT_LT(le::test::maxAbsDiff(ref, runSplit(m, boundary, lipFeeds, prep)), 1e-4f);
   }
 }
