@@ -142,7 +142,7 @@ TEST(PasteTables, ReferenceRows) {
   ScopedEnv f("LE_PASTE_FAST", nullptr), k("LE_PASTE_KSIZE", nullptr);
   le::Paste p(std::vector<uint8_t>(16 * 16, 255), 16, unsharp(1.3f, 2.0f, 13));
   EXPECT_EQ(p.fast(), 0);
-  // Values worked out by hand at phase 1/2 (symmetric rows) and the Gaussian's centre and tail.
+  // Known values at phase 1/2 (a symmetric row) and the Gaussian's centre and tail.
   const double l16[4] = {-0.012630, 0.059764, -0.166011, 0.618877};
   for (int i = 0; i < 4; ++i) {
     EXPECT_NEAR(p.lanczos()[8 * 16 + i], l16[i], 5e-7) << i;
