@@ -48,7 +48,7 @@ SpeakingBundle::SpeakingBundle(const std::string& tag, le::forge::Params p)
 UttPipeline::UttPipeline(le_ctx* ctx, size_t frameBytes, const le_utt_opts& opts, bool keepPixels)
     : buf_(frameBytes),
       keepPixels_(keepPixels),
-      until_(std::chrono::steady_clock::now() + std::chrono::seconds(kSanitized ? 300 : 60)) {
+      until_(std::chrono::steady_clock::now() + kPatience) {
   u = le_utt_create(ctx, &opts);
   if (!u) throw std::runtime_error(le_utt_last_error());
   while (le_utt_ready(u) == 0)
@@ -90,6 +90,22 @@ void UttPipeline::push(const std::vector<int16_t>& pcm, size_t step) {
       throw std::runtime_error(le_utt_last_error());
     pull();
   }
+}
+
+Triples a2xTriples(const std::string& bundle, int start, const std::vector<int16_t>& pcm, int n) {
+  std::vector<float> audio(pcm.size());
+  for (size_t i = 0; i < pcm.size(); ++i) audio[i] = float(pcm[i]) / 32768.0f;
+  le_a2x* h = le_a2x_create(bundle.c_str(), 1);
+  if (!h) throw std::runtime_error(le_a2x_last_error());
+  Triples t{std::vector<int>(size_t(n), -1), std::vector<float>(size_t(n) * 63), std::vector<float>(size_t(n) * 63)};
+  le_a2x_reset(h, start, 1, 1);
+  bool ok = le_a2x_push(h, audio.data(), int(audio.size())) == 1;
+  le_a2x_finish(h);
+  ok = ok && le_a2x_pull(h, t.si.data(), t.xs.data(), t.xd.data(), n) == n;
+  const std::string err = le_a2x_last_error();
+  le_a2x_destroy(h);
+  if (!ok) throw std::runtime_error("a2xTriples: " + err);
+  return t;
 }
 
 const std::vector<int16_t>& sayAhClip() {
