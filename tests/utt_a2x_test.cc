@@ -4,10 +4,7 @@
 // whatever the push size, paste mode and cadence.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "le/le.h"
@@ -25,7 +22,6 @@ namespace {
 
 using le::testmedia::kSanitized;
 using le::testmedia::ScopedEnv;
-using Clock = std::chrono::steady_clock;
 
 // A steady chunk member that loads but fails every run: a Gather past the end of kp_driving,
 // which only the run itself can see.
@@ -87,104 +83,75 @@ std::vector<const Frame*> speechFrames(const std::vector<Frame>& f) {
 }
 
 // Speech frames are byte for byte the single-image render + paste of the triples a separate
-// stream makes of the same audio, started where the pipeline's walk stood.
-TEST(UttA2x, SpeechFramesAreTheSingleImagePath) {
+// stream makes of the same audio, started where the pipeline's walk stood; every one arrives
+// once and in order, nothing between them, whatever the push size, paste mode and cadence.
+TEST(UttA2x, SpeechFramesAreTheSingleImagePathOnceInOrder) {
   Bundle b;
   const auto& pcm = clip();
   const int n = int((pcm.size() + 639) / 640);
-  std::vector<float> audio(pcm.size());
-  for (size_t i = 0; i < pcm.size(); ++i) audio[i] = float(pcm[i]) / 32768.0f;
 
-  // Without the steady chunk renderer in 640-sample pushes; with it, the whole clip at once: once
-  // speech is rendering, the queue fills and 24 frames go through the chunk renderer in one
-  // call. The probe chunk member shows which frames that was (its pixels differ). A chunk
-  // member whose runs fail falls back to rendering those frames one by one: nothing lost, the
-  // failures reported but not fatal.
-  for (const char* steady : {"-", "", "b24_probe", "b24_broken"}) {
-    const bool probe = std::string(steady) == "b24_probe", broken = std::string(steady) == "b24_broken";
-    if ((probe || broken) && kSanitized) continue;  // the short clip has fewer than 24 frames
-    SCOPED_TRACE(std::string("steady renderer '") + steady + "'");
+  // Without the steady chunk renderer in small pushes, the paste on its own thread and inline,
+  // the hybrid cadence and a fixed batch. With it, the whole clip at once: once speech is
+  // rendering, the queue fills and 24 frames go through the chunk renderer in one call. The
+  // probe chunk member shows which frames that was (its pixels differ). A chunk member whose
+  // runs fail falls back to rendering those frames one by one: nothing lost, the failures
+  // reported but not fatal.
+  struct Mode {
+    const char* steady;
+    const char* pipelined;  // null: the default
+    int batch;
+    size_t push;
+  } modes[] = {{"-", "1", -2, 7},
+               {"-", "0", 3, 333},
+               {"", nullptr, 0, pcm.size()},
+               {"b24_probe", nullptr, 0, pcm.size()},
+               {"b24_broken", nullptr, 0, pcm.size()}};
+  // Sanitized: the short clip has fewer than 24 frames for the chunk members.
+  for (const Mode& m : kSanitized ? std::vector<Mode>{modes[0], modes[2]} : std::vector<Mode>(modes, modes + 5)) {
+    const bool probe = std::string(m.steady) == "b24_probe", broken = std::string(m.steady) == "b24_broken";
+    SCOPED_TRACE(std::string("steady renderer '") + m.steady + "' push " + std::to_string(m.push));
+    ScopedEnv paste("LE_UTT_PIPELINE_PASTE", m.pipelined);
     le_utt_opts o{};
-    o.steadyModel = steady;
+    o.steadyModel = m.steady;
+    o.batch = m.batch;
     std::string status;
     uint64_t failures = 0;
-    const std::vector<Frame> got = speak(b, o, *steady ? 640 : pcm.size(), true, &status, &failures);
+    const std::vector<Frame> got = speak(b, o, m.push, true, &status, &failures);
     if (broken) {
       EXPECT_EQ(status.rfind("ep=cpu b24 chunk: ", 0), 0u) << status;
       EXPECT_GE(failures, 2u);  // its warm-up run and at least one chunk
     } else {
       EXPECT_EQ(failures, 0u) << status;
     }
-    const auto speech = speechFrames(got);
-    ASSERT_EQ(int(speech.size()), n);
-
-    le_a2x* h = le_a2x_create(b.path.c_str(), 1);
-    ASSERT_NE(h, nullptr) << le_a2x_last_error();
-    le_a2x_reset(h, int(speech[0]->info.sourceIndex), 1, 1);
-    ASSERT_EQ(le_a2x_push(h, audio.data(), int(audio.size())), 1);
-    le_a2x_finish(h);
-    std::vector<int> si(size_t(n), -1);
-    std::vector<float> xs(size_t(n) * 63), xd(size_t(n) * 63);
-    ASSERT_EQ(le_a2x_pull(h, si.data(), xs.data(), xd.data(), n), n);
-    le_a2x_destroy(h);
-
-    std::vector<uint8_t> want(b.frameBytes());
-    int differing = 0, chunked = 0;
-    for (int k = 0; k < n; ++k) {
-      ASSERT_EQ(speech[size_t(k)]->info.sourceIndex, uint32_t(si[size_t(k)])) << "frame " << k;
-      const float* crop = le_render_kp_crop(b.ctx, si[size_t(k)], &xs[size_t(k) * 63], &xd[size_t(k) * 63]);
-      ASSERT_NE(crop, nullptr) << le_last_error();
-      ASSERT_EQ(le_paste_crop(b.ctx, si[size_t(k)], crop, want.data(), want.size()), 1) << le_last_error();
-      const auto& px = speech[size_t(k)]->rgb;
-      if (probe) {
-        chunked += std::memcmp(px.data(), want.data(), want.size()) != 0;
-        continue;
-      }
-      if (std::memcmp(px.data(), want.data(), want.size()) != 0) {
-        int maxDiff = 0;
-        size_t bytes = 0;
-        for (size_t i = 0; i < want.size(); ++i) {
-          const int d = std::abs(int(px[i]) - int(want[i]));
-          bytes += d != 0;
-          maxDiff = std::max(maxDiff, d);
-        }
-        ADD_FAILURE() << "frame " << k << ": " << bytes << " bytes differ, by up to " << maxDiff;
-        if (++differing >= 3) break;
-      }
-    }
-    if (probe) {
-      EXPECT_EQ(chunked, 24);
-    }
-  }
-}
-
-// Every speech frame once and in order, for push sizes from a few samples to the whole clip,
-// with the paste on its own thread and inline, with and without the hybrid cadence.
-TEST(UttA2x, EveryFrameOnceInOrder) {
-  Bundle b;
-  const auto& pcm = clip();
-  const int n = int((pcm.size() + 639) / 640);
-  struct Mode {
-    const char* pipelined;
-    int batch;
-    size_t push;
-  } modes[] = {{"1", -2, 7}, {"0", 3, 640}, {"1", 3, pcm.size()}, {"0", -2, 333}};
-  for (const Mode& m : kSanitized ? std::vector<Mode>{modes[0]} : std::vector<Mode>(modes, modes + 4)) {
-    SCOPED_TRACE(std::string("pipelined ") + m.pipelined + " batch " + std::to_string(m.batch) +
-                 " push " + std::to_string(m.push));
-    ScopedEnv paste("LE_UTT_PIPELINE_PASTE", m.pipelined);
-    le_utt_opts o{};
-    o.batch = m.batch;
-    const std::vector<Frame> got = speak(b, o, m.push, false);
     for (size_t i = 1; i < got.size(); ++i) ASSERT_EQ(got[i].info.seq, got[i - 1].info.seq + 1);
     const auto speech = speechFrames(got);
     ASSERT_EQ(int(speech.size()), n);
     for (int k = 0; k < n; ++k) {
-      EXPECT_EQ(speech[size_t(k)]->info.speechIndex, uint32_t(k));
-      // Nothing but speech between the first and the last speech frame.
+      ASSERT_EQ(speech[size_t(k)]->info.speechIndex, uint32_t(k));
       if (k > 0) {
-        EXPECT_EQ(speech[size_t(k)], speech[size_t(k - 1)] + 1) << "frame " << k;
+        ASSERT_EQ(speech[size_t(k)], speech[size_t(k - 1)] + 1) << "frame " << k;
       }
+    }
+
+    const auto [si, xs, xd] = le::testmedia::a2xTriples(b.path, int(speech[0]->info.sourceIndex), pcm, n);
+
+    std::vector<uint8_t> want(b.frameBytes());
+    int differing = 0, chunked = 0;
+    for (int k = 0; k < n && differing < 3; ++k) {
+      ASSERT_EQ(speech[size_t(k)]->info.sourceIndex, uint32_t(si[size_t(k)])) << "frame " << k;
+      const float* crop = le_render_kp_crop(b.ctx, si[size_t(k)], &xs[size_t(k) * 63], &xd[size_t(k) * 63]);
+      ASSERT_NE(crop, nullptr) << le_last_error();
+      ASSERT_EQ(le_paste_crop(b.ctx, si[size_t(k)], crop, want.data(), want.size()), 1) << le_last_error();
+      const bool same = speech[size_t(k)]->rgb == want;
+      if (probe) {
+        chunked += !same;
+      } else if (!same) {
+        ++differing;
+        ADD_FAILURE() << "frame " << k << " differs from the single-image path";
+      }
+    }
+    if (probe) {
+      EXPECT_EQ(chunked, 24);
     }
   }
 }

@@ -60,7 +60,7 @@ struct UttFrame {
 
 // A pipeline made with opts over ctx, pulled until it is ready, keeping every frame it pulls
 // (with its pixels when keepPixels). Throws std::runtime_error when it cannot be made, does not
-// become ready, refuses a push or stalls (60 s, 300 s under a sanitizer).
+// become ready, refuses a push or stalls (kPatience).
 struct UttPipeline {
   le_utt* u = nullptr;
   std::vector<UttFrame> got;
@@ -82,6 +82,15 @@ struct UttPipeline {
   bool keepPixels_;
   std::chrono::steady_clock::time_point until_;
 };
+
+// The triples a fresh audio-to-expression stream of the bundle makes of pcm (16 kHz mono), its
+// walk started at source index `start`: n frames' source indices and source and driven
+// keypoints. Throws std::runtime_error when the stream refuses or gives fewer frames.
+struct Triples {
+  std::vector<int> si;
+  std::vector<float> xs, xd;
+};
+Triples a2xTriples(const std::string& bundle, int start, const std::vector<int16_t>& pcm, int n);
 
 // "Open wide and say ah." ("Say ah." under a sanitizer), 16 kHz mono.
 const std::vector<int16_t>& sayAhClip();
