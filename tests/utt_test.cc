@@ -1,6 +1,6 @@
 // ctest-label: threaded
 // The utterance pipeline on forged bundles with its real threads: refusals at every entry point,
-// the idle walk, a source that cannot be created, the pull buffer, teardown in every phase.
+// the idle walk, a source that cannot be created, the pull buffer, teardown with frames waiting.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -51,7 +51,10 @@ bool pullWait(le_utt* u, std::vector<uint8_t>& out, le_utt_frame_info& info) {
   return false;
 }
 
-TEST(UttTest, RefusalsAtEveryEntryPoint) {
+// Refusals at every entry point. No keypoint source can be made from the directory: ready turns
+// -1 with the source's message, pushed audio is dropped, and the drive video's own frames keep
+// coming in the idle walk.
+TEST(UttTest, RefusalsIdleWalkAndTeardownWithFailingSource) {
   EXPECT_EQ(le_utt_create(nullptr, nullptr), nullptr);
   EXPECT_STREQ(le_utt_last_error(), "le_utt_create: NULL ctx/opts");
   Bundle b;
@@ -79,6 +82,8 @@ TEST(UttTest, RefusalsAtEveryEntryPoint) {
   le_utt_interrupt(nullptr);
   le_utt_destroy(nullptr);
 
+  const auto drive = b.driveFrames();
+  const int nt = le_nt(b.ctx);
   le_utt* u = le_utt_open(b.ctx, (b.dir / "missing").c_str());
   ASSERT_NE(u, nullptr) << le_utt_last_error();
   EXPECT_EQ(le_utt_push_audio(u, nullptr, 4), 0);
@@ -89,20 +94,6 @@ TEST(UttTest, RefusalsAtEveryEntryPoint) {
   EXPECT_EQ(le_utt_pull_frame(u, nullptr, 1, &info), 0);
   EXPECT_STREQ(le_utt_last_error(), "le_utt_pull_frame: bad args");
   le_utt_get_stats(u, nullptr);
-  EXPECT_EQ(le_utt_render_status(u, text, 8, &count), 0);
-  EXPECT_EQ(count, 0u);
-  EXPECT_STREQ(text, "");
-  le_utt_destroy(u);
-}
-
-// No keypoint source can be made from the directory: ready turns -1 with the source's message,
-// pushed audio is dropped, and the drive video's own frames keep coming in the idle walk.
-TEST(UttTest, IdleWalkWithFailingSourceAndShortBuffer) {
-  Bundle b;
-  const auto drive = b.driveFrames();
-  const int nt = le_nt(b.ctx);
-  le_utt* u = le_utt_open(b.ctx, (b.dir / "missing").c_str());
-  ASSERT_NE(u, nullptr) << le_utt_last_error();
 
   const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (le_utt_ready(u) == 0 && std::chrono::steady_clock::now() < until)
@@ -115,7 +106,6 @@ TEST(UttTest, IdleWalkWithFailingSourceAndShortBuffer) {
   le_utt_end_utterance(u);
 
   std::vector<uint8_t> frame(b.frameBytes());
-  le_utt_frame_info info{};
   for (int k = 0; k < 2 * nt + 3; ++k) {
     if (k == 3) {
       // One byte short: refused, and the same frame is delivered next.
@@ -140,27 +130,19 @@ TEST(UttTest, IdleWalkWithFailingSourceAndShortBuffer) {
   EXPECT_EQ(s.speechFramesPulled, 0u);
   EXPECT_EQ(s.firstFrames, 0u);
   EXPECT_EQ(s.state, 0);
+  EXPECT_EQ(le_utt_render_status(u, text, 8, &count), 0);
+  EXPECT_EQ(count, 0u);
+  EXPECT_STREQ(text, "");
   le_utt_destroy(u);
-}
 
-// Teardown while the source warms up, while frames wait in the ring, and right after creation;
-// the context renders again afterwards. With the stage report asked for and the paste inline,
-// the report says it measured nothing.
-TEST(UttTest, TeardownInEveryPhase) {
-  Bundle b;
-  for (int round = 0; round < 3; ++round) {
-    le_utt* u = le_utt_open(b.ctx, (b.dir / "missing").c_str());
-    ASSERT_NE(u, nullptr) << le_utt_last_error();
-    if (round == 1) {
-      while (le_utt_frames_available(u) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    le_utt_destroy(u);
-  }
+  // Torn down with frames waiting in the ring; with the stage report asked for and the paste
+  // inline, the report says it measured nothing. The context renders again afterwards.
   {
     le::testmedia::ScopedEnv report("LE_UTT_STAGE_REPORT", "1");
     le::testmedia::ScopedEnv inline_("LE_UTT_PIPELINE_PASTE", "0");
-    le_utt* u = le_utt_open(b.ctx, (b.dir / "missing").c_str());
+    u = le_utt_open(b.ctx, (b.dir / "missing").c_str());
     ASSERT_NE(u, nullptr);
+    while (le_utt_frames_available(u) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     ::testing::internal::CaptureStderr();
     le_utt_destroy(u);
     EXPECT_THAT(::testing::internal::GetCapturedStderr(),
