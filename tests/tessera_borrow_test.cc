@@ -1,19 +1,16 @@
 // ctest-label: threaded
 // The teeth pass on a forged bundle: crops rendered by the forged director with the mouth opened
 // by the driving keypoints, the delivery mask and shift of the bundle's pi model, and the bank
-// and head the forge wrote. Writes a before/after picture (tmp/tessera_borrow/before_after.png).
+// and head the forge wrote.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "le/le.h"
 #include "le/le_bundle.h"
-#include "le/le_image.h"
-#include "le/le_imx.h"
 #include "le/render/le_renderer.h"
 #include "le/tessera/le_tessera.h"
 #include "le/tessera/le_tessera_pi.h"
@@ -23,10 +20,6 @@
 #include "tools/forge/forge.h"
 
 namespace {
-
-bool teethPixel(const uint8_t* p) {
-  return 0.299 * p[0] + 0.587 * p[1] + 0.114 * p[2] >= 150 && std::abs(int(p[1]) - int(p[0])) < 25;
-}
 
 // The forge's measure of a mouth's opening: mean height, over the columns that have any, of the
 // interior (dark opening or teeth) inside the rectangle (x0, y0, w, h) of a crop.
@@ -107,9 +100,6 @@ TEST(TesseraBorrow, ForgedMouthsGetTeethFromMatchingDonors) {
   results.push_back(last);
   ASSERT_EQ(results.size(), size_t(n));
 
-  // before | after, whole crops and the mouths at x4
-  const int m = 6, zw = s.window_w + 2 * m, zh = s.window_h + 2 * m, z = 4;
-  std::vector<uint8_t> picture(size_t(n) * c * 2 * c * 3), zoom(size_t(2 * zw * z) * n * zh * z * 3);
   double spread = 0;
   for (double a : in.aperture) spread = std::max(spread, a);
   for (int f = 0; f < n; ++f) {
@@ -117,17 +107,10 @@ TEST(TesseraBorrow, ForgedMouthsGetTeethFromMatchingDonors) {
     ASSERT_FALSE(r.skip) << r.reason;
     EXPECT_EQ(r.candidates, cfg.K);
     std::vector<uint8_t> after = crops[f];
-    int teethBefore = 0, teethAfter = 0;
     for (int y = 0; y < s.window_h; ++y)
-      for (int x = 0; x < s.window_w; ++x) {
-        uint8_t* px = after.data() + (size_t(s.window_y0 + y) * c + s.window_x0 + x) * 3;
-        teethBefore += teethPixel(px);
-        std::copy_n(r.window.data() + (size_t(y) * s.window_w + x) * 3, 3, px);
-        teethAfter += teethPixel(px);
-      }
+      std::copy_n(r.window.data() + size_t(y) * s.window_w * 3, s.window_w * 3,
+                  after.data() + (size_t(s.window_y0 + y) * c + s.window_x0) * 3);
     const double opened = opening(after.data(), c, px0, py0, s.bandW(), s.bandH());
-    std::printf("frame %d: opening %.2f, borrowed donors' %.2f (bank 0..%.2f), after %.2f; teeth pixels %d -> %d\n",
-                f, measured[f], borrowed[f], spread, opened, teethBefore, teethAfter);
     // the donors open as far as the mouth does; on the director's own crop, whose keypoints
     // place the delivery mask on its mouth, the borrowed mouth stays as open
     EXPECT_NEAR(borrowed[f], measured[f], 0.15 * spread) << f;
@@ -142,27 +125,9 @@ TEST(TesseraBorrow, ForgedMouthsGetTeethFromMatchingDonors) {
                                  r.window.begin() + (size_t(y) * s.window_w + x) * 3 + 3,
                                  crops[f].begin() + (size_t(s.window_y0 + y) * c + s.window_x0 + x) * 3));
         }
-    for (int y = 0; y < c; ++y) {
-      std::copy_n(crops[f].data() + size_t(y) * c * 3, c * 3, picture.data() + (size_t(f * c + y) * 2 * c) * 3);
-      std::copy_n(after.data() + size_t(y) * c * 3, c * 3, picture.data() + (size_t(f * c + y) * 2 * c + c) * 3);
-    }
-    for (int side = 0; side < 2; ++side)
-      for (int y = 0; y < zh * z; ++y)
-        for (int x = 0; x < zw * z; ++x) {
-          const int cy = std::clamp(s.window_y0 - m + y / z, 0, c - 1), cx = std::clamp(s.window_x0 - m + x / z, 0, c - 1);
-          const size_t row = size_t(f) * zh * z + y, col = size_t(side) * zw * z + x;
-          std::copy_n((side ? after : crops[f]).data() + (size_t(cy) * c + cx) * 3, 3,
-                      zoom.data() + (row * 2 * zw * z + col) * 3);
-        }
   }
   EXPECT_LT(borrowed[1], borrowed[2]);
   EXPECT_LT(borrowed[2], borrowed[3]);
-
-  const char* root = std::getenv("LE_TEST_TMP");
-  const std::string outDir = std::string(root && *root ? root : "/tmp") + "/tessera_borrow";
-  le::imx::mkdirs(outDir);
-  le::writePNG(outDir + "/before_after.png", picture.data(), 2 * c, n * c);
-  le::writePNG(outDir + "/mouths_x4.png", zoom.data(), 2 * zw * z, n * zh * z);
 }
 
 }  // namespace
