@@ -42,12 +42,9 @@ le::forge::Params lipBundle(le::forge::Lips lips) {
   return p;
 }
 
-struct Loaded {
-  le::Manifest manifest;
-  std::unique_ptr<le::Identity> identity;
+struct Loaded : le::testing::Loaded {
   le::Drive drive;
-  explicit Loaded(const std::string& dir)
-      : manifest(le::loadManifest(dir)), identity(std::make_unique<le::Identity>(manifest)), drive(le::loadDrive(manifest)) {}
+  explicit Loaded(const std::string& dir) : le::testing::Loaded(dir), drive(le::loadDrive(manifest)) {}
 };
 
 // The renderer's own rewrites, short of the lip binding.
@@ -82,10 +79,6 @@ Bytes withComposeParts(const Bytes& model, std::string names[3]) {
     out.swap(next);
   }
   return out;
-}
-
-std::vector<float> runOne(Ort::Session& s, const std::vector<le::test::Feed>& feeds, const std::string& out) {
-  return le::test::ortRun(s, feeds, out);
 }
 
 }  // namespace
@@ -137,8 +130,8 @@ TEST(LipRenderer, ComposeAlphaIsTheContour) {
                                          {"P_rgb", {1, 3, kCrop, kCrop}, prior.data(), prior.size()},
                                          {"kp_driving", {1, 21, 3}, xd, 63},
                                          {"kp_source", {1, 21, 3}, xs, 63}};
-    const std::vector<float> face = runOne(probe, feeds, parts[0]), bg = runOne(probe, feeds, parts[1]),
-                             alpha = runOne(probe, feeds, parts[2]);
+    const std::vector<float> face = le::test::ortRun(probe, feeds, parts[0]), bg = le::test::ortRun(probe, feeds, parts[1]),
+                             alpha = le::test::ortRun(probe, feeds, parts[2]);
     lc.contourF32Canvas(xd, contour.data());
     for (size_t c = 0; c < 3; ++c)
       for (size_t p = 0; p < plane; ++p) {
@@ -150,9 +143,8 @@ TEST(LipRenderer, ComposeAlphaIsTheContour) {
 
     // An all-ones plane serves exactly the graph's own ellipse.
     feeds.push_back({"lip_delivery", {1, 1, kCrop, kCrop}, ones.data(), ones.size()});
-    ASSERT_EQ(runOne(boundSession, feeds, "rgb"), std::vector<float>(plain, plain + 3 * plane)) << "frame " << i;
+    ASSERT_EQ(le::test::ortRun(boundSession, feeds, "rgb"), std::vector<float>(plain, plain + 3 * plane)) << "frame " << i;
   }
-  std::printf("[ lip      ] crop vs compose with min(alpha, contour): max |diff| %.3g; %zu pixels cut\n", worst, cut);
   EXPECT_LT(worst, 1e-6f);
   EXPECT_GT(cut, 100u);  // the contour is much tighter than the graph's ellipse
 

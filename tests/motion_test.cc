@@ -428,8 +428,6 @@ TEST(Motion, LipsFollowSpeechAndCloseInSilence) {
   for (int t = 0; t < f.n(); ++t)
     sab += (open[t] - ma) * (rms[t] - mb), saa += (open[t] - ma) * (open[t] - ma), sbb += (rms[t] - mb) * (rms[t] - mb);
   const double corr = sab / std::sqrt(saa * sbb);
-  std::printf("[motion] lip opening vs frame loudness: correlation %.3f, widest %.4f\n", corr,
-              *std::max_element(open.begin(), open.end()));
   RecordProperty("lip_rms_correlation", std::to_string(corr));
   EXPECT_GT(corr, 0.5);
   EXPECT_GT(*std::max_element(open.begin(), open.end()), 0.05);

@@ -362,11 +362,6 @@ TEST(Serve, PageInHeadlessChromium) {
   EXPECT_EQ(u[1][2], 4);
   br.eval(talkUp);
 
-  for (size_t i = 0; i < u.size(); ++i)
-    std::printf("[serve] utterance %zu: audio sent -> first speech frame drawn %.1f ms, pipeline first-frame %.1f ms, "
-                "server and transport %.1f ms\n",
-                i, u[i][3], u[i][4], u[i][3] - u[i][4]);
-
   // What a person sees: the face on the canvas.
   const std::string shot = br.call("Page.captureScreenshot", "{\"format\":\"png\"}");
   const size_t at = shot.find("\"data\":\"");
@@ -377,7 +372,6 @@ TEST(Serve, PageInHeadlessChromium) {
     const std::string bytes = base64Decode(shot.substr(at + 8, shot.find('"', at + 8) - at - 8));
     f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   }
-  if (const char* keep = std::getenv("LE_SERVE_SCREENSHOT")) std::system(("cp " + png + " " + keep).c_str());
   int w = 0, h = 0;
   const std::vector<uint8_t> rgb = le::loadImageRGB(png, &w, &h);
   std::stringstream rect(br.eval("(r => [r.x, r.y, r.width, r.height].map(Math.round).join(' '))("

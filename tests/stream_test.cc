@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -68,11 +67,8 @@ TEST(Stream, FramesAreRenderAndPasteOfTheirTriplesInSourceOrder) {
   std::vector<float> deltas(40 * 63);
   ASSERT_EQ(le_fca_deltas(fca, audio.data(), int(audio.size()), deltas.data(), 40), 40);
   le_fca_destroy(fca);
-  std::vector<float> xs(3 * 63);
-  FILE* f = std::fopen(le::resolveMember(dir, "xs_target.bin").c_str(), "rb");
-  ASSERT_NE(f, nullptr);
-  ASSERT_EQ(std::fread(xs.data(), 4, xs.size(), f), xs.size());
-  std::fclose(f);
+  const std::vector<float> xs = le::testing::readTable<float>(le::resolveMember(dir, "xs_target.bin"));
+  ASSERT_EQ(xs.size(), 3u * 63);
   le_ctx* ctx = le_create(dir.c_str(), "render", 1, "");
   ASSERT_NE(ctx, nullptr) << le_last_error();
   std::vector<uint8_t> want(size_t(got.width) * got.height * 3);
