@@ -244,8 +244,9 @@ TEST(UttBorrow, FramesAreTheSingleImagePathWithTheOfflineRun) {
 
 // Interrupts, ends, idle stretches and a re-attachment while speaking lose or double no frame:
 // sequence numbers run on (the interrupt's discarded frames excepted), every utterance shows its
-// speech frames once and in order, and what reaches the host was written back.
-TEST(UttBorrow, NoFrameLostAcrossInterruptEndIdleAndReattach) {
+// speech frames once and in order, and what reaches the host was written back. A failed borrow
+// stops delivery until a good one is attached.
+TEST(UttBorrow, NoFrameLostAcrossInterruptEndIdleReattachAndFailure) {
   Bundle b;
   const auto& pcm = clip();
   const int n = int((pcm.size() + 639) / 640);
@@ -291,19 +292,11 @@ TEST(UttBorrow, NoFrameLostAcrossInterruptEndIdleAndReattach) {
     EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, nullptr, 0), 1);
     EXPECT_GE(written, 1u);
     EXPECT_EQ(skipped, 0u);
-  }
-}
 
-// A borrow whose every frame is refused (its canonical mouth 6 px off, beyond the shift range of 4)
-// fails at the second crop frame: nothing more reaches the host, the stats report -1 with the
-// reason, and attaching a good borrow resumes delivery.
-TEST(UttBorrow, FailedBorrowStopsDeliveryUntilReattached) {
-  Bundle b;
-  for (const char* pipelined : kSanitized ? std::vector<const char*>{"1"} : std::vector<const char*>{"1", "0"}) {
-    SCOPED_TRACE(std::string("pipelined paste ") + pipelined);
-    ScopedEnv paste("LE_UTT_PIPELINE_PASTE", pipelined);
-    Pipeline p(b);
-    // The first direction in which the corpus geometry is still identified.
+    // A borrow whose every frame is refused (its canonical mouth 6 px off, beyond the shift range
+    // of 4) fails at the second crop frame: nothing more reaches the host, the stats report -1
+    // with the reason, and attaching a good borrow resumes delivery. It is moved in the first
+    // direction in which the corpus geometry is still identified.
     char err[1024];
     int attached = 1;
     for (const auto& d : {std::pair<double, double>{-6, 0}, {6, 0}, {0, -6}, {0, 6}}) {
@@ -315,10 +308,10 @@ TEST(UttBorrow, FailedBorrowStopsDeliveryUntilReattached) {
       if (attached == 0) break;
     }
     ASSERT_EQ(attached, 0) << err;
-    ASSERT_EQ(le_utt_push_audio(p.u, clip().data(), int(clip().size())), 1);
+    ASSERT_EQ(le_utt_push_audio(p.u, pcm.data(), int(pcm.size())), 1);
     le_utt_end_utterance(p.u);
     char reason[256] = "";
-    uint64_t written = 9, skipped = 0;
+    written = 9, skipped = 0;
     while (le_utt_tessera_stats(p.u, &written, &skipped, reason, sizeof reason) != -1) {
       p.pull();
       p.nap();
