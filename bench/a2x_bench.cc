@@ -174,32 +174,6 @@ void BM_PushToPullable(benchmark::State& state) {
 }
 BENCHMARK(BM_PushToPullable)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
-// From the start of an utterance (reset, a whole sentence pushed at once, as a host that has the
-// audio already does) to its first frames pulled, and then to the next block's: the first block
-// runs the encoder over its look-ahead as well.
-void BM_FirstBlock(benchmark::State& state) {
-  Stream st;
-  le_a2x* h = st.h;
-  const std::vector<float>& a = longSpeech();
-  double next = 0;
-  for (auto _ : state) {
-    le_a2x_reset(h, 0, 1, 1);
-    le_a2x_push(h, a.data(), int(a.size()));
-    while (le_a2x_avail(h) == 0) {
-    }
-    st.pull();
-    state.PauseTiming();
-    const auto t = std::chrono::steady_clock::now();
-    while (le_a2x_avail(h) == 0) {
-    }
-    st.pull();
-    next += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t).count();
-    state.ResumeTiming();
-  }
-  state.counters["next_block_ms"] = next / double(state.iterations());
-}
-BENCHMARK(BM_FirstBlock)->Unit(benchmark::kMillisecond)->UseRealTime();
-
 // ONNX Runtime alone: one 8 s window (200 frames) against the 25 trunk + head runs of the
 // windowed frontend for the same 200 frames. Counter: windowed time over 8 s window time.
 void BM_FrontendRaw(benchmark::State& state) {
