@@ -321,10 +321,14 @@ TEST(Image, JpegStillsEqualPlainStb) {
     EXPECT_EQ(le::loadImageRGB(path, &gw, &gh), ref) << "quality " << quality;
     EXPECT_EQ(gw, W);
     EXPECT_EQ(gh, H);
+    // In place when the buffer holds the byte stb asks for beyond the image, else copied.
     std::vector<uint8_t> into(ref.size() + 1, 0x5A);
-    ASSERT_TRUE(le::loadImageRGBInto(path, W, H, into.data(), &gw, &gh));
-    EXPECT_EQ(std::vector<uint8_t>(into.begin(), into.end() - 1), ref);
-    EXPECT_EQ(into.back(), 0x5A);
+    for (const size_t capacity : {ref.size(), into.size()}) {
+      std::fill(into.begin(), into.end(), 0x5A);
+      ASSERT_TRUE(le::loadImageRGBInto(path, W, H, into.data(), capacity, &gw, &gh));
+      EXPECT_EQ(std::vector<uint8_t>(into.begin(), into.end() - 1), ref) << capacity;
+      EXPECT_EQ(into.back(), 0x5A);
+    }
     // The same bytes in another shape are refused with the image's own size.
     EXPECT_FALSE(le::loadImageRGBInto(path, H, W, into.data(), &gw, &gh));
     EXPECT_EQ(gw, W);
