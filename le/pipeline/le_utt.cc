@@ -1363,7 +1363,8 @@ void le_utt::pasteMain() {
     // Beside a director that keeps both cores busy, a split paste only adds a runnable thread.
     // But a host waits for the first frame of speech and of a ramp: split, its paste takes a
     // larger share of the cores while the director renders the next frame.
-    const bool urgent = job.kind == LE_UTT_KIND_RAMP || (job.kind == LE_UTT_KIND_SPEECH && job.speechIndex == 0);
+    const bool urgent =
+        job.kind == LE_UTT_KIND_RAMP || (job.kind == LE_UTT_KIND_SPEECH && job.speechIndex == 0);
     const le::pool::SerialScope serial(fewCores && !urgent);
     try {
       pasteIntoRing(job.hasCrop ? job.crop.data() : nullptr, job.kind, job.si, job.speechIndex,

@@ -209,8 +209,8 @@ std::vector<uint8_t> heavyDirector(const std::vector<uint8_t>& b1, int crop, int
   // The source cone gains a grouped convolution encoder of the source frame whose small
   // contribution joins the second differences: work a real director spends on the source alone.
   // Grouped, so the int8 form keeps the cone in float and it still splits off. About a third of
-  // a whole frame's work, as in real directors: light enough that the prefetch keeps pace with
-  // the per-frame run even when it has no core of its own.
+  // a whole frame's work: light enough that the prefetch keeps pace with the per-frame run even
+  // when it has no core of its own.
   GsSlice coneConcat;
   for (GsSlice n : p.nodes) {
     const std::vector<std::string> ins = inputsOf(n);
