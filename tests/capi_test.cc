@@ -154,12 +154,29 @@ TEST(Context, ConstructionFailuresUndoThemselves) {
       {broken("zero_dims", {Break::ManifestZeroDims}), "le_create: manifest: bad dims", false},
       {broken("short_pooled", {Break::ShortPooled}),
        "le_create: size mismatch " + dir / "short_pooled/pooled64.f16", false},
+      {broken("long_pooled", {Break::LongPooled}),
+       "le_create: size mismatch " + dir / "long_pooled/pooled64.f16", false},
+      {broken("short_xs", {Break::ShortXs}),
+       "le_create: size mismatch " + dir / "short_xs/drive/xs.f32", false},
       {broken("si_range", {Break::SiOutOfRange}), "le_create: drive: si out of range", false},
       {broken("no_last_still", {Break::NoLastStill}),
        "le_create: this bundle carries neither a populated target_frames/ nor target_frames.mp4 (",
        true},
       {dir / "absent", "le_create: ", true},
   };
+  {
+    le::forge::Params p;
+    p.nt = 4;
+    p.frames = 4;
+    p.prior = le::forge::Prior::Hevc;
+    p.breaks = {Break::NoPriorMovie};
+    const std::string b = forged(dir, "no_prior_movie", p);
+    cases.push_back({b,
+                     "le_create: this bundle's manifest names P_hevc 'P_hevc.mov' and the file is not "
+                     "there (" + b + "/P_hevc.mov) — the renderer has no warp prior. REFUSING to "
+                     "create a session.",
+                     false});
+  }
   // Paste settings the compositor cannot honour are refused, naming the value.
   for (float sigma : {0.f, -1.5f}) {
     le::forge::Params p;
