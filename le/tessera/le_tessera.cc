@@ -132,6 +132,8 @@ struct TeethPass::Impl {
   std::vector<float> coarse, exact;
   std::vector<float> donor_planes, query_planes, blend, weights;
   std::vector<uint8_t> region;
+  // The head's inputs, activations and logits: every value is written before it is read.
+  std::vector<float> headIn, headQuery, headA, headB, headLogits;
 
   size_t winPx() const { return static_cast<size_t>(wh) * ww; }
   const uint8_t* patch(int32_t d) const { return band.data() + static_cast<size_t>(d) * sh * sw * 3; }
@@ -494,8 +496,8 @@ std::vector<int32_t> TeethPass::retrieve(const uint8_t* crop, const uint8_t* mas
 // Head, blend and compose
 
 void TeethPass::headForward(const float* donor_planes, int n, const float* query_planes, const uint8_t* region,
-                            float* blend_out, float* weights_out) const {
-  const Impl& m = *impl_;
+                            float* blend_out, float* weights_out) {
+  Impl& m = *impl_;
   const size_t np = m.winPx();
   if (n <= 0) {
     std::memcpy(blend_out, query_planes, sizeof(float) * 3 * np);
@@ -503,10 +505,12 @@ void TeethPass::headForward(const float* donor_planes, int n, const float* query
   }
   const int hh = m.wh / 2, hw = m.ww / 2;
   const size_t hp = static_cast<size_t>(hh) * hw;
-  std::vector<float> logits(static_cast<size_t>(n) * hp, 0.0f);
+  std::vector<float>& logits = m.headLogits;
+  logits.resize(static_cast<size_t>(n) * hp);
   if (hp > 0) {
     // Seven half-resolution inputs per candidate: donor RGB, query RGB, their mean difference.
-    std::vector<float> in(static_cast<size_t>(n) * 7 * hp);
+    std::vector<float>& in = m.headIn;
+    in.resize(static_cast<size_t>(n) * 7 * hp);
     auto down = [&](const float* plane, float* out) {
       for (int y = 0; y < hh; ++y)
         for (int x = 0; x < hw; ++x) {
@@ -514,7 +518,8 @@ void TeethPass::headForward(const float* donor_planes, int n, const float* query
           out[static_cast<size_t>(y) * hw + x] = (((p[0] + p[1]) + p[m.ww]) + p[m.ww + 1]) * 0.25f;
         }
     };
-    std::vector<float> qh(3 * hp);
+    std::vector<float>& qh = m.headQuery;
+    qh.resize(3 * hp);
     for (int k = 0; k < 3; ++k) down(query_planes + k * np, qh.data() + k * hp);
     for (int i = 0; i < n; ++i) {
       float* ci = in.data() + static_cast<size_t>(i) * 7 * hp;
@@ -525,7 +530,10 @@ void TeethPass::headForward(const float* donor_planes, int n, const float* query
                           std::fabs(ci[2 * hp + o] - qh[2 * hp + o])) /
                          3.0f;
     }
-    std::vector<float> a(static_cast<size_t>(n) * 16 * hp), b(static_cast<size_t>(n) * 16 * hp);
+    std::vector<float>& a = m.headA;
+    std::vector<float>& b = m.headB;
+    a.resize(static_cast<size_t>(n) * 16 * hp);
+    b.resize(static_cast<size_t>(n) * 16 * hp);
     auto conv = [&](const float* src, int cin, const std::vector<float>& wt, const std::vector<float>& bias, int cout,
                     float* dst, bool relu) {
       const size_t items = static_cast<size_t>(n) * cout;

@@ -167,7 +167,7 @@ class TeethPass {
   // weighted donors (3 planes) inside the region and the query outside; weights_out the per-pixel
   // softmax weights, n planes of window_h x window_w. n = 0 leaves the query everywhere.
   void headForward(const float* donor_planes, int n, const float* query_planes, const uint8_t* blend_region,
-                   float* blend_out, float* weights_out) const;
+                   float* blend_out, float* weights_out);
 
   // Emits one held frame with the look-ahead donors (null for none).
   void emit(const Pending& pending, const std::vector<int32_t>* next_donors, FrameResult& result);
