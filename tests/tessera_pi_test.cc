@@ -74,6 +74,14 @@ TEST(TesseraPi, RoundingTiesToEven) {
   EXPECT_EQ(le::tessera::piByte(-0.25f), 0);
   EXPECT_EQ(le::tessera::piByte(NAN), 0);
   EXPECT_EQ(le::tessera::piByte(7.f), 255);
+  // Every float step near each byte boundary, against the rounding of the scaled value.
+  for (int k = 0; k <= 255 * 8; ++k) {
+    float v = (float(k) / 8.f) / 255.f;
+    for (int s = 0; s < 16; ++s, v = std::nextafter(v, 2.f)) {
+      const int want = v > 0.f ? le::tessera::roundHalfEven(double(std::min(v, 1.f) * 255.f)) : 0;
+      ASSERT_EQ(le::tessera::piByte(v), want) << v;
+    }
+  }
   // Independent of the rounding mode a host may have set.
   std::fesetround(FE_UPWARD);
   EXPECT_EQ(le::tessera::roundHalfEven(2.5), 2);

@@ -79,17 +79,6 @@ int32_t roundHalfEven(double x) {
   return static_cast<int32_t>(std::min<int64_t>(i, INT32_MAX));
 }
 
-uint8_t piByte(float v) {
-  if (!(v > 0.f)) return 0;
-  // v * 255 is at most 255 and never negative: the integer part fits, and float keeps the
-  // fraction exactly.
-  const float x = std::min(v, 1.f) * 255.f;
-  int i = static_cast<int>(x);
-  const float frac = x - static_cast<float>(i);
-  if (frac > 0.5f || (frac == 0.5f && (i & 1))) ++i;
-  return static_cast<uint8_t>(i);
-}
-
 int32_t floorClamp(double x, int32_t lo, int32_t hi) {
   if (!(x >= lo)) return lo;
   if (x >= hi) return hi;

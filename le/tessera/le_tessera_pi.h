@@ -24,8 +24,15 @@ struct Box {
 // independent of the floating-point rounding mode.
 int32_t roundHalfEven(double x);
 // The pi byte of a mask value: 0 when not positive, else min(v, 1) * 255 rounded with ties to
-// even.
-uint8_t piByte(float v);
+// even. Inline and without branches on the value: the borrow converts whole windows with it.
+inline uint8_t piByte(float v) {
+  // v * 255 is at most 255 and never negative: the integer part fits, and float keeps the
+  // fraction exactly.
+  const float x = v > 0.f ? (v < 1.f ? v : 1.f) * 255.f : 0.f;
+  const int i = static_cast<int>(x);
+  const float frac = x - static_cast<float>(i);
+  return static_cast<uint8_t>(i + int((frac > 0.5f) | ((frac == 0.5f) & ((i & 1) != 0))));
+}
 // floor / ceil of x saturated to [lo, hi]; NaN gives lo.
 int32_t floorClamp(double x, int32_t lo, int32_t hi);
 int32_t ceilClamp(double x, int32_t lo, int32_t hi);
