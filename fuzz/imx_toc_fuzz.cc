@@ -2,6 +2,7 @@
 // either refused with a runtime error or unwrapped, and nothing is ever written outside the
 // unwrap directory.
 #include <dirent.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -30,10 +31,11 @@ struct Scratch {
   }
 };
 
-// Every path below p; anything outside the allowed places is an escape.
-void walk(const std::string& p, const Scratch& s) {
+// Every path below p (name inside the open directory dirFd); anything outside the allowed
+// places is an escape. Relative to open directories: no lookup walks a whole path.
+void walk(int dirFd, const char* name, const std::string& p, const Scratch& s) {
   struct stat st;
-  if (::lstat(p.c_str(), &st) != 0) return;
+  if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return;
   const bool allowed = p == s.base || p == s.in || p == s.container || p == s.root ||
                        p == s.dir + le::imx::kMarkerSuffix || p.rfind(s.dir, 0) == 0;
   if (!allowed) {
@@ -45,11 +47,16 @@ void walk(const std::string& p, const Scratch& s) {
     std::abort();
   }
   if (!S_ISDIR(st.st_mode)) return;
-  DIR* d = ::opendir(p.c_str());
-  if (!d) return;
+  const int fd = ::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;
+  DIR* d = ::fdopendir(fd);
+  if (!d) {
+    ::close(fd);
+    return;
+  }
   while (const dirent* e = ::readdir(d)) {
     const std::string n = e->d_name;
-    if (n != "." && n != "..") walk(p + "/" + n, s);
+    if (n != "." && n != "..") walk(::dirfd(d), e->d_name, p + "/" + n, s);
   }
   ::closedir(d);
 }
@@ -84,6 +91,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (got != s.container && got != s.dir) std::abort();
   } catch (const std::runtime_error&) {
   }
-  walk(s.base, s);
+  walk(AT_FDCWD, s.base.c_str(), s.base, s);
   return 0;
 }

@@ -129,22 +129,30 @@ bool mkdirs(const std::string& dir) {
   return isDir(dir);
 }
 
-void rmTree(const std::string& path) {
-  struct stat st;
-  if (::lstat(path.c_str(), &st) != 0) return;
-  if (!S_ISDIR(st.st_mode)) {
-    ::unlink(path.c_str());
-    return;
-  }
-  if (DIR* d = ::opendir(path.c_str())) {
+namespace {
+
+// Removes name inside the directory dirFd: a file or link as it is, a directory with everything
+// in it, never following a link. Relative to open directories, so no entry costs a walk of its
+// whole path.
+void rmAt(int dirFd, const char* name) {
+  if (::unlinkat(dirFd, name, 0) == 0) return;
+  const int fd = ::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;
+  if (DIR* d = ::fdopendir(fd)) {
     while (const dirent* ent = ::readdir(d)) {
       if (std::strcmp(ent->d_name, ".") == 0 || std::strcmp(ent->d_name, "..") == 0) continue;
-      rmTree(path + "/" + ent->d_name);
+      rmAt(::dirfd(d), ent->d_name);
     }
     ::closedir(d);
+  } else {
+    ::close(fd);
   }
-  ::rmdir(path.c_str());
+  ::unlinkat(dirFd, name, AT_REMOVEDIR);
 }
+
+}  // namespace
+
+void rmTree(const std::string& path) { rmAt(AT_FDCWD, path.c_str()); }
 
 bool isSafeMemberName(std::string_view name) {
   return !name.empty() && name[0] != '/' && name[0] != '\\' &&
