@@ -27,10 +27,7 @@ class Source {
   virtual bool next(uint8_t* out) = 0;
   // The same into a buffer of capacity bytes (at least frameBytes()): a decoder may use the
   // spare bytes to write its frame in place.
-  virtual bool nextInto(uint8_t* out, size_t capacity) {
-    (void)capacity;
-    return next(out);
-  }
+  virtual bool nextInto(uint8_t* out, size_t /*capacity*/) { return next(out); }
   // Back to frame 0.
   virtual void rewind() = 0;
   // The next call of next() delivers frame i.

@@ -125,10 +125,6 @@ std::vector<uint8_t> loadImageRGB(const std::string& path, int* w, int* h) {
   return out;
 }
 
-bool loadImageRGBInto(const std::string& path, int w, int h, uint8_t* out, int* gotW, int* gotH) {
-  return loadImageRGBInto(path, w, h, out, static_cast<size_t>(w) * static_cast<size_t>(h) * 3, gotW, gotH);
-}
-
 bool loadImageRGBInto(const std::string& path, int w, int h, uint8_t* out, size_t capacity, int* gotW,
                       int* gotH) {
   const size_t bytes = static_cast<size_t>(w) * static_cast<size_t>(h) * 3;

@@ -12,11 +12,11 @@ namespace le {
 // Throws "decode failed: " + path.
 std::vector<uint8_t> loadImageRGB(const std::string& path, int* w, int* h);
 
-// The same into out (w×h×3 bytes) when the image is exactly w×h: true. Otherwise the image's
-// size goes to gotW and gotH, out holds no image, and the result is false. With capacity ≥
-// w×h×3 + 1 bytes at out, a large JPEG frame is decoded there directly (stb's JPEG decoder asks
-// for one byte more than the image, and writes it for a grey picture); otherwise it is copied.
-bool loadImageRGBInto(const std::string& path, int w, int h, uint8_t* out, int* gotW, int* gotH);
+// The same into out (capacity bytes, at least w×h×3) when the image is exactly w×h: true.
+// Otherwise the image's size goes to gotW and gotH, out holds no image, and the result is false.
+// With capacity ≥ w×h×3 + 1, a large JPEG frame is decoded there directly (stb's JPEG decoder
+// asks for one byte more than the image, and writes it for a grey picture); otherwise it is
+// copied.
 bool loadImageRGBInto(const std::string& path, int w, int h, uint8_t* out, size_t capacity, int* gotW,
                       int* gotH);
 

@@ -330,7 +330,7 @@ TEST(Image, JpegStillsEqualPlainStb) {
       EXPECT_EQ(into.back(), 0x5A);
     }
     // The same bytes in another shape are refused with the image's own size.
-    EXPECT_FALSE(le::loadImageRGBInto(path, H, W, into.data(), &gw, &gh));
+    EXPECT_FALSE(le::loadImageRGBInto(path, H, W, into.data(), into.size(), &gw, &gh));
     EXPECT_EQ(gw, W);
     EXPECT_EQ(gh, H);
   }
