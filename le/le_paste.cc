@@ -143,8 +143,10 @@ Paste::Paste(std::vector<uint8_t> mask, int crop, const Unsharp& unsharp)
         sp.second = std::max(sp.second, rowSpan[size_t(yy)].second);
       }
   // Lanczos mode reads the crop from row bands, the planar modes from the planes.
-  if (fast_ == 0)
-    cols_.assign(le::simd::pasteSourceFloats(crop_), 0.f);
+  if (fast_ == 0) {
+    cols_.assign(le::simd::pasteSourceFloats(crop_) + 15, 0.f);
+    cols_at_ = (64 - reinterpret_cast<uintptr_t>(cols_.data()) % 64) % 64 / sizeof(float);
+  }
   else
     for (auto& pl : planes_) pl.assign(size_t(crop_) * size_t(crop_), 0.f);
   // One sharpening scratch per pool part: a padded row, the ring of horizontally blurred rows
@@ -207,7 +209,7 @@ void Paste::sharpenRows(const float* in, float scale, int y0, int y1, Scratch& s
                                 : &planes_[k][size_t(y) * size_t(n)];
         le::simd::pasteSharpenRow(sc.rows.data(), g, K, n, src + size_t(y) * size_t(n), scale, amount_, out);
       }
-      if (fast_ == 0) le::simd::pasteColumns(sc.band.data(), n, yb, ye, k, cols_.data());
+      if (fast_ == 0) le::simd::pasteColumns(sc.band.data(), n, yb, ye, k, cols());
     }
   }
 }
@@ -320,7 +322,7 @@ void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
       const int* cx = s.col_x_.data() + a;
       const int* cy = s.col_y_.data() + a;
       if (s.fast_ == 0)
-        le::simd::pasteLanczos8Row(s.cols_.data(), s.crop_, s.mask_.data(), s.lanczos_.data(),
+        le::simd::pasteLanczos8Row(s.cols(), s.crop_, s.mask_.data(), s.lanczos_.data(),
                                    s.bilinear_.data(), cx, cy, row_x, row_y, job.x0 + a, job.x0 + z, dst);
       else
         s.resampleRowPlanar(dst, cx, cy, row_x, row_y, job.x0 + a, job.x0 + z);

@@ -94,7 +94,12 @@ class Paste {
   std::vector<float> bicubic_;
   std::vector<std::pair<int, int>> near_;  // see maskNear
   std::vector<float> planes_[3];  // planar modes: the sharpened R, G, B in 0..255 units
-  std::vector<float> cols_;       // Lanczos mode: the sharpened crop in overlapping row bands
+  // Lanczos mode: the sharpened crop in overlapping row bands, from cols_[cols_at_], which is
+  // 64-byte aligned so that no 8-float tap run splits a cache line.
+  std::vector<float> cols_;
+  size_t cols_at_ = 0;
+  float* cols() { return cols_.data() + cols_at_; }
+  const float* cols() const { return cols_.data() + cols_at_; }
   std::vector<Scratch> scratch_;
   std::vector<int> col_x_, col_y_;
 };
