@@ -5,10 +5,13 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -19,46 +22,52 @@
 namespace {
 
 struct Scratch {
-  std::string base, in, root, container, dir;
+  std::string base, in, root, container, dir, marker, markerName;
   Scratch() {
     base = le::fuzz::scratchDir("imx_toc_fuzz");
     in = base + "/in";
     root = base + "/root";
     container = in + "/c.imx";
     dir = root + "/c.lebundle";
+    marker = dir + le::imx::kMarkerSuffix;
+    markerName = le::imx::baseName(marker);
     if (!le::imx::mkdirs(in)) std::abort();
     setenv("LE_IMX_UNWRAP_ROOT", root.c_str(), 1);
   }
 };
 
-// Every path below p (name inside the open directory dirFd); anything outside the allowed
-// places is an escape. Relative to open directories: no lookup walks a whole path.
-void walk(int dirFd, const char* name, const std::string& p, const Scratch& s) {
-  struct stat st;
-  if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return;
-  const bool allowed = p == s.base || p == s.in || p == s.container || p == s.root ||
-                       p == s.dir + le::imx::kMarkerSuffix || p.rfind(s.dir, 0) == 0;
-  if (!allowed) {
-    std::fprintf(stderr, "written outside the unwrap directory: %s\n", p.c_str());
-    std::abort();
+struct Allowed {
+  const char* name;
+  unsigned char type;
+};
+
+// Aborts when the directory path holds anything but the allowed names, each of its type (a link
+// in place of a directory counts as an escape too). Whatever lies below the unwrap directory is
+// allowed, so only the three directories around it are listed, through a buffer on the stack.
+void expectOnly(const std::string& path, std::initializer_list<Allowed> allowed) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;  // checked as an entry of its parent
+  alignas(struct dirent64) char buf[4096];
+  for (ssize_t got; (got = ::getdents64(fd, buf, sizeof buf)) > 0;) {
+    for (ssize_t at = 0; at < got;) {
+      const auto* e = reinterpret_cast<const struct dirent64*>(buf + at);
+      at += e->d_reclen;
+      const char* name = e->d_name;
+      if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+      unsigned char type = e->d_type;
+      struct stat st;
+      if (type == DT_UNKNOWN && ::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0)
+        type = IFTODT(st.st_mode);
+      bool ok = false;
+      for (const Allowed& a : allowed) ok = ok || (std::strcmp(name, a.name) == 0 && type == a.type);
+      if (!ok) {
+        std::fprintf(stderr, "written outside the unwrap directory: %s/%s (type %d)\n", path.c_str(), name,
+                     type);
+        std::abort();
+      }
+    }
   }
-  if (S_ISLNK(st.st_mode)) {
-    std::fprintf(stderr, "symbolic link created: %s\n", p.c_str());
-    std::abort();
-  }
-  if (!S_ISDIR(st.st_mode)) return;
-  const int fd = ::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return;
-  DIR* d = ::fdopendir(fd);
-  if (!d) {
-    ::close(fd);
-    return;
-  }
-  while (const dirent* e = ::readdir(d)) {
-    const std::string n = e->d_name;
-    if (n != "." && n != "..") walk(::dirfd(d), e->d_name, p + "/" + n, s);
-  }
-  ::closedir(d);
+  ::close(fd);
 }
 
 }  // namespace
@@ -84,13 +93,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // table of contents go through the file system, each from a fresh state.
   if (!tocRead) return 0;
 
-  le::imx::rmTree(s.root);
+  // Without its marker the previous unwrap is redone from nothing (its tree removed first).
+  ::unlink(s.marker.c_str());
   le::fuzz::putFile(s.container, data, size);
   try {
     const std::string got = le::resolveBundlePath(s.container);
     if (got != s.container && got != s.dir) std::abort();
   } catch (const std::runtime_error&) {
   }
-  walk(AT_FDCWD, s.base.c_str(), s.base, s);
+  expectOnly(s.base, {{"in", DT_DIR}, {"root", DT_DIR}});
+  expectOnly(s.in, {{"c.imx", DT_REG}});
+  expectOnly(s.root, {{"c.lebundle", DT_DIR}, {s.markerName.c_str(), DT_REG}});
   return 0;
 }

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -67,8 +66,9 @@ void writeMarker(const std::string& path, const std::string& text) {
 
 // A "manifest.json" entry that only stands in for a manifest the bundle does not carry: it
 // is read whole (it is small) and not written out.
-bool isSyntheticManifest(std::FILE* in, const imx::TocEntry& e) {
+bool isSyntheticManifest(std::FILE* in, uint64_t fileSize, const imx::TocEntry& e) {
   if (e.name != "manifest.json" || e.size < 1 || e.size > imx::kSyntheticManifestMax) return false;
+  if (e.offset > fileSize || e.size > fileSize - e.offset) return false;  // cannot be read whole
   if (e.offset > static_cast<uint64_t>(INT64_MAX) ||
       ::fseeko(in, static_cast<off_t>(e.offset), SEEK_SET) != 0)
     return false;
@@ -119,40 +119,74 @@ std::string dirName(const std::string& p) {
   return s.substr(0, slash);
 }
 
+namespace {
+
+// Creates the directories along dir whose names end after its first from characters (those are
+// known to exist), stopping at the first that cannot be made.
+bool mkdirsFrom(const std::string& dir, size_t from) {
+  bool made = false;
+  for (size_t i = std::max<size_t>(from + 1, 1); i <= dir.size(); ++i) {
+    if (i < dir.size() && dir[i] != '/') continue;
+    made = ::mkdir(dir.substr(0, i).c_str(), 0755) == 0;
+    if (!made && errno != EEXIST) break;
+  }
+  return made || isDir(dir);
+}
+
+// The length of the longest leading part of path that names known or one of its ancestors:
+// a directory that exists while known does.
+size_t existingAncestor(const std::string& path, const std::string& known) {
+  const size_t n = std::min(path.size(), known.size());
+  size_t same = 0;
+  while (same < n && path[same] == known[same]) ++same;
+  const auto ends = [](const std::string& p, size_t i) { return i == p.size() || p[i] == '/'; };
+  if (ends(path, same) && ends(known, same)) return same;
+  const size_t slash = same == 0 ? std::string::npos : path.rfind('/', same - 1);
+  return slash == std::string::npos ? 0 : slash;
+}
+
+}  // namespace
+
 bool mkdirs(const std::string& dir) {
   if (dir.empty()) return false;
-  for (size_t i = 1; i <= dir.size(); ++i) {
-    if (i < dir.size() && dir[i] != '/') continue;
-    const std::string part = dir.substr(0, i);
-    if (::mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) break;
-  }
-  return isDir(dir);
+  // The parent is usually there already: one call then.
+  if (::mkdir(dir.c_str(), 0755) == 0) return true;
+  return errno == EEXIST ? isDir(dir) : mkdirsFrom(dir, 0);
 }
 
 namespace {
 
 // Removes name inside the directory dirFd: a file or link as it is, a directory with everything
 // in it, never following a link. Relative to open directories, so no entry costs a walk of its
-// whole path.
-void rmAt(int dirFd, const char* name) {
-  if (::unlinkat(dirFd, name, 0) == 0) return;
+// whole path; the entry's type from the listing spares a failed unlink per directory, and the
+// listing goes through the caller's buffer (no allocation per directory).
+void rmAt(int dirFd, const char* name, unsigned char type, char* buf, size_t cap) {
+  if (type != DT_DIR && ::unlinkat(dirFd, name, 0) == 0) return;
   const int fd = ::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return;
-  if (DIR* d = ::fdopendir(fd)) {
-    while (const dirent* ent = ::readdir(d)) {
-      if (std::strcmp(ent->d_name, ".") == 0 || std::strcmp(ent->d_name, "..") == 0) continue;
-      rmAt(::dirfd(d), ent->d_name);
+  // Files go as they are listed; directories after the listing, which reuses buf.
+  std::string dirs;  // names, each ended by a zero byte
+  for (ssize_t got; (got = ::getdents64(fd, buf, cap)) > 0;) {
+    for (ssize_t at = 0; at < got;) {
+      const auto* ent = reinterpret_cast<const struct dirent64*>(buf + at);
+      at += ent->d_reclen;
+      const char* n = ent->d_name;
+      if (n[0] == '.' && (n[1] == '\0' || (n[1] == '.' && n[2] == '\0'))) continue;
+      if (ent->d_type != DT_DIR && (::unlinkat(fd, n, 0) == 0 || errno != EISDIR)) continue;
+      dirs.append(n).push_back('\0');
     }
-    ::closedir(d);
-  } else {
-    ::close(fd);
   }
+  for (size_t at = 0; at < dirs.size(); at = dirs.find('\0', at) + 1) rmAt(fd, &dirs[at], DT_DIR, buf, cap);
+  ::close(fd);
   ::unlinkat(dirFd, name, AT_REMOVEDIR);
 }
 
 }  // namespace
 
-void rmTree(const std::string& path) { rmAt(AT_FDCWD, path.c_str()); }
+void rmTree(const std::string& path) {
+  alignas(struct dirent64) char buf[8192];
+  rmAt(AT_FDCWD, path.c_str(), DT_UNKNOWN, buf, sizeof buf);
+}
 
 bool isSafeMemberName(std::string_view name) {
   return !name.empty() && name[0] != '/' && name[0] != '\\' &&
@@ -264,8 +298,14 @@ CopyStatus StreamCopier::copySpliced(int in_fd, uint64_t& offset, int out_fd, ui
 }
 
 CopyStatus StreamCopier::copyBuffered(int in_fd, uint64_t& offset, int out_fd, uint64_t& n) {
-  if (n > 0 && buf_.size() < std::min<uint64_t>(n, cap_))
-    buf_.resize(static_cast<size_t>(std::min<uint64_t>(n, cap_)));
+  uint64_t want = std::min<uint64_t>(n, cap_);
+  // A range claimed past the end of a file needs no buffer for the bytes that are not there.
+  struct stat st;
+  if (want > 0 && ::fstat(in_fd, &st) == 0 && S_ISREG(st.st_mode)) {
+    const uint64_t size = static_cast<uint64_t>(st.st_size);
+    want = std::min<uint64_t>(want, offset < size ? size - offset : 1);
+  }
+  if (buf_.size() < want) buf_.resize(static_cast<size_t>(want));
   while (n > 0) {
     const size_t want = static_cast<size_t>(std::min<uint64_t>(n, buf_.size()));
     const ssize_t got = ::pread(in_fd, buf_.data(), want, static_cast<off_t>(offset));
@@ -311,20 +351,23 @@ std::string unwrapOnce(const std::string& container) {
   FilePtr in(std::fopen(container.c_str(), "rb"));
   if (!in) fail("cannot open container " + container);
   const std::vector<TocEntry> toc = readToc(in.get(), container);
+  const uint64_t size = static_cast<uint64_t>(st.st_size);
 
   StreamCopier copier;
   std::string made = dir;  // the last directory known to exist
   for (const TocEntry& e : toc) {
     if (!isSafeMemberName(e.name))
       fail(container + ": refusing unsafe member name '" + printableName(e.name) + "'");
-    if (isSyntheticManifest(in.get(), e)) continue;
+    if (isSyntheticManifest(in.get(), size, e)) continue;
 
     const std::string dest = dir + "/" + e.name;
     const std::string parent = dirName(dest);
-    if (parent != made && !mkdirs(parent)) fail("cannot create " + parent);
+    if (parent != made && !mkdirsFrom(parent, existingAncestor(parent, made)))
+      fail("cannot create " + parent);
     made = parent;
-    if (e.offset > static_cast<uint64_t>(INT64_MAX) ||
-        ::fseeko(in.get(), static_cast<off_t>(e.offset), SEEK_SET) != 0)
+    // Only an offset past the end can be one the file system refuses to seek to.
+    if (e.offset > size && (e.offset > static_cast<uint64_t>(INT64_MAX) ||
+                            ::fseeko(in.get(), static_cast<off_t>(e.offset), SEEK_SET) != 0))
       fail(container + ": cannot seek to member " + e.name);
 
     // Written under ".part" and renamed, so a final name always holds a complete member.

@@ -5,7 +5,9 @@
 #include <stdlib.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <stdexcept>
@@ -77,21 +79,6 @@ class Imx : public ::testing::Test {
                        {"drive/xs.f32", "abcd"}};
 };
 
-TEST_F(Imx, PathHelpersAndUnwrapNaming) {
-  using namespace le::imx;
-  EXPECT_EQ(rstripSlash("///"), "/");
-  EXPECT_EQ(unwrapDirFor("avatar.imx"), "./avatar.lebundle");
-  EXPECT_EQ(unwrapDirFor("/avatar.imx"), "/avatar.lebundle");
-  setenv("LE_IMX_UNWRAP_ROOT", "/cache/le//", 1);
-  EXPECT_EQ(unwrapDirFor("/x/avatar.imx"), "/cache/le/avatar.lebundle");
-  setenv("LE_IMX_UNWRAP_ROOT", "", 1);
-  EXPECT_EQ(unwrapDirFor("/x/avatar.imx"), "/x/avatar.lebundle");
-
-  // The unwrap test covers the escaping names; these are the near misses.
-  EXPECT_TRUE(isSafeMemberName("a.b\\c"));
-  EXPECT_FALSE(isSafeMemberName("a..b"));
-}
-
 TEST_F(Imx, UnwrapsOnceReusesAndRebuildsWhenTheContainerChanges) {
   const std::string c = scratch / "avatar.imx";
   writeFile(c, le::forge::imxImage(bundle));
@@ -139,6 +126,17 @@ TEST_F(Imx, UnwrapsOnceReusesAndRebuildsWhenTheContainerChanges) {
 }
 
 TEST_F(Imx, ContainerNamingVariantsAndUnwrapRoot) {
+  using le::imx::unwrapDirFor;
+  EXPECT_EQ(unwrapDirFor("avatar.imx"), "./avatar.lebundle");
+  EXPECT_EQ(unwrapDirFor("/avatar.imx"), "/avatar.lebundle");
+  setenv("LE_IMX_UNWRAP_ROOT", "/cache/le//", 1);
+  EXPECT_EQ(unwrapDirFor("/x/avatar.imx"), "/cache/le/avatar.lebundle");
+  setenv("LE_IMX_UNWRAP_ROOT", "", 1);
+  EXPECT_EQ(unwrapDirFor("/x/avatar.imx"), "/x/avatar.lebundle");
+  // The unsafe names are the unwrap test's; these are the near misses.
+  EXPECT_TRUE(le::imx::isSafeMemberName("a.b\\c"));
+  EXPECT_FALSE(le::imx::isSafeMemberName("a..b"));
+
   const std::string c = scratch / "avatar.lebundle.imx";
   writeFile(c, le::forge::imxImage(bundle));
   const std::string dir = scratch / "avatar.lebundle";
@@ -297,6 +295,47 @@ TEST_F(Imx, InterruptedUnwrapIsRedoneCleanly) {
   le::imx::rmTree(dir);
   EXPECT_EQ(resolve(c), dir);
   EXPECT_EQ(count(log, "[le] unwrapped"), 1u);
+}
+
+TEST_F(Imx, MemberDirectoriesInAnyOrderAndAFileInTheWay) {
+  // Directories left and revisited, names sharing leading characters but not a directory,
+  // doubled and "." separators, and a chain deeper than any bundle's.
+  std::string deep = "d";
+  for (int i = 0; i < 40; ++i) deep += "/" + std::to_string(i);
+  const Members members{{"ab/x", "1"},       {"a/b/y", "2"},  {"a/bc", "3"},    {deep + "/z", "4"},
+                        {"a//b/./w", "5"}, {"ab/c/v", "6"}, {"a/b/c/u", "7"}, {"t", "8"}};
+  const std::string c = scratch / "order.imx";
+  writeFile(c, le::forge::imxImage(members));
+  const std::string dir = resolve(c);
+  for (const auto& [name, bytes] : members) EXPECT_EQ(le::readFile(dir + "/" + name), bytes) << name;
+  std::vector<std::string> want{"a/b/c/u", "a/b/w", "a/b/y", "a/bc", "ab/c/v", "ab/x", deep + "/z", "t"};
+  std::sort(want.begin(), want.end());
+  EXPECT_EQ(tree(dir), want);
+
+  writeFile(c, le::forge::imxImage({{"t", "8"}, {"t/x", "9"}}));
+  EXPECT_EQ(thrown([&] { resolve(c); }), "cannot create " + dir + "/t");
+}
+
+TEST_F(Imx, TreeRemovalTakesEverythingAndNeverFollowsALink) {
+  // Deep, and wide enough that the listing takes several reads while entries go, with
+  // directories among the files.
+  const std::string t = scratch / "t";
+  std::string deep = t;
+  for (int i = 0; i < 200; ++i) deep += "/d";
+  writeFile(deep + "/f", "x");
+  for (int i = 0; i < 300; ++i)
+    writeFile(t + "/wide/" + std::string(60, char('a' + i % 26)) + std::to_string(i) + (i % 7 ? "" : "/f"), "x");
+  const std::string outside = scratch / "outside";
+  writeFile(outside + "/keep", "k");
+  ASSERT_EQ(::symlink(outside.c_str(), (t + "/wide/link").c_str()), 0);
+  ASSERT_EQ(::symlink((outside + "/keep").c_str(), (t + "/filelink").c_str()), 0);
+  le::imx::rmTree(t);
+  EXPECT_FALSE(exists(t));
+  EXPECT_EQ(le::readFile(outside + "/keep"), "k");
+  le::imx::rmTree(outside + "/keep");
+  le::imx::rmTree(outside + "/none");
+  EXPECT_EQ(tree(scratch.path()), std::vector<std::string>{});
+  EXPECT_TRUE(exists(outside));
 }
 
 TEST_F(Imx, StreamCopierInKernelAndBuffered) {
