@@ -59,10 +59,11 @@ void expectOnly(const std::string& path, std::initializer_list<Allowed> allowed)
       if (type == DT_UNKNOWN && ::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0)
         type = IFTODT(st.st_mode);
       bool ok = false;
-      for (const Allowed& a : allowed) ok = ok || (std::strcmp(name, a.name) == 0 && type == a.type);
+      for (const Allowed& a : allowed)
+        ok = ok || (std::strcmp(name, a.name) == 0 && type == a.type);
       if (!ok) {
-        std::fprintf(stderr, "written outside the unwrap directory: %s/%s (type %d)\n", path.c_str(), name,
-                     type);
+        std::fprintf(stderr, "written outside the unwrap directory: %s/%s (type %d)\n",
+                     path.c_str(), name, type);
         std::abort();
       }
     }

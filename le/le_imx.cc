@@ -176,7 +176,8 @@ void rmAt(int dirFd, const char* name, unsigned char type, char* buf, size_t cap
       dirs.append(n).push_back('\0');
     }
   }
-  for (size_t at = 0; at < dirs.size(); at = dirs.find('\0', at) + 1) rmAt(fd, &dirs[at], DT_DIR, buf, cap);
+  for (size_t at = 0; at < dirs.size(); at = dirs.find('\0', at) + 1)
+    rmAt(fd, &dirs[at], DT_DIR, buf, cap);
   ::close(fd);
   ::unlinkat(dirFd, name, AT_REMOVEDIR);
 }
@@ -298,14 +299,14 @@ CopyStatus StreamCopier::copySpliced(int in_fd, uint64_t& offset, int out_fd, ui
 }
 
 CopyStatus StreamCopier::copyBuffered(int in_fd, uint64_t& offset, int out_fd, uint64_t& n) {
-  uint64_t want = std::min<uint64_t>(n, cap_);
+  uint64_t room = std::min<uint64_t>(n, cap_);
   // A range claimed past the end of a file needs no buffer for the bytes that are not there.
   struct stat st;
-  if (want > 0 && ::fstat(in_fd, &st) == 0 && S_ISREG(st.st_mode)) {
+  if (room > 0 && ::fstat(in_fd, &st) == 0 && S_ISREG(st.st_mode)) {
     const uint64_t size = static_cast<uint64_t>(st.st_size);
-    want = std::min<uint64_t>(want, offset < size ? size - offset : 1);
+    room = std::min<uint64_t>(room, offset < size ? size - offset : 1);
   }
-  if (buf_.size() < want) buf_.resize(static_cast<size_t>(want));
+  if (buf_.size() < room) buf_.resize(static_cast<size_t>(room));
   while (n > 0) {
     const size_t want = static_cast<size_t>(std::min<uint64_t>(n, buf_.size()));
     const ssize_t got = ::pread(in_fd, buf_.data(), want, static_cast<off_t>(offset));

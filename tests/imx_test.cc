@@ -302,13 +302,15 @@ TEST_F(Imx, MemberDirectoriesInAnyOrderAndAFileInTheWay) {
   // doubled and "." separators, and a chain deeper than any bundle's.
   std::string deep = "d";
   for (int i = 0; i < 40; ++i) deep += "/" + std::to_string(i);
-  const Members members{{"ab/x", "1"},       {"a/b/y", "2"},  {"a/bc", "3"},    {deep + "/z", "4"},
+  const Members members{{"ab/x", "1"},     {"a/b/y", "2"},  {"a/bc", "3"},    {deep + "/z", "4"},
                         {"a//b/./w", "5"}, {"ab/c/v", "6"}, {"a/b/c/u", "7"}, {"t", "8"}};
   const std::string c = scratch / "order.imx";
   writeFile(c, le::forge::imxImage(members));
   const std::string dir = resolve(c);
-  for (const auto& [name, bytes] : members) EXPECT_EQ(le::readFile(dir + "/" + name), bytes) << name;
-  std::vector<std::string> want{"a/b/c/u", "a/b/w", "a/b/y", "a/bc", "ab/c/v", "ab/x", deep + "/z", "t"};
+  for (const auto& [name, bytes] : members)
+    EXPECT_EQ(le::readFile(dir + "/" + name), bytes) << name;
+  std::vector<std::string> want{"a/b/c/u", "a/b/w", "a/b/y", "a/bc", "ab/c/v", "ab/x", "t",
+                                deep + "/z"};
   std::sort(want.begin(), want.end());
   EXPECT_EQ(tree(dir), want);
 
@@ -323,8 +325,10 @@ TEST_F(Imx, TreeRemovalTakesEverythingAndNeverFollowsALink) {
   std::string deep = t;
   for (int i = 0; i < 200; ++i) deep += "/d";
   writeFile(deep + "/f", "x");
-  for (int i = 0; i < 300; ++i)
-    writeFile(t + "/wide/" + std::string(60, char('a' + i % 26)) + std::to_string(i) + (i % 7 ? "" : "/f"), "x");
+  for (int i = 0; i < 300; ++i) {
+    const std::string name = std::string(60, char('a' + i % 26)) + std::to_string(i);
+    writeFile(t + "/wide/" + name + (i % 7 ? "" : "/f"), "x");
+  }
   const std::string outside = scratch / "outside";
   writeFile(outside + "/keep", "k");
   ASSERT_EQ(::symlink(outside.c_str(), (t + "/wide/link").c_str()), 0);
