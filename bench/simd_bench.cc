@@ -196,9 +196,9 @@ void naiveConv(const float* in, int Cin, int H, int W, const float* w, const flo
       }
 }
 
-void bmConv3x3(benchmark::State& state, int64_t target) {
-  const int Cin = 16, Cout = 16, H = 64, W = 64;
-  std::vector<float> in(size_t{Cin} * H * W), w(size_t{Cout} * Cin * 9), bias(Cout), out(size_t{Cout} * H * W),
+// One image's convolution beside the plain loop; ns_per_item is per multiply-add.
+void convRun(benchmark::State& state, int64_t target, int Cin, int H, int W, int Cout) {
+  std::vector<float> in(size_t(Cin) * H * W), w(size_t(Cout) * Cin * 9), bias(Cout), out(size_t(Cout) * H * W),
       out2(out.size());
   std::mt19937 rng(4);
   for (auto& x : in) x = static_cast<float>(rng() % 1000) / 500.0f - 1.0f;
@@ -206,9 +206,14 @@ void bmConv3x3(benchmark::State& state, int64_t target) {
   compareRun(
       state, target, "vs_naive",
       [&] { le::simd::conv3x3Range(in.data(), 1, Cin, H, W, w.data(), bias.data(), Cout, out.data(), 0, Cout); },
-      [&] { naiveConv(in.data(), Cin, H, W, w.data(), bias.data(), Cout, out2.data()); });
+      [&] { naiveConv(in.data(), Cin, H, W, w.data(), bias.data(), Cout, out2.data()); },
+      double(Cout) * Cin * 9 * H * W);
   benchmark::DoNotOptimize(out2.data());
 }
+
+void bmConv3x3(benchmark::State& state, int64_t target) { convRun(state, target, 16, 64, 64, 16); }
+// The blend head's middle layer at the 1080p pipeline's crop: a 56 x 87 half-resolution window.
+void bmConvHead(benchmark::State& state, int64_t target) { convRun(state, target, 16, 56, 87, 16); }
 
 // One registration per runnable compiled target.
 const int registered = [] {
@@ -220,7 +225,7 @@ const int registered = [] {
   };
   const Entry entries[] = {{"f16ToF32_64MB", bmF16ToF32}, {"f32ToF16_64MB", bmF32ToF16},
                            {"yuv420RowToRgb24_1080p", bmYuv1080p}, {"pasteLanczos8Row_512crop_1.2x", bmPasteRows},
-                           {"conv3x3Range_16x64x64_to16", bmConv3x3}};
+                           {"conv3x3Range_16x64x64_to16", bmConv3x3}, {"conv3x3Range_16x56x87_to16", bmConvHead}};
   for (const Entry& e : entries)
     for (int64_t m = mask; m; m &= m - 1) {
       const int64_t t = m & -m;

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <ctime>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -28,13 +29,17 @@
 
 namespace {
 
+// The forge's frame around a crop of the given size (256 as forged by default, 512 as the
+// 1080p pipeline renders).
+le::forge::Params frameParams(int crop) { return le::forge::sized(8, crop + 64, crop + 32, crop, 2); }
+
 struct Bank {
   std::string dir;
   le::TesseraAttachInputs in;
   std::vector<uint8_t> track;
-  Bank() {
-    dir = "/tmp/le_tessera_bench." + std::to_string(::getpid());
-    le::forge::Params p = le::forge::sized(8, 320, 288, 256, 2);
+  explicit Bank(int crop) {
+    dir = "/tmp/le_tessera_bench." + std::to_string(::getpid()) + "." + std::to_string(crop);
+    le::forge::Params p = frameParams(crop);
     p.tessera = true;
     p.tesseraDonors = 1024;
     p.replace = true;
@@ -46,8 +51,12 @@ struct Bank {
   ~Bank() { le::imx::rmTree(dir); }
 };
 
-const Bank& bank() {
-  static const Bank b;
+const Bank& bank(int crop = 256) {
+  if (crop == 512) {
+    static const Bank b512(512);
+    return b512;
+  }
+  static const Bank b(256);
   return b;
 }
 
@@ -125,11 +134,11 @@ BENCHMARK(BM_LoadHeadPt)->Unit(benchmark::kMicrosecond);
 struct Pass {
   std::unique_ptr<le::tessera::TeethPass> pass;
   std::vector<uint8_t> crops[2], mask;
-  Pass() {
-    const Bank& b = bank();
+  explicit Pass(int crop) {
+    const Bank& b = bank(crop);
     pass = std::make_unique<le::tessera::TeethPass>(b.in.bankData(), le::tessera::loadHeadPt(b.in.head_pt),
                                                     le::tessera::ServeConfig::fromHeadMemberJson(b.in.head_json));
-    const le::forge::Params p = le::forge::sized(8, 320, 288, 256, 2);
+    const le::forge::Params p = frameParams(crop);
     const le::tessera::GeometryStamp& s = b.in.stamp;
     const int c = s.canvas_w;
     const int x0 = s.window_x0 + s.band_c0 - s.shift_margin, y0 = s.window_y0 + s.band_r0 - s.shift_margin;
@@ -152,14 +161,26 @@ struct Pass {
   }
 };
 
-Pass& pass() {
-  static Pass p;
+Pass& pass(int crop = 256) {
+  if (crop == 512) {
+    static Pass p512(512);
+    return p512;
+  }
+  static Pass p(256);
   return p;
 }
 
-// One frame pushed (retrieval of it and emit of the one before), with the stage split in ms.
+double processCpuMs() {
+  timespec t{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return double(t.tv_sec) * 1e3 + double(t.tv_nsec) * 1e-6;
+}
+
+// One frame pushed (retrieval of it and emit of the one before), with the stage split in ms and
+// the processor time of every thread per push, at the forge's crop and at the pipeline's.
 void BM_TeethPush(benchmark::State& state) {
-  Pass& p = pass();
+  Pass& p = pass(int(state.range(0)));
+  const double cpu0 = processCpuMs();
   le::tessera::FrameResult r;
   int32_t frame = 0;
   const le::tessera::Shift shift{0, 0};
@@ -172,6 +193,7 @@ void BM_TeethPush(benchmark::State& state) {
         compose += t.compose;
   }
   const double n = static_cast<double>(state.iterations()) / 1000.0;
+  state.counters["cpu_ms"] = (processCpuMs() - cpu0) / static_cast<double>(state.iterations());
   state.counters["prepare_ms"] = prepare / n;
   state.counters["pooled_ms"] = pooled / n;
   state.counters["exact_ms"] = exact / n;
@@ -182,7 +204,7 @@ void BM_TeethPush(benchmark::State& state) {
   state.counters["donors"] = p.pass->nDonors();
   state.counters["candidates"] = r.candidates;
 }
-BENCHMARK(BM_TeethPush)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_TeethPush)->ArgName("crop")->Arg(256)->Arg(512)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
 
 double memcpySeconds = 0;
 

@@ -368,8 +368,10 @@ float RetrieveTermExact(const uint16_t* HWY_RESTRICT a, const uint16_t* HWY_REST
   return RetrieveTermExactRange(a, b, w, n, 0, n);
 }
 
-// kOc output channels of one image over all pixels, from the padded image.
-template <int kOc>
+// kOc output channels of one image over all pixels, from the padded image. kX vectors of a row
+// are accumulated side by side: each pixel keeps its own chain of adds in the required order,
+// and kOc * kX independent chains hide the add latency.
+template <int kOc, int kX>
 HWY_INLINE void ConvChannels(const float* HWY_RESTRICT pad, size_t S, int Cin, int H, int W,
                              const float* HWY_RESTRICT weight, const float* HWY_RESTRICT bias,
                              int oc, float* HWY_RESTRICT out_img) {
@@ -377,14 +379,17 @@ HWY_INLINE void ConvChannels(const float* HWY_RESTRICT pad, size_t S, int Cin, i
   const size_t N = hn::Lanes(df);
   const size_t plane = static_cast<size_t>(H) * W;
   const size_t wstride = static_cast<size_t>(Cin) * 9;
+  const size_t chan = static_cast<size_t>(H) * S;
   const float* w0 = weight + oc * wstride;
-  HWY_ALIGN float part[kOc][hn::MaxLanes(DF())];
+  HWY_ALIGN float part[hn::MaxLanes(DF())];
   for (int y = 0; y < H; ++y) {
-    // The last, partial vector of a row reads the scratch's zero padding (its rows are padded
-    // to a multiple of 64 floats plus two) and stores only the columns inside the row.
-    for (size_t x = 0; x < static_cast<size_t>(W); x += N) {
-      VF acc[kOc];
-      for (int j = 0; j < kOc; ++j) acc[j] = hn::Zero(df);
+    // Vectors past the row's end read the scratch's zero padding (rows are padded to a
+    // multiple of 64 floats plus two, which covers kX * N + 2 beyond any block start inside
+    // the row) and only the columns inside the row are stored.
+    for (size_t x = 0; x < static_cast<size_t>(W); x += kX * N) {
+      VF acc[kOc][kX];
+      for (int j = 0; j < kOc; ++j)
+        for (int u = 0; u < kX; ++u) acc[j][u] = hn::Zero(df);
       for (int ky = 0; ky < 3; ++ky) {
         const int yy = y + ky - 1;
         if (yy < 0 || yy >= H) continue;
@@ -392,19 +397,28 @@ HWY_INLINE void ConvChannels(const float* HWY_RESTRICT pad, size_t S, int Cin, i
           const float* p = pad + static_cast<size_t>(yy) * S + x + kx;
           const float* wk = w0 + ky * 3 + kx;
           for (int ci = 0; ci < Cin; ++ci) {
-            const VF v = hn::LoadU(df, p + static_cast<size_t>(ci) * H * S);
-            for (int j = 0; j < kOc; ++j)
-              acc[j] = hn::Add(acc[j], hn::Mul(hn::Set(df, wk[j * wstride + ci * 9]), v));
+            VF v[kX];
+            for (int u = 0; u < kX; ++u) v[u] = hn::LoadU(df, p + ci * chan + u * N);
+            for (int j = 0; j < kOc; ++j) {
+              const VF wv = hn::Set(df, wk[j * wstride + ci * 9]);
+              for (int u = 0; u < kX; ++u) acc[j][u] = hn::Add(acc[j][u], hn::Mul(wv, v[u]));
+            }
           }
         }
       }
-      const size_t row = static_cast<size_t>(y) * W + x;
-      if (x + N <= static_cast<size_t>(W)) {
-        for (int j = 0; j < kOc; ++j) hn::StoreU(hn::Add(acc[j], hn::Set(df, bias[oc + j])), df, out_img + (oc + j) * plane + row);
-      } else {
+      for (int u = 0; u < kX; ++u) {
+        const size_t xu = x + u * N;
+        if (xu >= static_cast<size_t>(W)) break;
+        const size_t row = static_cast<size_t>(y) * W + xu;
         for (int j = 0; j < kOc; ++j) {
-          hn::Store(hn::Add(acc[j], hn::Set(df, bias[oc + j])), df, part[j]);
-          std::memcpy(out_img + (oc + j) * plane + row, part[j], sizeof(float) * (W - x));
+          const VF r = hn::Add(acc[j][u], hn::Set(df, bias[oc + j]));
+          float* dst = out_img + (oc + j) * plane + row;
+          if (xu + N <= static_cast<size_t>(W)) {
+            hn::StoreU(r, df, dst);
+          } else {
+            hn::Store(r, df, part);
+            std::memcpy(dst, part, sizeof(float) * (W - xu));
+          }
         }
       }
     }
@@ -427,10 +441,10 @@ void Conv3x3Range(const float* HWY_RESTRICT in, int N, int Cin, int H, int W,
     }
     float* out_img = out + static_cast<size_t>(n) * Cout * H * W;
     if (oc + 4 <= Cout && k + 4 <= end) {
-      ConvChannels<4>(pad, S, Cin, H, W, weight, bias, oc, out_img);
+      ConvChannels<4, 2>(pad, S, Cin, H, W, weight, bias, oc, out_img);
       k += 4;
     } else {
-      ConvChannels<1>(pad, S, Cin, H, W, weight, bias, oc, out_img);
+      ConvChannels<1, 4>(pad, S, Cin, H, W, weight, bias, oc, out_img);
       k += 1;
     }
   }

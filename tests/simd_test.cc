@@ -349,7 +349,8 @@ TEST(SimdConv, ItemsMatchReferenceAndLeaveOthersAlone) {
   std::mt19937 rng(3);
   std::uniform_real_distribution<float> u(-2.0f, 2.0f);
   struct Shape { int N, Cin, H, W, Cout; };
-  for (const Shape s : {Shape{2, 3, 5, 37, 6}, Shape{1, 1, 1, 1, 1}, Shape{3, 2, 4, 16, 5}, Shape{1, 4, 9, 70, 9}}) {
+  for (const Shape s : {Shape{2, 3, 5, 37, 6}, Shape{1, 1, 1, 1, 1}, Shape{3, 2, 4, 16, 5}, Shape{1, 4, 9, 70, 9},
+                        Shape{2, 5, 7, 87, 6}}) {
     std::vector<float> in(static_cast<size_t>(s.N) * s.Cin * s.H * s.W), wt(static_cast<size_t>(s.Cout) * s.Cin * 9),
         bias(s.Cout);
     for (float& v : in) v = u(rng);

@@ -42,6 +42,23 @@ const std::array<uint16_t, 256>& byteHalves() {
   return t;
 }
 
+// byte / 255 for every byte, the same float the division gives, without a division per value.
+const std::array<float, 256>& byteUnits() {
+  static const std::array<float, 256> t = [] {
+    std::array<float, 256> a{};
+    for (int i = 0; i < 256; ++i) a[i] = static_cast<float>(i) / 255.0f;
+    return a;
+  }();
+  return t;
+}
+
+// std::nearbyint in the default rounding mode (half to even) for |x| < 2^23, without the
+// library call: adding and subtracting 2^23 leaves exactly the rounded integer.
+inline float nearbyintSmall(float x) {
+  constexpr float k = 8388608.0f;
+  return x >= 0.0f ? (x + k) - k : -((-x + k) - k);
+}
+
 float halfValue(uint16_t h) {
   float f;
   le::halfToFloat(&h, &f, 1);
@@ -133,7 +150,7 @@ struct TeethPass::Impl {
   std::vector<float> donor_planes, query_planes, blend, weights;
   std::vector<uint8_t> region;
   // The head's inputs, activations and logits: every value is written before it is read.
-  std::vector<float> headIn, headQuery, headA, headB, headLogits;
+  std::vector<float> headIn, headQuery, headA, headB, headLogits, headRows;
 
   size_t winPx() const { return static_cast<size_t>(wh) * ww; }
   const uint8_t* patch(int32_t d) const { return band.data() + static_cast<size_t>(d) * sh * sw * 3; }
@@ -335,6 +352,7 @@ void TeethPass::retrievePrepare(const uint8_t* crop, const uint8_t* mask, int32_
   w.weights.assign(np, 0.0f);
   std::vector<float> q(3 * np, 0.0f);  // pixels beyond the canvas read as black with no weight
   std::vector<uint8_t> gate(np, 0);
+  const float* unit = byteUnits().data();
   const float luma_min = static_cast<float>(m.cfg.luma_min);
   const float red_max = static_cast<float>(m.cfg.redness_max);
   float sum = 0.0f;
@@ -347,10 +365,10 @@ void TeethPass::retrievePrepare(const uint8_t* crop, const uint8_t* mask, int32_
       const size_t o = static_cast<size_t>(r) * m.ww + c;
       const uint8_t* px = crop + (static_cast<size_t>(y) * cw + x) * 3;
       const float R = px[0], G = px[1], B = px[2];
-      q[o] = R / 255.0f;
-      q[np + o] = G / 255.0f;
-      q[2 * np + o] = B / 255.0f;
-      gate[o] = static_cast<float>(mask[static_cast<size_t>(y) * cw + x]) / 255.0f > 0.5f;
+      q[o] = unit[px[0]];
+      q[np + o] = unit[px[1]];
+      q[2 * np + o] = unit[px[2]];
+      gate[o] = unit[mask[static_cast<size_t>(y) * cw + x]] > 0.5f;
       const float luma = 0.299f * R + 0.587f * G + 0.114f * B;
       if (gate[o] && luma >= luma_min && std::fabs(G - R) < red_max) {
         w.weights[o] = 1.0f;
@@ -426,19 +444,30 @@ float TeethPass::exactTermFromBand(int32_t d, const uint8_t* crop, const Retriev
   const int32_t sr = m.startRow(d, 0), sc = m.startCol(d, 0);
   const int32_t cw = m.st.canvas_w, ch = m.st.canvas_h;
   static const uint8_t kBlack[3] = {0, 0, 0};
+  // Columns whose crop pixel lies on the canvas, and whose donor pixel lies in the stored patch.
+  const int32_t qc0 = std::clamp(-w.wx0, 0, m.ww), qc1 = std::clamp(cw - w.wx0, 0, m.ww);
+  const int32_t dc0 = std::clamp(-sc, 0, m.ww), dc1 = std::clamp(m.sw - sc, 0, m.ww);
+  // A row's distances are rounded to half precision together, then summed in order.
+  thread_local std::vector<float> dist;
+  dist.resize(static_cast<size_t>(m.ww));
   float total = 0.0f;
   for (int32_t r = w.row_lo; r < w.row_hi; ++r) {
     const float* wr = w.weights.data() + static_cast<size_t>(r) * m.ww;
     const int32_t y = w.wy0 + r, sy = sr + r;
+    const bool qrow = y >= 0 && y < ch, drow = sy >= 0 && sy < m.sh;
     for (int32_t c = 0; c < m.ww; ++c) {
-      if (wr[c] == 0.0f) continue;
-      const int32_t x = w.wx0 + c, sx = sc + c;
-      const uint8_t* q = y >= 0 && y < ch && x >= 0 && x < cw ? crop + (static_cast<size_t>(y) * cw + x) * 3 : kBlack;
-      const uint8_t* dp = sy >= 0 && sy < m.sh && sx >= 0 && sx < m.sw ? p + (static_cast<size_t>(sy) * m.sw + sx) * 3
-                                                                       : kBlack;
-      const float dist = ((T[q[0] * 256 + dp[0]] + T[q[1] * 256 + dp[1]]) + T[q[2] * 256 + dp[2]]) / 3.0f;
-      total = total + wr[c] * roundHalf(dist);
+      if (wr[c] == 0.0f) {
+        dist[c] = 0.0f;
+        continue;
+      }
+      const uint8_t* q =
+          qrow && c >= qc0 && c < qc1 ? crop + (static_cast<size_t>(y) * cw + (w.wx0 + c)) * 3 : kBlack;
+      const uint8_t* dp = drow && c >= dc0 && c < dc1 ? p + (static_cast<size_t>(sy) * m.sw + (sc + c)) * 3 : kBlack;
+      dist[c] = ((T[q[0] * 256 + dp[0]] + T[q[1] * 256 + dp[1]]) + T[q[2] * 256 + dp[2]]) / 3.0f;
     }
+    le::simd::roundF16(dist.data(), dist.data(), dist.size());
+    for (int32_t c = 0; c < m.ww; ++c)
+      if (wr[c] != 0.0f) total = total + wr[c] * dist[c];
   }
   return total;
 }
@@ -567,42 +596,63 @@ void TeethPass::headForward(const float* donor_planes, int n, const float* query
   std::vector<float> fy, fx;
   taps(m.wh, hh, y0, y1, fy);
   taps(m.ww, hw, x0, x1, fx);
+  const size_t ww = static_cast<size_t>(m.ww);
+  // Every logit row interpolated across once: each serves two output rows as their top or
+  // bottom term, with the same products as a per-pixel evaluation.
+  std::vector<float>& rows = m.headRows;
+  rows.resize(static_cast<size_t>(n) * std::max(hh, 1) * ww);
+  if (hp > 0)
+    le::pool::parallelRange(static_cast<size_t>(n) * hh, 4, [&](size_t b, size_t e) {
+      for (size_t it = b; it < e; ++it) {
+        const float* L = logits.data() + it * hw;  // candidate it / hh, row it % hh
+        float* out = rows.data() + it * ww;
+        for (size_t c = 0; c < ww; ++c) out[c] = (1.0f - fx[c]) * L[x0[c]] + fx[c] * L[x1[c]];
+      }
+    });
   le::pool::parallelRange(static_cast<size_t>(m.wh), 4, [&](size_t rb, size_t re) {
-    std::vector<float> l(n);
-    for (size_t r = rb; r < re; ++r)
-      for (int c = 0; c < m.ww; ++c) {
-        float mx = -std::numeric_limits<float>::infinity();
-        for (int i = 0; i < n; ++i) {
-          float v = 0.0f;
-          if (hp > 0) {
-            const float* L = logits.data() + static_cast<size_t>(i) * hp;
-            const float a = L[y0[r] * hw + x0[c]], b = L[y0[r] * hw + x1[c]];
-            const float cc = L[y1[r] * hw + x0[c]], d = L[y1[r] * hw + x1[c]];
-            const float top = (1.0f - fx[c]) * a + fx[c] * b;
-            const float bot = (1.0f - fx[c]) * cc + fx[c] * d;
-            v = (1.0f - fy[r]) * top + fy[r] * bot;
-          }
-          l[i] = v;
-          mx = std::max(mx, v);
+    std::vector<float> l(static_cast<size_t>(n) * ww), mx(ww), sum(ww), acc(ww);
+    for (size_t r = rb; r < re; ++r) {
+      std::fill(mx.begin(), mx.end(), -std::numeric_limits<float>::infinity());
+      for (int i = 0; i < n; ++i) {
+        float* li = l.data() + i * ww;
+        if (hp > 0) {
+          const float* top = rows.data() + (static_cast<size_t>(i) * hh + y0[r]) * ww;
+          const float* bot = rows.data() + (static_cast<size_t>(i) * hh + y1[r]) * ww;
+          const float gy = 1.0f - fy[r], fyr = fy[r];
+          for (size_t c = 0; c < ww; ++c) li[c] = gy * top[c] + fyr * bot[c];
+        } else {
+          std::fill(li, li + ww, 0.0f);
         }
-        float s = 0.0f;
-        for (int i = 0; i < n; ++i) {
-          l[i] = std::exp(l[i] - mx);
-          s += l[i];
-        }
-        const size_t o = r * m.ww + c;
-        for (int i = 0; i < n; ++i) weights_out[static_cast<size_t>(i) * np + o] = l[i] / s;
-        for (int k = 0; k < 3; ++k) {
-          if (!region[o]) {
-            blend_out[k * np + o] = query_planes[k * np + o];
-            continue;
-          }
-          float v = 0.0f;
-          for (int i = 0; i < n; ++i)
-            v += weights_out[static_cast<size_t>(i) * np + o] * donor_planes[(static_cast<size_t>(i) * 3 + k) * np + o];
-          blend_out[k * np + o] = v;
+        for (size_t c = 0; c < ww; ++c) mx[c] = mx[c] < li[c] ? li[c] : mx[c];
+      }
+      std::fill(sum.begin(), sum.end(), 0.0f);
+      for (int i = 0; i < n; ++i) {
+        float* li = l.data() + i * ww;
+        for (size_t c = 0; c < ww; ++c) {
+          // exp(0) is exactly 1: the leading candidate of every pixel needs no call.
+          const float d = li[c] - mx[c];
+          li[c] = d == 0.0f ? 1.0f : std::exp(d);
+          sum[c] += li[c];
         }
       }
+      const size_t o = r * ww;
+      for (int i = 0; i < n; ++i) {
+        const float* li = l.data() + i * ww;
+        float* wo = weights_out + static_cast<size_t>(i) * np + o;
+        for (size_t c = 0; c < ww; ++c) wo[c] = li[c] / sum[c];
+      }
+      for (int k = 0; k < 3; ++k) {
+        std::fill(acc.begin(), acc.end(), 0.0f);
+        for (int i = 0; i < n; ++i) {
+          const float* wo = weights_out + static_cast<size_t>(i) * np + o;
+          const float* d = donor_planes + (static_cast<size_t>(i) * 3 + k) * np + o;
+          for (size_t c = 0; c < ww; ++c) acc[c] += wo[c] * d[c];
+        }
+        const float* q = query_planes + k * np + o;
+        float* bo = blend_out + k * np + o;
+        for (size_t c = 0; c < ww; ++c) bo[c] = region[o + c] ? acc[c] : q[c];
+      }
+    }
   });
 }
 
@@ -641,17 +691,22 @@ void TeethPass::emit(const Pending& p, const std::vector<int32_t>* next, FrameRe
   const size_t np = m.winPx();
   const int32_t cw = m.st.canvas_w;
   const std::vector<uint8_t> win = gatherWindowsU8(S, p.dy, p.dx);
+  const float* unit = byteUnits().data();
   m.donor_planes.resize(static_cast<size_t>(n) * 3 * np);
   for (int i = 0; i < n; ++i)
-    for (size_t o = 0; o < np; ++o)
-      for (int k = 0; k < 3; ++k)
-        m.donor_planes[(static_cast<size_t>(i) * 3 + k) * np + o] = win[(i * np + o) * 3 + k] / 255.0f;
-  m.query_planes.resize(3 * np);
-  for (int32_t r = 0; r < m.wh; ++r)
-    for (int32_t c = 0; c < m.ww; ++c) {
-      const uint8_t* px = p.crop.data() + (static_cast<size_t>(m.st.window_y0 + r) * cw + m.st.window_x0 + c) * 3;
-      for (int k = 0; k < 3; ++k) m.query_planes[k * np + static_cast<size_t>(r) * m.ww + c] = px[k] / 255.0f;
+    for (int k = 0; k < 3; ++k) {
+      const uint8_t* src = win.data() + i * np * 3 + k;
+      float* dst = m.donor_planes.data() + (static_cast<size_t>(i) * 3 + k) * np;
+      for (size_t o = 0; o < np; ++o) dst[o] = unit[src[o * 3]];
     }
+  m.query_planes.resize(3 * np);
+  for (int32_t r = 0; r < m.wh; ++r) {
+    const uint8_t* row = p.crop.data() + (static_cast<size_t>(m.st.window_y0 + r) * cw + m.st.window_x0) * 3;
+    for (int k = 0; k < 3; ++k) {
+      float* dst = m.query_planes.data() + k * np + static_cast<size_t>(r) * m.ww;
+      for (int32_t c = 0; c < m.ww; ++c) dst[c] = unit[row[c * 3 + k]];
+    }
+  }
 
   // The blend region: the band, plus the delivered rows above it that every candidate's stored
   // patch reaches after alignment.
@@ -703,10 +758,10 @@ void TeethPass::emit(const Pending& p, const std::vector<int32_t>* next, FrameRe
     for (size_t r = rb; r < re; ++r)
       for (int32_t c = 0; c < m.ww; ++c) {
         const size_t o = r * m.ww + c;
-        const float a = p.mask[(m.st.window_y0 + r) * cw + m.st.window_x0 + c] / 255.0f;
+        const float a = unit[p.mask[(m.st.window_y0 + r) * cw + m.st.window_x0 + c]];
         for (int k = 0; k < 3; ++k) {
           const float v = (1.0f - a) * m.query_planes[k * np + o] + a * m.blend[k * np + o];
-          const float b = std::nearbyint(std::min(v, 1.0f) * 255.0f);
+          const float b = nearbyintSmall(std::min(v, 1.0f) * 255.0f);
           res.window[o * 3 + k] = static_cast<uint8_t>(std::min(std::max(b, 0.0f), 255.0f));
         }
       }
