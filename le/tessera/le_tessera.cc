@@ -141,6 +141,7 @@ struct TeethPass::Impl {
   int32_t kept_idx = -2;
   bool held = false;
   Pending pending;
+  Pending spare;  // the last emitted frame's buffers, reused for the next push
   Stats stats;
   StageTimes times;
 
@@ -778,10 +779,14 @@ bool TeethPass::push(int32_t frame_index, const uint8_t* crop, const uint8_t* ma
   Impl& m = *impl_;
   m.times = StageTimes{};
   const size_t cpx = static_cast<size_t>(m.st.canvas_w) * m.st.canvas_h;
-  Pending p;
+  Pending p = std::move(m.spare);
   p.frame_index = frame_index;
   p.crop.assign(crop, crop + cpx * 3);
   p.mask.assign(mask, mask + cpx);
+  p.donors.clear();
+  p.dy = p.dx = 0;
+  p.ok = false;
+  p.reason.clear();
   p.ok = deriveShift(mask, shift, p.dy, p.dx, p.reason);
   if (p.ok) p.donors = retrieve(crop, mask, p.dy, p.dx);
   bool out = false;
@@ -789,7 +794,8 @@ bool TeethPass::push(int32_t frame_index, const uint8_t* crop, const uint8_t* ma
     emit(m.pending, p.ok ? &p.donors : nullptr, result);
     out = true;
   }
-  m.pending = std::move(p);
+  std::swap(m.pending, p);
+  m.spare = std::move(p);
   m.held = true;
   return out;
 }
