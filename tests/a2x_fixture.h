@@ -61,6 +61,17 @@ inline Pulled pullAll(le_a2x* h, const std::vector<float>& audio) {
   return r;
 }
 
+// Appends every frame ready on h to r (no widths).
+inline void drain(le_a2x* h, Pulled& r) {
+  std::vector<int> si(64);
+  std::vector<float> t(64 * 63), d(64 * 63);
+  for (int got; (got = le_a2x_pull(h, si.data(), t.data(), d.data(), 64)) > 0;) {
+    r.si.insert(r.si.end(), si.begin(), si.begin() + got);
+    r.target.insert(r.target.end(), t.begin(), t.begin() + got * 63);
+    r.driven.insert(r.driven.end(), d.begin(), d.begin() + got * 63);
+  }
+}
+
 // Gap between the inner lips (rows 19 and 20) that the deltas add to the target.
 inline double lipOpening(const float* target, const float* driven) {
   return double(driven[61] - target[61]) - double(driven[58] - target[58]);

@@ -11,6 +11,7 @@
 #include "tests/a2x_fixture.h"
 #include "tests/a2x_reference.h"
 #include "tests/support/media.h"
+#include "tests/test_util2.h"
 
 namespace {
 
@@ -25,7 +26,6 @@ AudioOptions legacy(int window = 1) {
   o.window = window;
   return o;
 }
-
 
 std::string createError(const std::string& dir) {
   le_a2x* h = le_a2x_create(dir.c_str(), 1);
@@ -65,14 +65,10 @@ TEST(A2xLegacy, EncoderLoadFailuresThenFirstLoadWins) {
   Ort::SessionOptions o;
   {
     ScopedEnv cuda("LE_A2X_CUDA", "true");
-    ::testing::internal::CaptureStderr();
-    le_a2x_maybe_cuda(o, "w2v");
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(le::testing::stderrOf([&] { le_a2x_maybe_cuda(o, "w2v"); }), "");
   }
   ScopedEnv cuda("LE_A2X_CUDA", "1");
-  ::testing::internal::CaptureStderr();
-  le_a2x_maybe_cuda(o, "enc/dec");
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(le::testing::stderrOf([&] { le_a2x_maybe_cuda(o, "enc/dec"); }), "");
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(le_a2x_preload_w2v(w2vOf(dir).c_str()), 1) << le_a2x_last_error();
   const std::string err = ::testing::internal::GetCapturedStderr();
@@ -139,11 +135,7 @@ TEST(A2xLegacy, OpenUtteranceReadsOnlyComputedOrZeroRows) {
 
   const Reference ref(dir, w2vOf(dir), o.window, o.left, o.layers);
   std::vector<float> feat(24 * 9216, 0.0f);
-  const std::vector<float> emb = ref.window8(audio, 0);
-  for (int f = 0; f < 22; ++f)
-    for (int l = 0; l < 12; ++l)
-      for (int c = 0; c < 768; ++c)
-        feat[size_t(f) * 9216 + size_t(l) * 768 + c] = le::testa2x::half(emb[(size_t(l) * 200 + size_t(f)) * 768 + c]);
+  Reference::takeRows(ref.window8(audio, 0), 0, 0, 22, feat);
   std::vector<float> enc, wn, prev(63, 0.0f), hid(size_t(ref.hidden()), 0.0f);
   ref.encode(feat, 24, 24, true, enc, wn);  // one chunk: frames 0..19 with input up to 24
   const std::vector<float> want = ref.decode(enc, 20, prev, hid);

@@ -16,6 +16,7 @@
 
 #include "le/render/le_ort.h"
 #include "tests/bundle_fixture.h"
+#include "tests/onnx_ort.h"
 
 namespace le::testa2x {
 
@@ -49,6 +50,24 @@ class Reference {
 
   int hidden() const { return h_; }
 
+  // Runs s on float inputs; returns the named outputs.
+  static std::vector<Ort::Value> run(Ort::Session& s, const std::vector<le::test::Feed>& feeds,
+                                     const std::vector<std::string>& outputs) {
+    Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+    std::vector<Ort::Value> in;
+    std::vector<const char*> inN, outN;
+    for (const le::test::Feed& f : feeds) {
+      in.push_back(Ort::Value::CreateTensor<float>(mem, const_cast<float*>(f.data), f.count, f.shape.data(), f.shape.size()));
+      inN.push_back(f.name.c_str());
+    }
+    for (const std::string& o : outputs) outN.push_back(o.c_str());
+    return s.Run(Ort::RunOptions{nullptr}, inN.data(), in.data(), in.size(), outN.data(), outN.size());
+  }
+  static std::vector<float> values(const Ort::Value& v) {
+    const float* p = v.GetTensorData<float>();
+    return std::vector<float>(p, p + v.GetTensorTypeAndShapeInfo().GetElementCount());
+  }
+
   // (x - mean) / sqrt(var + 1e-7): statistics in double, the root in float.
   static void normalise(std::vector<float>& x) {
     double s = 0, ss = 0;
@@ -64,7 +83,15 @@ class Reference {
     std::vector<float> x(128000, 0.0f);
     for (size_t i = 0; i < x.size() && size_t(w) * 640 + i < audio.size(); ++i) x[i] = audio[size_t(w) * 640 + i];
     normalise(x);
-    return run1(*w2v_, "input_values", x, {1, 128000}, "audio_emb");
+    return values(run(*w2v_, {{"input_values", {1, 128000}, x.data(), x.size()}}, {"audio_emb"})[0]);
+  }
+
+  // Feature frames [from, to) from the 8 s window starting at frame w (12 x 200 x 768), half-rounded.
+  static void takeRows(const std::vector<float>& e, int w, int from, int to, std::vector<float>& feat) {
+    for (int f = from; f < to; ++f)
+      for (int l = 0; l < 12; ++l)
+        for (int c = 0; c < 768; ++c)
+          feat[size_t(f) * 9216 + size_t(l) * 768 + c] = half(e[(size_t(l) * 200 + size_t(f - w)) * 768 + c]);
   }
 
   // Feature frames of a closed utterance through the 8 s window.
@@ -73,11 +100,7 @@ class Reference {
     std::vector<float> feat(size_t(frames) * 9216);
     int filled = 0;
     for (int w = 0; w < frames; w += 100) {
-      const std::vector<float> e = window8(audio, w);
-      for (int f = std::max(filled, w > 0 ? w + 50 : 0); f < std::min(frames, w + 200); ++f)
-        for (int l = 0; l < 12; ++l)
-          for (int c = 0; c < 768; ++c)
-            feat[size_t(f) * 9216 + size_t(l) * 768 + c] = half(e[(size_t(l) * 200 + size_t(f - w)) * 768 + c]);
+      takeRows(window8(audio, w), w, std::max(filled, w > 0 ? w + 50 : 0), std::min(frames, w + 200), feat);
       filled = std::min(frames, w + 200);
     }
     return feat;
@@ -95,14 +118,7 @@ class Reference {
         x[size_t(i)] = k >= 0 && k < long(audio.size()) ? audio[size_t(k)] : 0.0f;
       }
       normalise(x);
-      Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
-      const int64_t shape[2] = {1, 32000};
-      Ort::Value in = Ort::Value::CreateTensor<float>(mem, x.data(), x.size(), shape, 2);
-      Ort::AllocatorWithDefaultOptions alloc;
-      const std::string outName = trunk_->GetOutputNameAllocated(0, alloc).get();
-      const char* inN = "input_values";
-      const char* outN = outName.c_str();
-      std::vector<Ort::Value> out = trunk_->Run(Ort::RunOptions{nullptr}, &inN, &in, 1, &outN, 1);
+      std::vector<Ort::Value> out = run(*trunk_, {{"input_values", {1, 32000}, x.data(), x.size()}}, {outName(*trunk_, 0)});
       const long LT = long(out[0].GetTensorTypeAndShapeInfo().GetShape()[2]);
       const _Float16* t = reinterpret_cast<const _Float16*>(out[0].GetTensorRawData());
       std::vector<float> hx(8 * 640);
@@ -114,7 +130,7 @@ class Reference {
         for (int c = 0; c < 640; ++c)
           hx[size_t(j) * 640 + c] = half(float(double(float(t[c * LT + i0])) * (1 - a) + double(float(t[c * LT + i1])) * a));
       }
-      const std::vector<float> emb = run1(*head_, "x", hx, {8, 640}, "emb");
+      const std::vector<float> emb = values(run(*head_, {{"x", {8, 640}, hx.data(), hx.size()}}, {"emb"})[0]);
       for (float v : emb) feat.push_back(half(v));
     }
     feat.resize(size_t(frames) * 9216);
@@ -146,17 +162,13 @@ class Reference {
       for (int r = 0; r < L; ++r)
         for (int j = 0; j < L; ++j)
           mask[size_t(r) * L + j] = (j - r > window_ || r - j > left_) ? -std::numeric_limits<float>::infinity() : 0.0f;
-      Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
-      const int64_t fs[4] = {1, L, 12, 768}, ps[3] = {1, L, h_}, ms[4] = {1, 1, L, L};
-      Ort::Value in[3] = {Ort::Value::CreateTensor<float>(mem, f.data(), f.size(), fs, 4),
-                          Ort::Value::CreateTensor<float>(mem, pw.data(), pw.size(), ps, 3),
-                          Ort::Value::CreateTensor<float>(mem, mask.data(), mask.size(), ms, 4)};
-      const char* inN[3] = {"feat", "pos_window", "attn"};
-      Ort::AllocatorWithDefaultOptions alloc;
-      const std::string o0 = enc_->GetOutputNameAllocated(0, alloc).get();
-      const std::string o1 = width_ ? enc_->GetOutputNameAllocated(1, alloc).get() : "";
-      const char* outN[2] = {o0.c_str(), o1.c_str()};
-      std::vector<Ort::Value> out = enc_->Run(Ort::RunOptions{nullptr}, inN, in, 3, outN, width_ ? 2 : 1);
+      std::vector<std::string> outs = {outName(*enc_, 0)};
+      if (width_) outs.push_back(outName(*enc_, 1));
+      std::vector<Ort::Value> out = run(*enc_,
+                                        {{"feat", {1, L, 12, 768}, f.data(), f.size()},
+                                         {"pos_window", {1, L, h_}, pw.data(), pw.size()},
+                                         {"attn", {1, 1, L, L}, mask.data(), mask.size()}},
+                                        outs);
       const float* r = out[0].GetTensorData<float>();
       for (int t = s; t < e; ++t)
         for (int d = 0; d < h_; ++d) enc[size_t(t) * h_ + d] = r[size_t(t - b) * h_ + d];
@@ -170,16 +182,12 @@ class Reference {
   std::vector<float> decode(const std::vector<float>& enc, int frames, std::vector<float>& prev,
                             std::vector<float>& hid) const {
     std::vector<float> out(size_t(frames) * 63);
-    Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
     for (int t = 0; t < frames; ++t) {
-      std::vector<float> ctx(enc.begin() + long(t) * h_, enc.begin() + long(t + 1) * h_);
-      const int64_t cs[2] = {1, h_}, ps[2] = {1, 63}, hs[3] = {1, 1, h_};
-      Ort::Value in[3] = {Ort::Value::CreateTensor<float>(mem, ctx.data(), ctx.size(), cs, 2),
-                          Ort::Value::CreateTensor<float>(mem, prev.data(), prev.size(), ps, 2),
-                          Ort::Value::CreateTensor<float>(mem, hid.data(), hid.size(), hs, 3)};
-      const char* inN[3] = {"ctx_t", "prev", "h"};
-      const char* outN[2] = {"m", "h_out"};
-      std::vector<Ort::Value> o = dec_->Run(Ort::RunOptions{nullptr}, inN, in, 3, outN, 2);
+      std::vector<Ort::Value> o = run(*dec_,
+                                      {{"ctx_t", {1, h_}, enc.data() + size_t(t) * h_, size_t(h_)},
+                                       {"prev", {1, 63}, prev.data(), prev.size()},
+                                       {"h", {1, 1, h_}, hid.data(), hid.size()}},
+                                      {"m", "h_out"});
       const float* m = o[0].GetTensorData<float>();
       const float* hn = o[1].GetTensorData<float>();
       for (int k = 0; k < 63; ++k) {
@@ -193,12 +201,8 @@ class Reference {
 
   // The decoder state after n frames of silence features (the 8 s encoder on zeros).
   void prime(int n, std::vector<float>& prev, std::vector<float>& hid) const {
-    const std::vector<float> zero = window8(std::vector<float>(128000, 0.0f), 0);
     std::vector<float> feat(size_t(n) * 9216);
-    for (int f = 0; f < n; ++f)
-      for (int l = 0; l < 12; ++l)
-        for (int c = 0; c < 768; ++c)
-          feat[size_t(f) * 9216 + size_t(l) * 768 + c] = half(zero[(size_t(l) * 200 + size_t(f)) * 768 + c]);
+    takeRows(window8(std::vector<float>(128000, 0.0f), 0), 0, 0, n, feat);
     std::vector<float> enc, wn;
     encode(feat, n, n, false, enc, wn);
     prev.assign(63, 0.0f);
@@ -207,13 +211,9 @@ class Reference {
   }
 
  private:
-  std::vector<float> run1(Ort::Session& s, const char* inName, std::vector<float> x,
-                          std::vector<int64_t> shape, const char* outName) const {
-    Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
-    Ort::Value in = Ort::Value::CreateTensor<float>(mem, x.data(), x.size(), shape.data(), shape.size());
-    std::vector<Ort::Value> out = s.Run(Ort::RunOptions{nullptr}, &inName, &in, 1, &outName, 1);
-    const float* p = out[0].GetTensorData<float>();
-    return std::vector<float>(p, p + out[0].GetTensorTypeAndShapeInfo().GetElementCount());
+  static std::string outName(Ort::Session& s, size_t i) {
+    Ort::AllocatorWithDefaultOptions alloc;
+    return s.GetOutputNameAllocated(i, alloc).get();
   }
 
   int window_, left_, la_, lc_;

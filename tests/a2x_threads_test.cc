@@ -15,8 +15,8 @@ using namespace le::testa2x;
 using le::testing::ScratchDir;
 using le::testmedia::ScopedEnv;
 
-struct Outcome {
-  std::vector<float> driven, offline;
+struct Outcome : Pulled {
+  std::vector<float> offline;
   std::string error;
 };
 
@@ -30,20 +30,13 @@ Outcome stream(const std::string& dir, int step) {
     return r;
   }
   const std::vector<float> a(longSpeech().begin(), longSpeech().begin() + 96000);
-  std::vector<int> si(16);
-  std::vector<float> t(16 * 63), dr(16 * 63);
-  auto drain = [&] {
-    int got;
-    while ((got = le_a2x_pull(h, si.data(), t.data(), dr.data(), 16)) > 0)
-      r.driven.insert(r.driven.end(), dr.begin(), dr.begin() + got * 63);
-  };
   for (size_t at = 0; at < a.size(); at += size_t(step)) {
     le_a2x_push(h, a.data() + at, static_cast<int>(std::min(a.size() - at, size_t(step))));
     le_a2x_avail(h);
-    drain();
+    drain(h, r);
   }
   le_a2x_finish(h);
-  drain();
+  drain(h, r);
   r.offline.resize(100 * 63);
   if (le_a2x_deltas(h, a.data(), 64000, r.offline.data(), 100) != 100) r.error = le_a2x_last_error();
   le_a2x_destroy(h);
@@ -66,6 +59,8 @@ TEST(A2xThreads, HandlesOnThreadsMatchOneThread) {
   ASSERT_EQ(alone.driven.size(), 150u * 63);
   for (const Outcome& r : runs) {
     EXPECT_EQ(r.error, "");
+    EXPECT_EQ(r.si, alone.si);
+    EXPECT_EQ(r.target, alone.target);
     EXPECT_EQ(r.driven, alone.driven);
     EXPECT_EQ(r.offline, alone.offline);
   }

@@ -69,7 +69,7 @@ double renderBoth(const Bundle& b, le::Renderer& split, le::Renderer& whole, con
   return worst;
 }
 
-TEST(ConePrefetch, SplitCropsMatchWholeDirectorAndPredictionsHold) {
+TEST(ConePrefetch, SplitCropsPredictionsTeardownAndFailedPrep) {
   const Bundle five(5);
   std::mt19937 rng(7);
   std::vector<int32_t> random(40);
@@ -112,6 +112,17 @@ TEST(ConePrefetch, SplitCropsMatchWholeDirectorAndPredictionsHold) {
     EXPECT_EQ(heavy.coneMisses(), 1);
   }
 
+  // Destroyed while its prefetch thread works: each render queues the next frame; the last
+  // one's prefetch is still running (or just queued) when the renderer goes.
+  std::vector<float> ks, kd;
+  for (int round = 0; round < 12; ++round) {
+    le::Renderer r(five.manifest, *five.identity, "b1", 1, "");
+    for (int32_t si = 0; si <= round % 3; ++si) {
+      five.kps(si, si, ks, kd);
+      r.render(&si, ks.data(), kd.data(), 1);
+    }
+  }
+
   // One source frame: it stays in its slot and nothing is ever queued.
   const Bundle one(1);
   le::Renderer whole1(one.manifest, *one.identity, "b4", 1, "");
@@ -120,15 +131,12 @@ TEST(ConePrefetch, SplitCropsMatchWholeDirectorAndPredictionsHold) {
   EXPECT_LT(renderBoth(one, split1, whole1, std::vector<int32_t>(6, 0)), 1e-4);
   EXPECT_EQ(split1.coneMisses(), 1);
   EXPECT_EQ(split1.coneHits(), 6);
-}
 
-TEST(ConePrefetch, FailedPrepRefusesThatRenderAndEveryLaterOne) {
-  const Bundle b(5);
-  le::Renderer r(b.manifest, *b.identity, "b1", 1, "");
+  // A failed prep run refuses that render and every later one with the same text.
+  le::Renderer r(five.manifest, *five.identity, "b1", 1, "");
   ASSERT_TRUE(r.coneSplit());
-  std::vector<float> ks, kd;
   int32_t si = 0;
-  b.kps(si, 0, ks, kd);
+  five.kps(si, 0, ks, kd);
   r.render(&si, ks.data(), kd.data(), 1);
   le::testing::terminateConeRuns(r);
   // The boundary of frame 1 may already be in its slot; the run after it cannot be.
@@ -150,20 +158,6 @@ TEST(ConePrefetch, FailedPrepRefusesThatRenderAndEveryLaterOne) {
       ADD_FAILURE() << "render " << again << " after a failed prep did not refuse";
     } catch (const std::runtime_error& e) {
       EXPECT_EQ(std::string(e.what()), first);
-    }
-  }
-}
-
-TEST(ConePrefetch, DestroyWhilePrefetching) {
-  const Bundle b(5);
-  std::vector<float> ks, kd;
-  for (int round = 0; round < 12; ++round) {
-    le::Renderer r(b.manifest, *b.identity, "b1", 1, "");
-    // Each render queues the next frame; the last one's prefetch is still running (or just
-    // queued) when the renderer goes.
-    for (int32_t si = 0; si <= round % 3; ++si) {
-      b.kps(si, si, ks, kd);
-      r.render(&si, ks.data(), kd.data(), 1);
     }
   }
 }

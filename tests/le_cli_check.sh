@@ -26,13 +26,19 @@ one_line_error() {
     echo "FAIL: wanted one line '$prefix...$text...' on stderr, got:"; sed 's/^/  /' "$tmp/err"; fails=$((fails + 1))
   fi
 }
+# refused CODE PREFIX TEXT -- command...: exits CODE with the one-line error PREFIX...TEXT...
+refused() {
+  local code="$1" prefix="$2" text="$3"
+  shift 3
+  expect "$code" "$prefix$text" "$@"
+  one_line_error "$prefix" "$text"
+}
 stdout_has() {
   if ! grep -qF -- "$1" "$tmp/out"; then echo "FAIL: stdout lacks '$1'"; sed 's/^/  /' "$tmp/out"; fails=$((fails + 1)); fi
 }
 
 expect 2 "no command" -- "$le"
-expect 2 "unknown command" -- "$le" frobnicate
-one_line_error "le: " "unknown command 'frobnicate'"
+refused 2 "le: " "unknown command 'frobnicate'" -- "$le" frobnicate
 expect 0 "top-level help" -- "$le" --help
 stdout_has "forge"
 for cmd in forge info pack paste frame; do
@@ -43,21 +49,16 @@ for cmd in forge info pack paste frame; do
 done
 
 small=(--nt 4 --frames 6 --size 96x64 --crop 48 --quiet)
-expect 2 "forge without a directory" -- "$le" forge "${small[@]}"
-one_line_error "le forge: " "wants exactly one bundle directory"
-expect 2 "forge with a bad number" -- "$le" forge "$tmp/b" --nt zero
-one_line_error "le forge: " "--nt wants an integer"
-expect 2 "forge with an unknown option" -- "$le" forge "$tmp/b" --colour red
-one_line_error "le forge: " "unknown option --colour"
-expect 2 "forge with an unknown break" -- "$le" forge "$tmp/b" --break nonsense
-one_line_error "le forge: " "unknown break 'nonsense'"
+refused 2 "le forge: " "wants exactly one bundle directory" -- "$le" forge "${small[@]}"
+refused 2 "le forge: " "--nt wants an integer" -- "$le" forge "$tmp/b" --nt zero
+refused 2 "le forge: " "unknown option --colour" -- "$le" forge "$tmp/b" --colour red
+refused 2 "le forge: " "unknown break 'nonsense'" -- "$le" forge "$tmp/b" --break nonsense
 expect 0 "forge --break list" -- "$le" forge --break list
 stdout_has "short-pooled"
 
 expect 0 "forge a bundle" -- "$le" forge "$tmp/b" "${small[@]}" --imx
 [ -f "$tmp/b/manifest.json" ] && [ -f "$tmp/b.imx" ] || { echo "FAIL: forge wrote no bundle or container"; fails=$((fails + 1)); }
-expect 1 "forge into a non-empty directory" -- "$le" forge "$tmp/b" "${small[@]}"
-one_line_error "le forge: " "exists and is not empty"
+refused 1 "le forge: " "exists and is not empty" -- "$le" forge "$tmp/b" "${small[@]}"
 expect 0 "forge --force" -- "$le" forge "$tmp/b" "${small[@]}" --force
 
 expect 0 "info on a good bundle" -- "$le" info "$tmp/b"
@@ -66,45 +67,36 @@ stdout_has "pooled64.f16"
 expect 0 "pack" -- "$le" pack "$tmp/b" "$tmp/c.imx" --quiet
 expect 0 "info on a container" -- "$le" info "$tmp/c.imx"
 stdout_has "(unwrapped container)"
-expect 1 "pack a missing directory" -- "$le" pack "$tmp/nothing" "$tmp/x.imx"
-one_line_error "le pack: " "is not a directory"
+refused 1 "le pack: " "is not a directory" -- "$le" pack "$tmp/nothing" "$tmp/x.imx"
 expect 2 "pack with one argument" -- "$le" pack "$tmp/b"
 
 expect 0 "frame of a drive frame" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --drive 1
 [ -s "$tmp/f.png" ] || { echo "FAIL: frame wrote no PNG"; fails=$((fails + 1)); }
 expect 0 "frame with the mouth opened" -- "$le" frame "$tmp/b" -o "$tmp/g.png" --si 0 --open 0.6
-expect 2 "frame without an output" -- "$le" frame "$tmp/b"
-one_line_error "le frame: " "wants -o OUT.png"
-expect 2 "frame with --drive and --si" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --drive 0 --si 0
-one_line_error "le frame: " "exclude each other"
+refused 2 "le frame: " "wants -o OUT.png" -- "$le" frame "$tmp/b"
+refused 2 "le frame: " "exclude each other" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --drive 0 --si 0
 expect 1 "frame with a missing director" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --model nosuch
 grep -qF "le frame: le_render_kp_crop: Renderer: cannot open " "$tmp/err" || { echo "FAIL: missing director not named"; fails=$((fails + 1)); }
 
-expect 1 "frame --lip without a template" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --lip "$tmp/lip.png"
-one_line_error "le frame: " "carries no lip_template.v1.json"
+refused 1 "le frame: " "carries no lip_template.v1.json" -- "$le" frame "$tmp/b" -o "$tmp/f.png" --lip "$tmp/lip.png"
 expect 0 "forge with a learned lip template" -- "$le" forge "$tmp/lips" "${small[@]}" --lips learned
 expect 0 "frame --lip" -- "$le" frame "$tmp/lips" -o "$tmp/f.png" --lip "$tmp/lip.png" --open 0.5
 [ -s "$tmp/lip.png" ] || { echo "FAIL: frame --lip wrote no PNG"; fails=$((fails + 1)); }
-expect 2 "forge with an unknown lips kind" -- "$le" forge "$tmp/x" "${small[@]}" --lips round
-one_line_error "le forge: " "--lips wants none, unified, template or learned, got 'round'"
+refused 2 "le forge: " "--lips wants none, unified, template or learned, got 'round'" -- "$le" forge "$tmp/x" "${small[@]}" --lips round
 
 expect 0 "forge a broken bundle" -- "$le" forge "$tmp/bad" "${small[@]}" --break manifest-duplicate-w
-expect 1 "info refuses an ambiguous manifest" -- "$le" info "$tmp/bad"
-one_line_error "le info: " "is AMBIGUOUS — 2 scalar occurrences"
+refused 1 "le info: " "is AMBIGUOUS — 2 scalar occurrences" -- "$le" info "$tmp/bad"
 stdout_has "REFUSED"
 
 if "$le" --help | grep -q "^  paste "; then
-  expect 2 "paste without an output" -- "$le" paste "$tmp/b"
-  one_line_error "le paste: " "wants an output movie"
+  refused 2 "le paste: " "wants an output movie" -- "$le" paste "$tmp/b"
   expect 0 "paste five frames" -- "$le" paste "$tmp/b" -o "$tmp/p.mp4" --frames 8 --quiet
   frames=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames -of csv=p=0 "$tmp/p.mp4" 2>/dev/null)
   [ "$frames" = 8 ] || { echo "FAIL: le paste wrote '$frames' frames, wanted 8"; fails=$((fails + 1)); }
   expect 0 "paste from a container" -- "$le" paste "$tmp/c.imx" -o "$tmp/c.mp4" --quiet
   expect 0 "forge an fs_red-only bundle" -- "$le" forge "$tmp/fs" "${small[@]}" --prior fs_red
-  expect 1 "paste without a picture prior" -- "$le" paste "$tmp/fs" -o "$tmp/fs.mp4"
-  one_line_error "le paste: " "fs_red.f16 alone"
-  expect 1 "paste a bundle the engine refuses" -- "$le" paste "$tmp/bad" -o "$tmp/bad.mp4"
-  one_line_error "le paste: " "le_create: manifest: key \"W\" is AMBIGUOUS"
+  refused 1 "le paste: " "fs_red.f16 alone" -- "$le" paste "$tmp/fs" -o "$tmp/fs.mp4"
+  refused 1 "le paste: " "le_create: manifest: key \"W\" is AMBIGUOUS" -- "$le" paste "$tmp/bad" -o "$tmp/bad.mp4"
 fi
 
 if "$le" --help | grep -q "^  speak "; then
@@ -129,12 +121,9 @@ if "$le" --help | grep -q "^  speak "; then
   check_movie "$tmp/i.mp4" $((20 + 4 + 5))
   expect 0 "speak offline" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/o.mp4" --offline --quiet
   check_movie "$tmp/o.mp4" "$speech"
-  expect 2 "speak offline with a lead-in" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/x.mp4" --offline --lead-in 1
-  one_line_error "le speak: " "--offline renders the speech alone: it takes no --lead-in"
-  expect 1 "speak a file that is not audio" -- "$le" speak "$tmp/b" "$tmp/b/manifest.json" -o "$tmp/x.mp4"
-  one_line_error "le speak: " "$tmp/b/manifest.json: "
-  expect 2 "speak with an interrupt past the end" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/x.mp4" --interrupt-at 60
-  one_line_error "le speak: " "--interrupt-at wants a time inside the speech"
+  refused 2 "le speak: " "--offline renders the speech alone: it takes no --lead-in" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/x.mp4" --offline --lead-in 1
+  refused 1 "le speak: " "$tmp/b/manifest.json: " -- "$le" speak "$tmp/b" "$tmp/b/manifest.json" -o "$tmp/x.mp4"
+  refused 2 "le speak: " "--interrupt-at wants a time inside the speech" -- "$le" speak "$tmp/b" "$tmp/st.wav" -o "$tmp/x.mp4" --interrupt-at 60
   # the borrow: attached and reported when the bundle carries one, off with --no-borrow
   expect 0 "forge a bundle with a borrow" -- "$le" forge "$tmp/t" --nt 4 --frames 6 --size 192x160 --crop 128 --lips template --tessera-donors 16 --quiet
   expect 0 "speak with the borrow" -- "$le" speak "$tmp/t" "$tmp/st.wav" -o "$tmp/t.mp4" --lead-in 0 --tail 0.2
@@ -154,12 +143,9 @@ fi
 if "$le" --help | grep -q "^  serve "; then
   expect 0 "serve --help" -- "$le" serve --help
   stdout_has "usage: le serve BUNDLE"
-  expect 2 "serve on a bad port" -- "$le" serve "$tmp/b" --port 70000
-  one_line_error "le serve: " "--port wants an integer"
-  expect 2 "serve on a bad address" -- "$le" serve "$tmp/b" --bind localhost:80
-  one_line_error "le serve: " "--bind wants an IP address, got 'localhost:80'"
-  expect 1 "serve a bundle the engine refuses" -- "$le" serve "$tmp/bad" --port 0
-  one_line_error "le serve: " "AMBIGUOUS"
+  refused 2 "le serve: " "--port wants an integer" -- "$le" serve "$tmp/b" --port 70000
+  refused 2 "le serve: " "--bind wants an IP address, got 'localhost:80'" -- "$le" serve "$tmp/b" --bind localhost:80
+  refused 1 "le serve: " "AMBIGUOUS" -- "$le" serve "$tmp/bad" --port 0
   # the page over HTTP, then Ctrl-C: a clean exit
   "$le" serve "$tmp/b" --port 0 --quiet 2>"$tmp/serve.err" &
   pid=$!

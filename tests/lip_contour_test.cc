@@ -87,49 +87,9 @@ TEST(LipContour, RectangleFillAndChamferFeather) {
   }
 }
 
-// Random star polygons: every pixel centre more than half a pixel inside the rounded outline is filled, every one as far
-// outside is not,
-// whatever part of the polygon hangs off the canvas.
-TEST(LipContour, ScanlineFillAgainstPointInPolygon) {
-  const int n = 72;
-  std::mt19937 rng(11);
-  std::uniform_real_distribution<double> u(0, 1);
-  for (int trial = 0; trial < 200; ++trial) {
-    const int nv = 3 + trial % 14;
-    const LipContour lc = contour(n, 3.f, nv);
-    std::vector<double> poly(2 * size_t(nv));
-    const double cx = -10 + 92 * u(rng), cy = -10 + 92 * u(rng);
-    for (int v = 0; v < nv; ++v) {
-      const double a = 2 * M_PI * v / nv, r = 4 + 30 * u(rng);
-      poly[2 * v] = cx + r * std::cos(a), poly[2 * v + 1] = cy + r * std::sin(a);
-    }
-    const Box b = lc.box(poly.data());
-    const int w = b.x1 - b.x0, h = b.y1 - b.y0;
-    if (w < 1 || h < 1) continue;
-    std::vector<uint8_t> fill(size_t(w) * h);
-    lc.fillScanline(poly.data(), b, fill.data());
-    // Even-odd test on the rounded outline, and the distance of the centre to it.
-    std::vector<double> r(poly.size());
-    for (size_t i = 0; i < poly.size(); ++i) r[i] = std::nearbyint(poly[i]);
-    for (int y = b.y0; y < b.y1; ++y)
-      for (int x = b.x0; x < b.x1; ++x) {
-        bool in = false;
-        double dmin = 1e30;
-        for (int i = 0, j = nv - 1; i < nv; j = i++) {
-          const double xi = r[2 * i], yi = r[2 * i + 1], xj = r[2 * j], yj = r[2 * j + 1];
-          if ((yi > y) != (yj > y) && x < (xj - xi) * (y - yi) / (yj - yi) + xi) in = !in;
-          const double ex = xj - xi, ey = yj - yi, l2 = ex * ex + ey * ey;
-          const double t = l2 > 0 ? std::clamp(((x - xi) * ex + (y - yi) * ey) / l2, 0.0, 1.0) : 0.0;
-          dmin = std::min(dmin, std::hypot(x - xi - t * ex, y - yi - t * ey));
-        }
-        if (dmin <= 0.501) continue;
-        ASSERT_EQ(fill[size_t(y - b.y0) * w + x - b.x0], in ? 255 : 0) << "trial " << trial << " at " << x << "," << y;
-      }
-  }
-}
-
-// Vertices far off the canvas, clamped 65536 pixels out, and vertices on it: the outline and fill
-// agree byte for byte with Bresenham's walk taken one step at a time and a plain even-odd fill.
+// Random polygons, with vertices far off the canvas (clamped 65536 pixels out) and on it: the
+// outline and fill agree byte for byte with Bresenham's walk taken one step at a time and a
+// plain even-odd fill.
 TEST(LipContour, FarVerticesAgainstStepwiseWalk) {
   const int n = 48;
   std::mt19937 rng(5);

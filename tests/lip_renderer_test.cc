@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "le/tessera/le_lip_contour.h"
 #include "tests/bundle_fixture.h"
 #include "tests/onnx_ort.h"
+#include "tests/test_util2.h"
 #include "tools/forge/director_graph.h"
 #include "tools/forge/director_members.h"
 #include "tools/forge/forge.h"
@@ -90,15 +92,14 @@ TEST(LipRenderer, ComposeAlphaIsTheContour) {
   Loaded lt(withT.path()), le_(without.path());
   ASSERT_FALSE(lt.manifest.lip_template.empty());
 
-  ::testing::internal::CaptureStderr();
-  le::Renderer rT(lt.manifest, *lt.identity, "b1", 1, "");
-  std::string err = ::testing::internal::GetCapturedStderr();
+  std::unique_ptr<le::Renderer> withContour, withEllipse;
+  std::string err =
+      le::testing::stderrOf([&] { withContour = std::make_unique<le::Renderer>(lt.manifest, *lt.identity, "b1", 1, ""); });
   EXPECT_THAT(err, HasSubstr("[le] compose alpha: LIP CONTOUR (b1) — Min(a, lip_delivery) bound at load, 32 verts, "
                              "feather 1.5 px; the graph's ellipse is not reachable in this session\n"));
   EXPECT_THAT(err, Not(HasSubstr("ELLIPSE")));
-  ::testing::internal::CaptureStderr();
-  le::Renderer rE(le_.manifest, *le_.identity, "b1", 1, "");
-  err = ::testing::internal::GetCapturedStderr();
+  err = le::testing::stderrOf(
+      [&] { withEllipse = std::make_unique<le::Renderer>(le_.manifest, *le_.identity, "b1", 1, ""); });
   EXPECT_THAT(err, HasSubstr("[le] !!! compose alpha: ELLIPSE (b1) — this bundle carries no lip_template.v1.json"));
   EXPECT_THAT(err, Not(HasSubstr("LIP CONTOUR")));
 
@@ -120,9 +121,9 @@ TEST(LipRenderer, ComposeAlphaIsTheContour) {
     const int32_t si = lt.drive.si[size_t(i)];
     const float* xs = &lt.drive.xs[size_t(i) * 63];
     const float* xd = &lt.drive.xd[size_t(i) * 63];
-    const float* got = rT.render(&si, xs, xd, 1);
+    const float* got = withContour->render(&si, xs, xd, 1);
     crops.emplace_back(got, got + 3 * plane);
-    const float* plain = rE.render(&si, xs, xd, 1);
+    const float* plain = withEllipse->render(&si, xs, xd, 1);
 
     le::halfToFloat(lt.identity->pooled64(si), pooled.data(), pooled.size());
     le::halfToFloat(lt.identity->P(si), prior.data(), prior.size());
@@ -180,14 +181,12 @@ TEST(LipRenderer, RefusalsAndUnboundGraphs) {
   EXPECT_EQ(thrown([&] { le::Renderer r(l.manifest, *l.identity, "half", 1, ""); }),
             "Renderer: the director's compose canvas is 32 and this bundle's manifest declares crop 64 — refusing to "
             "bind a lip contour rasterised on the wrong canvas");
-  ::testing::internal::CaptureStderr();
-  {
-    le::Renderer r(l.manifest, *l.identity, "tailless", 1, "");
-    const int32_t si = 0;
-    std::vector<float> kp(63, 0.f);
-    r.render(&si, kp.data(), kp.data(), 1);
-  }
-  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+  EXPECT_THAT(le::testing::stderrOf([&] {
+                le::Renderer r(l.manifest, *l.identity, "tailless", 1, "");
+                const int32_t si = 0;
+                std::vector<float> kp(63, 0.f);
+                r.render(&si, kp.data(), kp.data(), 1);
+              }),
               HasSubstr("[le] !!! lip contour NOT bound to the compose alpha (tailless): the graph does not carry the "
                         "unified compose tail — this session serves the graph's own ELLIPSE\n"));
 

@@ -1,6 +1,6 @@
 // The motion generator against independent plain-loop references: spectrum and mel bands
 // against a naive DFT, generator chunks and emission against the written-out formulas, the
-// availability arithmetic and source walks, lip sync on real speech, and every refusal.
+// availability arithmetic and source walks, and every refusal.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,17 +12,13 @@
 #include <string>
 #include <vector>
 
-#include <hwy/targets.h>
-
 #include "le/audio/le_motion.h"
 #include "le/le_a2x.h"
 #include "le/le_bundle.h"
-#include "le/le_simd.h"
-#include "tests/bundle_fixture.h"
 #include "tests/onnx_ort.h"
 #include "tests/support/media.h"
 #include "tests/support/speech.h"
-#include "tools/forge/forge_motion.h"
+#include "tests/test_util2.h"
 
 namespace {
 
@@ -30,13 +26,10 @@ using le::testing::ScratchDir;
 using le::testing::writeFile;
 namespace mo = le::motion;
 
-// A forged motion directory for nt source frames, written into dir.
 std::string forgeMotionDir(const ScratchDir& dir, int nt) {
   le::forge::Params p;
   p.nt = nt;
-  for (const le::forge::Member& m : le::forge::motionMembers(p))
-    writeFile(dir / m.name, std::string(m.bytes.begin(), m.bytes.end()));
-  return dir / "motion";
+  return le::testing::forgeMotionDir(dir.path(), p);
 }
 
 // RAII handle with the dump directory set for its creation only.
@@ -63,21 +56,11 @@ const std::vector<float>& speech() {
   return s;
 }
 
-struct Frames {
-  std::vector<int> si;
-  std::vector<float> xs, xd;
-  int n() const { return static_cast<int>(si.size()); }
-};
+using Frames = le::testing::MotionFrames;
 
-Frames pullAll(le_motion* m, int max = 7) {
+Frames pullAll(le_motion* m) {
   Frames f;
-  std::vector<int> si(max);
-  std::vector<float> xs(63 * max), xd(63 * max);
-  for (int got; (got = le_motion_pull(m, si.data(), xs.data(), xd.data(), max)) > 0;) {
-    f.si.insert(f.si.end(), si.begin(), si.begin() + got);
-    f.xs.insert(f.xs.end(), xs.begin(), xs.begin() + 63 * got);
-    f.xd.insert(f.xd.end(), xd.begin(), xd.begin() + 63 * got);
-  }
+  le::testing::pullMotion(m, f);
   return f;
 }
 
@@ -145,15 +128,12 @@ TEST(Motion, SpectrumAndMelMatchNaiveDftOnSpeech) {
         pr[b] = pr[a] - tr, pi[b] = pi[a] - ti;
         pr[a] = pr[a] + tr, pi[a] = pi[a] + ti;
       }
-  const int64_t targets = le::simd::compiledTargets() & hwy::SupportedTargets();
-  for (int64_t t = targets; t; t &= t - 1) {
-    hwy::SetSupportedTargetsForTest(t & -t);
+  le::testing::onEveryTarget([&](const char* target) {
     std::vector<float> r3 = re, i3 = im;
     fft.forward(r3.data(), i3.data());
-    EXPECT_EQ(0, std::memcmp(r3.data(), pr.data(), sizeof(float) * 512)) << hwy::TargetName(t & -t);
-    EXPECT_EQ(0, std::memcmp(i3.data(), pi.data(), sizeof(float) * 512)) << hwy::TargetName(t & -t);
-  }
-  hwy::SetSupportedTargetsForTest(0);
+    EXPECT_EQ(0, std::memcmp(r3.data(), pr.data(), sizeof(float) * 512)) << target;
+    EXPECT_EQ(0, std::memcmp(i3.data(), pi.data(), sizeof(float) * 512)) << target;
+  });
 
   // Window 0 of speech through the dumps; the condition rows of the first frames.
   ScratchDir d("motion_mel");
@@ -404,34 +384,6 @@ TEST(Motion, AvailabilityEagerAndSourceWalks) {
   ASSERT_TRUE(one.m) << le_motion_last_error();
   EXPECT_EQ(le_motion_nt(one.m), 1);
   EXPECT_EQ(walk(one.m, 0, 1, 0), std::vector<int>(8, 0));
-}
-
-TEST(Motion, LipsFollowSpeechAndCloseInSilence) {
-  ScratchDir d("motion_lips");
-  Handle h(forgeMotionDir(d, 6));
-  ASSERT_TRUE(h.m) << le_motion_last_error();
-  std::vector<float> audio(8000, 0.0f);
-  audio.insert(audio.end(), speech().begin(), speech().end());
-  audio.insert(audio.end(), 16000, 0.0f);
-  const Frames f = run(h.m, audio);
-  const std::vector<double> rms = le::testmedia::frameRms(audio);
-  ASSERT_EQ(f.n(), static_cast<int>(rms.size()));
-  // Lip opening beyond the source frame's own: lower inner lip (20) below upper inner lip (19).
-  std::vector<double> open(f.n());
-  for (int t = 0; t < f.n(); ++t) {
-    const float* xs = &f.xs[t * 63];
-    const float* xd = &f.xd[t * 63];
-    open[t] = (xd[61] - xd[58]) - (xs[61] - xs[58]);
-  }
-  double ma = 0, mb = 0, sab = 0, saa = 0, sbb = 0;
-  for (int t = 0; t < f.n(); ++t) ma += open[t] / f.n(), mb += rms[t] / f.n();
-  for (int t = 0; t < f.n(); ++t)
-    sab += (open[t] - ma) * (rms[t] - mb), saa += (open[t] - ma) * (open[t] - ma), sbb += (rms[t] - mb) * (rms[t] - mb);
-  const double corr = sab / std::sqrt(saa * sbb);
-  RecordProperty("lip_rms_correlation", std::to_string(corr));
-  EXPECT_GT(corr, 0.5);
-  EXPECT_GT(*std::max_element(open.begin(), open.end()), 0.05);
-  for (int t = f.n() - 20; t < f.n(); ++t) EXPECT_NEAR(open[t], open[0], 0.004) << "closed in silence, frame " << t;
 }
 
 TEST(Motion, RefusalsAndBadCalls) {

@@ -8,15 +8,12 @@
 #include <vector>
 
 #include "le/le_a2x.h"
-#include "tests/bundle_fixture.h"
 #include "tests/support/speech.h"
-#include "tools/forge/forge_motion.h"
+#include "tests/test_util2.h"
 
 namespace {
 
-struct Spoken {
-  std::vector<int> si;
-  std::vector<float> xs, xd;
+struct Spoken : le::testing::MotionFrames {
   std::string error;
 };
 
@@ -28,21 +25,12 @@ Spoken speak(const std::string& dir, const std::vector<float>& audio) {
     r.error = le_motion_last_error();
     return r;
   }
-  int si[8];
-  float xs[8 * 63], xd[8 * 63];
-  const auto drain = [&] {
-    for (int got; (got = le_motion_pull(m, si, xs, xd, 8)) > 0;) {
-      r.si.insert(r.si.end(), si, si + got);
-      r.xs.insert(r.xs.end(), xs, xs + 63 * got);
-      r.xd.insert(r.xd.end(), xd, xd + 63 * got);
-    }
-  };
   for (size_t at = 0; at < audio.size(); at += 3001) {
     le_motion_push(m, audio.data() + at, static_cast<int>(std::min<size_t>(3001, audio.size() - at)));
-    drain();
+    le::testing::pullMotion(m, r, 8);
   }
   le_motion_finish(m);
-  drain();
+  le::testing::pullMotion(m, r, 8);
   le_motion_destroy(m);
   return r;
 }
@@ -51,16 +39,15 @@ TEST(MotionThreads, HandlesOnSeveralThreadsMatchOneThread) {
   le::testing::ScratchDir d("motion_threads");
   le::forge::Params p;
   p.nt = 3;
-  for (const le::forge::Member& m : le::forge::motionMembers(p))
-    le::testing::writeFile(d / m.name, std::string(m.bytes.begin(), m.bytes.end()));
+  const std::string dir = le::testing::forgeMotionDir(d.path(), p);
   std::vector<float> audio = le::testmedia::speak16k("Threads speak at once.");
   audio.resize(std::min<size_t>(audio.size(), 60000));
-  const Spoken ref = speak(d / "motion", audio);
+  const Spoken ref = speak(dir, audio);
   ASSERT_EQ(ref.error, "");
   ASSERT_EQ(ref.si.size(), (audio.size() + 639) / 640);
   std::vector<Spoken> runs(3);
   std::vector<std::thread> threads;
-  for (Spoken& r : runs) threads.emplace_back([&] { r = speak(d / "motion", audio); });
+  for (Spoken& r : runs) threads.emplace_back([&] { r = speak(dir, audio); });
   for (std::thread& t : threads) t.join();
   for (const Spoken& r : runs) {
     EXPECT_EQ(r.error, "");

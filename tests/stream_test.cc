@@ -1,6 +1,6 @@
 // ctest-label: threaded
 // The offline stream renderer: every delivered frame against render + paste of its own triple,
-// the source walk with skip, empty runs and refusals.
+// the source walk with skip, empty runs, and the refusals on the same bundle broken step by step.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -47,7 +47,7 @@ std::string forgeStreamBundle(const ScratchDir& d) {
 
 std::string encoderOf(const std::string& dir) { return dir + "/" + le::forge::kW2vMember; }
 
-TEST(Stream, FramesAreRenderAndPasteOfTheirTriplesInSourceOrder) {
+TEST(Stream, FramesAreRenderAndPasteOfTheirTriplesAndRefusals) {
   ScratchDir d("stream");
   const std::string dir = forgeStreamBundle(d);
   const int skip = 2;
@@ -97,11 +97,8 @@ TEST(Stream, FramesAreRenderAndPasteOfTheirTriplesInSourceOrder) {
   EXPECT_STREQ(le_stream_last_error(), "le_stream_run: NULL handle, audio or callback");
   le_stream_destroy(s);
   le_stream_destroy(nullptr);
-}
 
-TEST(Stream, RefusesMissingMembersAndShortTargets) {
-  ScratchDir d("stream_bad");
-  const std::string dir = forgeStreamBundle(d);
+  // Refusals, the bundle broken step by step.
   const std::string enc = encoderOf(dir);
   EXPECT_EQ(le_stream_create(nullptr, enc.c_str(), 1, 0, 1.0f), nullptr);
   EXPECT_STREQ(le_stream_last_error(), "le_stream_create: no bundle directory");
@@ -114,23 +111,19 @@ TEST(Stream, RefusesMissingMembersAndShortTargets) {
 
   // A drive frame that cannot be read fails a paste: the run ends with -1 and the frames
   // delivered before it stay delivered, in order.
-  {
-    le_stream* s = le_stream_create(dir.c_str(), enc.c_str(), 1, 2, 1.0f);
-    ASSERT_NE(s, nullptr) << le_stream_last_error();
-    std::vector<std::string> stills;
-    for (const auto& e : std::filesystem::directory_iterator(dir + "/target_frames"))
-      stills.push_back(e.path().string());
-    std::sort(stills.begin(), stills.end());
-    ASSERT_EQ(stills.size(), 3u);
-    std::filesystem::resize_file(stills[1], 10);
-    const std::vector<float> audio(longSpeech().begin(), longSpeech().begin() + 12 * 640);
-    Delivered got;
-    EXPECT_EQ(le_stream_run(s, audio.data(), int(audio.size()), collect, &got), -1);
-    EXPECT_STREQ(le_stream_last_error(), "le_stream_run: render/paste failed");
-    EXPECT_LT(got.index.size(), 10u);
-    for (size_t j = 0; j < got.index.size(); ++j) EXPECT_EQ(got.index[j], int(j));
-    le_stream_destroy(s);
-  }
+  s = le_stream_create(dir.c_str(), enc.c_str(), 1, 2, 1.0f);
+  ASSERT_NE(s, nullptr) << le_stream_last_error();
+  std::vector<std::string> stills;
+  for (const auto& e : std::filesystem::directory_iterator(dir + "/target_frames")) stills.push_back(e.path().string());
+  std::sort(stills.begin(), stills.end());
+  ASSERT_EQ(stills.size(), 3u);
+  std::filesystem::resize_file(stills[1], 10);
+  Delivered cut;
+  EXPECT_EQ(le_stream_run(s, audio.data(), 12 * 640, collect, &cut), -1);
+  EXPECT_STREQ(le_stream_last_error(), "le_stream_run: render/paste failed");
+  EXPECT_LT(cut.index.size(), 10u);
+  for (size_t j = 0; j < cut.index.size(); ++j) EXPECT_EQ(cut.index[j], int(j));
+  le_stream_destroy(s);
 
   const std::string xsPath = le::resolveMember(dir, "xs_target.bin");
   std::filesystem::resize_file(xsPath, 3 * 63 * 4 - 4);

@@ -79,21 +79,19 @@ class RefPass {
           }
   }
 
+  // Where window (r, c) of donor d, aligned to a frame of shift (dy, dx), lies in its stored
+  // patch; false off the patch.
+  bool onPatch(int d, int r, int c, int dy, int dx, int& y, int& x) const {
+    const int sy = std::min(std::max(st.pad + oy[d] - dy, 0), 2 * st.pad);
+    const int sx = std::min(std::max(st.pad + ox[d] - dx, 0), 2 * st.pad);
+    y = r + sy - (st.band_r0 + st.pad - st.shift_margin);
+    x = c + sx - (st.band_c0 + st.pad - st.shift_margin);
+    return y >= 0 && y < sh && x >= 0 && x < sw;
+  }
   // Byte k of donor d at window (r, c) aligned to a frame of shift (dy, dx); 0 off the patch.
   int donorByte(int d, int r, int c, int k, int dy, int dx) const {
-    const int sy = std::min(std::max(st.pad + oy[d] - dy, 0), 2 * st.pad);
-    const int sx = std::min(std::max(st.pad + ox[d] - dx, 0), 2 * st.pad);
-    const int y = r + sy - (st.band_r0 + st.pad - st.shift_margin);
-    const int x = c + sx - (st.band_c0 + st.pad - st.shift_margin);
-    if (y < 0 || y >= sh || x < 0 || x >= sw) return 0;
-    return band[((static_cast<size_t>(d) * sh + y) * sw + x) * 3 + k];
-  }
-  bool onPatch(int d, int r, int c, int dy, int dx) const {
-    const int sy = std::min(std::max(st.pad + oy[d] - dy, 0), 2 * st.pad);
-    const int sx = std::min(std::max(st.pad + ox[d] - dx, 0), 2 * st.pad);
-    const int y = r + sy - (st.band_r0 + st.pad - st.shift_margin);
-    const int x = c + sx - (st.band_c0 + st.pad - st.shift_margin);
-    return y >= 0 && y < sh && x >= 0 && x < sw;
+    int y, x;
+    return onPatch(d, r, c, dy, dx, y, x) ? band[((static_cast<size_t>(d) * sh + y) * sw + x) * 3 + k] : 0;
   }
 
   bool push(int idx, const uint8_t* crop, const uint8_t* mask, const le::tessera::Shift* shift, RefResult& out) {
@@ -249,11 +247,6 @@ class RefPass {
 
   static bool in(const std::vector<int>& v, int x) { return std::find(v.begin(), v.end(), x) != v.end(); }
 
-  static std::vector<float> conv(const std::vector<float>& x, int cin, int H, int W, const std::vector<float>& wt,
-                                 const std::vector<float>& bias, int cout, bool relu) {
-    return conv3x3(x.data(), cin, H, W, wt, bias, cout, relu);
-  }
-
   void emit(const Pend& p, const std::vector<int>* next, RefResult& out) {
     out = RefResult{};
     if (!p.ok) {
@@ -288,7 +281,8 @@ class RefPass {
       for (int c = 0; c < ww; ++c) {
         const bool inBand = r >= st.band_r0 && r < st.band_r1 && c >= st.band_c0 && c < st.band_c1;
         bool above = r < st.band_r0 && c >= st.band_c0 && c < st.band_c1 && maskAt(r, c) != 0;
-        for (int i = 0; i < nc && above; ++i) above = onPatch(S[i], r, c, p.dy, p.dx);
+        int y, x;
+        for (int i = 0; i < nc && above; ++i) above = onPatch(S[i], r, c, p.dy, p.dx, y, x);
         region[r * ww + c] = inBand || above;
       }
 
@@ -313,9 +307,9 @@ class RefPass {
           x[(6 * hh + y) * hw + c] =
               ((std::fabs(dh[0] - qh[0]) + std::fabs(dh[1] - qh[1])) + std::fabs(dh[2] - qh[2])) / 3.0f;
         }
-      const auto a = conv(x, 7, hh, hw, head.cand0W(), head.cand0B(), 16, true);
-      const auto b = conv(a, 16, hh, hw, head.cand2W(), head.cand2B(), 16, true);
-      logit[i] = conv(b, 16, hh, hw, head.cand4W(), head.cand4B(), 1, false);
+      const auto a = conv3x3(x.data(), 7, hh, hw, head.cand0W(), head.cand0B(), 16, true);
+      const auto b = conv3x3(a.data(), 16, hh, hw, head.cand2W(), head.cand2B(), 16, true);
+      logit[i] = conv3x3(b.data(), 16, hh, hw, head.cand4W(), head.cand4B(), 1, false);
     }
     auto src = [](int i, int half, int& i0, int& i1, float& f) {
       const float s = std::max((i + 0.5f) / 2.0f - 0.5f, 0.0f);

@@ -76,61 +76,6 @@ struct Pipeline : le::testmedia::UttPipeline {
   }
 };
 
-// Refusals leave nothing attached; a capacity of 1 writes only the terminating zero.
-TEST(UttBorrow, AttachRefusalsAndStatus) {
-  Bundle b;
-  std::string err;
-  char text[1024];
-  EXPECT_EQ(b.attach(nullptr, err), 1);
-  EXPECT_EQ(err, "le_utt_tessera_attach: null session");
-  // A pipeline whose source directory has no target keypoints (nor a source).
-  le_utt* u = le_utt_open(b.ctx, (b.dir / "missing").c_str());
-  ASSERT_NE(u, nullptr);
-  EXPECT_EQ(le_utt_tessera_attach(u, nullptr, 1, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr,
-                                  text, sizeof text),
-            1);
-  EXPECT_STREQ(text, "le_utt_tessera_attach: a required member is null — this ABI has no partial-attach state");
-  EXPECT_EQ(le_utt_tessera_attach(u, b.donors.data(), 0, b.in.cent.data(), b.in.c_canon.data(), b.in.aperture.data(),
-                                  b.in.stamp.values().data(), b.in.head_pt.data(), 1, "", "", text, sizeof text),
-            1);
-  EXPECT_STREQ(text, "le_utt_tessera_attach: n_donors <= 0");
-  le::tessera::GeometryStamp big = b.in.stamp;
-  big.canvas_w = big.canvas_h = 512;
-  EXPECT_EQ(b.attach(u, err, big.values().data()), 1);
-  EXPECT_EQ(err, "le_utt_tessera_attach: bank canvas 512x512 != this bundle's render crop 128");
-  le::tessera::GeometryStamp bad = b.in.stamp;
-  bad.window_w = 0;
-  EXPECT_EQ(b.attach(u, err, bad.values().data()), 1);
-  EXPECT_EQ(err.rfind("le_utt_tessera_attach: teeth: GeometryStamp incoherent: ", 0), 0u) << err;
-  EXPECT_EQ(b.attach(u, err), 1);
-  EXPECT_EQ(err,
-            "le_utt_tessera_attach: xs_target.bin is absent or the wrong length, so this bundle's corpus pi frame "
-            "cannot be identified — refusing to arm the borrow against the manifest's compose-field geometry");
-  uint64_t written = 9, skipped = 9;
-  EXPECT_EQ(le_utt_tessera_stats(u, &written, &skipped, text, sizeof text), 0);
-  EXPECT_EQ(le_utt_tessera_geometry(u, text, sizeof text), 0);
-  EXPECT_STREQ(text, "");
-  le_utt_destroy(u);
-  EXPECT_EQ(le_utt_tessera_stats(nullptr, nullptr, nullptr, nullptr, 0), 0);
-  EXPECT_EQ(le_utt_tessera_geometry(nullptr, text, sizeof text), 0);
-  EXPECT_EQ(le_utt_tessera_synth_w(nullptr, nullptr, nullptr, nullptr), 0);
-
-  Pipeline p(b);
-  EXPECT_EQ(le_utt_tessera_geometry(p.u, text, sizeof text), 1);
-  EXPECT_STREQ(text, "v1");
-  text[0] = 'x';
-  text[1] = 'y';
-  EXPECT_EQ(le_utt_tessera_geometry(p.u, text, 1), 1);
-  EXPECT_EQ(text[0], '\0');
-  EXPECT_EQ(text[1], 'y');
-  EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, text, sizeof text), 1);
-  EXPECT_EQ(written, 0u);
-  EXPECT_EQ(skipped, 0u);
-  // a refused re-attachment keeps the borrow that is attached
-  EXPECT_EQ(b.attach(p.u, err, big.values().data()), 1);
-  EXPECT_EQ(le_utt_tessera_stats(p.u, nullptr, nullptr, nullptr, 0), 1);
-}
-
 // The plain reference of the borrow's byte conversion and its write-back arithmetic.
 uint8_t byteOf(float v) { return v <= 0.f ? 0 : uint8_t(std::nearbyint(std::min(v, 1.f) * 255.f)); }
 float writtenBack(uint8_t window, float v) {
@@ -242,18 +187,69 @@ TEST(UttBorrow, FramesAreTheSingleImagePathWithTheOfflineRun) {
   }
 }
 
-// Interrupts, ends, idle stretches and a re-attachment while speaking lose or double no frame:
+// Every refusal of the attachment. Interrupts, ends, idle stretches and a re-attachment while
+// speaking lose or double no frame:
 // sequence numbers run on (the interrupt's discarded frames excepted), every utterance shows its
 // speech frames once and in order, and what reaches the host was written back. A failed borrow
 // stops delivery until a good one is attached.
-TEST(UttBorrow, NoFrameLostAcrossInterruptEndIdleReattachAndFailure) {
+TEST(UttBorrow, RefusalsAndNoFrameLostAcrossInterruptEndIdleReattachAndFailure) {
   Bundle b;
+  // Refusals leave nothing attached; a capacity of 1 writes only the terminating zero.
+  std::string err;
+  char text[1024];
+  EXPECT_EQ(b.attach(nullptr, err), 1);
+  EXPECT_EQ(err, "le_utt_tessera_attach: null session");
+  // A pipeline whose source directory has no target keypoints (nor a source).
+  le_utt* u = le_utt_open(b.ctx, (b.dir / "missing").c_str());
+  ASSERT_NE(u, nullptr);
+  EXPECT_EQ(le_utt_tessera_attach(u, nullptr, 1, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr,
+                                  text, sizeof text),
+            1);
+  EXPECT_STREQ(text, "le_utt_tessera_attach: a required member is null — this ABI has no partial-attach state");
+  EXPECT_EQ(le_utt_tessera_attach(u, b.donors.data(), 0, b.in.cent.data(), b.in.c_canon.data(), b.in.aperture.data(),
+                                  b.in.stamp.values().data(), b.in.head_pt.data(), 1, "", "", text, sizeof text),
+            1);
+  EXPECT_STREQ(text, "le_utt_tessera_attach: n_donors <= 0");
+  le::tessera::GeometryStamp big = b.in.stamp;
+  big.canvas_w = big.canvas_h = 512;
+  EXPECT_EQ(b.attach(u, err, big.values().data()), 1);
+  EXPECT_EQ(err, "le_utt_tessera_attach: bank canvas 512x512 != this bundle's render crop 128");
+  le::tessera::GeometryStamp bad = b.in.stamp;
+  bad.window_w = 0;
+  EXPECT_EQ(b.attach(u, err, bad.values().data()), 1);
+  EXPECT_EQ(err.rfind("le_utt_tessera_attach: teeth: GeometryStamp incoherent: ", 0), 0u) << err;
+  EXPECT_EQ(b.attach(u, err), 1);
+  EXPECT_EQ(err,
+            "le_utt_tessera_attach: xs_target.bin is absent or the wrong length, so this bundle's corpus pi frame "
+            "cannot be identified — refusing to arm the borrow against the manifest's compose-field geometry");
+  uint64_t written = 9, skipped = 9;
+  EXPECT_EQ(le_utt_tessera_stats(u, &written, &skipped, text, sizeof text), 0);
+  EXPECT_EQ(le_utt_tessera_geometry(u, text, sizeof text), 0);
+  EXPECT_STREQ(text, "");
+  le_utt_destroy(u);
+  EXPECT_EQ(le_utt_tessera_stats(nullptr, nullptr, nullptr, nullptr, 0), 0);
+  EXPECT_EQ(le_utt_tessera_geometry(nullptr, text, sizeof text), 0);
+  EXPECT_EQ(le_utt_tessera_synth_w(nullptr, nullptr, nullptr, nullptr), 0);
+
   const auto& pcm = clip();
   const int n = int((pcm.size() + 639) / 640);
   for (const char* pipelined : kSanitized ? std::vector<const char*>{"1"} : std::vector<const char*>{"1", "0"}) {
     SCOPED_TRACE(std::string("pipelined paste ") + pipelined);
     ScopedEnv paste("LE_UTT_PIPELINE_PASTE", pipelined);
     Pipeline p(b);
+    // attached: the corpus geometry and empty stats; a refused re-attachment keeps it
+    EXPECT_EQ(le_utt_tessera_geometry(p.u, text, sizeof text), 1);
+    EXPECT_STREQ(text, "v1");
+    text[0] = 'x';
+    text[1] = 'y';
+    EXPECT_EQ(le_utt_tessera_geometry(p.u, text, 1), 1);
+    EXPECT_EQ(text[0], '\0');
+    EXPECT_EQ(text[1], 'y');
+    EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, text, sizeof text), 1);
+    EXPECT_EQ(written, 0u);
+    EXPECT_EQ(skipped, 0u);
+    EXPECT_EQ(b.attach(p.u, err, big.values().data()), 1);
+    EXPECT_EQ(le_utt_tessera_stats(p.u, nullptr, nullptr, nullptr, 0), 1);
     // interrupted after three speech frames
     size_t from = p.got.size();
     ASSERT_EQ(le_utt_push_audio(p.u, pcm.data(), int(pcm.size())), 1);
@@ -288,7 +284,7 @@ TEST(UttBorrow, NoFrameLostAcrossInterruptEndIdleReattachAndFailure) {
       if (i != cut) {
         EXPECT_EQ(p.got[i].info.seq, p.got[i - 1].info.seq + 1) << "frame " << i;
       }
-    uint64_t written = 0, skipped = 0;
+    written = 0, skipped = 0;
     EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, nullptr, 0), 1);
     EXPECT_GE(written, 1u);
     EXPECT_EQ(skipped, 0u);

@@ -9,11 +9,7 @@
 #include "tests/support/utt_soak.h"
 #include "tools/forge/forge.h"
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
+using le::testmedia::kSanitized;
 
 TEST(UttSoak, ResidentMemoryStaysFlat) {
   le::testing::ScratchDir dir("utt_soak");

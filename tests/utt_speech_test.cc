@@ -17,8 +17,8 @@
 #include "tests/support/media.h"
 #include "tests/support/speech.h"
 #include "tests/support/utt_soak.h"
+#include "tests/test_util2.h"
 #include "tools/forge/forge.h"
-#include "tools/forge/forge_motion.h"
 
 namespace {
 
@@ -112,58 +112,54 @@ TEST(UttSpeech, EveryFrameOnceInOrderOnMotion) {
 // Without an end mark the utterance ends after the end silence; a custom ramp length is kept.
 // An interrupt ramps back from the last pulled frame: interruptRampFrames ramp frames at the
 // following source indices, then idle frames walking on.
-TEST(UttSpeech, EndSilenceAndInterruptRamps) {
+TEST(UttSpeech, EndSilenceInterruptRampsNoTargetsAndTeardown) {
   Bundle b;
   const auto& pcm = clip();
-  le_utt_opts o{};
-  o.motion_dir = b.motionDir.c_str();
-  o.endSilence = 0.2;
-  o.rampFrames = 3;
-  Pipeline p(b, o);
-  // One push: a loaded machine cannot stretch a gap between pushes into the end silence.
-  p.speak(pcm, pcm.size(), false);
-  expectUtterance(p.got, 0, p.got.size(), framesOf(pcm.size()), 3, b.nt());
+  {
+    le_utt_opts o{};
+    o.motion_dir = b.motionDir.c_str();
+    o.endSilence = 0.2;
+    o.rampFrames = 3;
+    Pipeline p(b, o);
+    // One push: a loaded machine cannot stretch a gap between pushes into the end silence.
+    p.speak(pcm, pcm.size(), false);
+    expectUtterance(p.got, 0, p.got.size(), framesOf(pcm.size()), 3, b.nt());
 
-  const size_t from = p.got.size();
-  std::vector<int16_t> twice(pcm);
-  twice.insert(twice.end(), pcm.begin(), pcm.end());
-  ASSERT_EQ(le_utt_push_audio(p.u, twice.data(), int(twice.size())), 1);
-  while (std::count_if(p.got.begin() + long(from), p.got.end(),
-                       [](const UttFrame& f) { return f.info.kind == kSpeech; }) < 3)
-    if (!p.pull()) p.nap();
-  const le_utt_frame_info last = p.got.back().info;
-  ASSERT_EQ(last.kind, kSpeech);
-  le_utt_interrupt(p.u);
-  EXPECT_EQ(le_utt_frames_available(p.u), 0);
-  const size_t cut = p.got.size();
-  p.untilIdle(cut);
-  ASSERT_GE(p.got.size(), cut + 7);
-  for (size_t i = cut; i < p.got.size(); ++i) {
-    const uint32_t k = uint32_t(i - cut + 1);
-    EXPECT_EQ(p.got[i].info.kind, k <= 4 ? kRamp : kIdle) << "frame " << i;
-    EXPECT_EQ(p.got[i].info.sourceIndex, (last.sourceIndex + k) % uint32_t(b.nt())) << "frame " << i;
+    const size_t from = p.got.size();
+    std::vector<int16_t> twice(pcm);
+    twice.insert(twice.end(), pcm.begin(), pcm.end());
+    ASSERT_EQ(le_utt_push_audio(p.u, twice.data(), int(twice.size())), 1);
+    while (std::count_if(p.got.begin() + long(from), p.got.end(),
+                         [](const UttFrame& f) { return f.info.kind == kSpeech; }) < 3)
+      if (!p.pull()) p.nap();
+    const le_utt_frame_info last = p.got.back().info;
+    ASSERT_EQ(last.kind, kSpeech);
+    le_utt_interrupt(p.u);
+    EXPECT_EQ(le_utt_frames_available(p.u), 0);
+    const size_t cut = p.got.size();
+    p.untilIdle(cut);
+    ASSERT_GE(p.got.size(), cut + 7);
+    for (size_t i = cut; i < p.got.size(); ++i) {
+      const uint32_t k = uint32_t(i - cut + 1);
+      EXPECT_EQ(p.got[i].info.kind, k <= 4 ? kRamp : kIdle) << "frame " << i;
+      EXPECT_EQ(p.got[i].info.sourceIndex, (last.sourceIndex + k) % uint32_t(b.nt())) << "frame " << i;
+    }
+    // Frames discarded by the interrupt had taken their numbers: a gap there, none elsewhere.
+    expectSequential(p.got, 0, cut);
+    expectSequential(p.got, cut, p.got.size());
+    EXPECT_GT(p.got[cut].info.seq, last.seq);
+    // The run the interrupt cut short is no failure.
+    uint64_t failures = 1;
+    EXPECT_EQ(le_utt_render_status(p.u, nullptr, 0, &failures), 0);
+    EXPECT_EQ(failures, 0u);
   }
-  // Frames discarded by the interrupt had taken their numbers: a gap there, none elsewhere.
-  expectSequential(p.got, 0, cut);
-  expectSequential(p.got, cut, p.got.size());
-  EXPECT_GT(p.got[cut].info.seq, last.seq);
-  // The run the interrupt cut short is no failure.
-  uint64_t failures = 1;
-  EXPECT_EQ(le_utt_render_status(p.u, nullptr, 0, &failures), 0);
-  EXPECT_EQ(failures, 0u);
-}
 
-// Target keypoints that do not fit the context (another NT) load no ramp: speech ends straight
-// into idle frames. Teardown while speaking, with frames waiting, during warm-up and right after
-// an interrupt is clean, and leaves the context rendering.
-TEST(UttSpeech, NoTargetsNoRampAndTeardownWhileSpeaking) {
-  Bundle b;
+  // Target keypoints that do not fit the context (another NT) load no ramp: speech ends straight
+  // into idle frames. Teardown while speaking, with frames waiting, during warm-up and right after
+  // an interrupt is clean, and leaves the context rendering.
   le::forge::Params four = b.params;
   four.nt = 4;
-  for (const le::forge::Member& m : le::forge::motionMembers(four))
-    le::testing::writeFile(b.dir / ("m4/" + m.name), std::string(m.bytes.begin(), m.bytes.end()));
-  const std::string m4 = b.dir / "m4/motion";
-  const auto& pcm = clip();
+  const std::string m4 = le::testing::forgeMotionDir(b.dir / "m4", four);
   {
     le_utt_opts o{};
     o.motion_dir = m4.c_str();
