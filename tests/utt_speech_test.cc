@@ -1,8 +1,7 @@
 // ctest-label: threaded
-// The utterance pipeline speaking real synthesised speech through its keypoint sources: every
-// speech frame once and in order whatever the push size, paste mode and cadence; the ramps after
-// an end mark, end silence and an interrupt; teardown while speaking.
-#include <gmock/gmock.h>
+// The utterance pipeline speaking real synthesised speech through the motion source (the push
+// sizes, paste modes and cadences are run on the audio-to-expression source): the ramps after an
+// end mark, end silence and an interrupt, the stats; teardown while speaking.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -22,8 +21,6 @@
 
 namespace {
 
-using le::testmedia::ScopedEnv;
-
 constexpr uint32_t kIdle = LE_UTT_KIND_IDLE, kSpeech = LE_UTT_KIND_SPEECH, kRamp = LE_UTT_KIND_RAMP;
 
 struct Bundle : le::testmedia::OpenBundle {
@@ -31,7 +28,6 @@ struct Bundle : le::testmedia::OpenBundle {
   const std::string motionDir = path + "/motion";
 };
 
-using le::testmedia::kSanitized;
 using le::testmedia::UttFrame;
 
 // Sanitized builds run ten times slower: a shorter sentence there.
@@ -74,41 +70,6 @@ void expectSequential(const std::vector<UttFrame>& f, size_t from, size_t to) {
   for (size_t i = from + 1; i < to; ++i) ASSERT_EQ(f[i].info.seq, f[i - 1].info.seq + 1);
 }
 
-// Every speech frame exactly once and in order, for push sizes from one sample to the whole
-// clip, with the paste inline and on its own thread, with and without the hybrid cadence.
-TEST(UttSpeech, EveryFrameOnceInOrderOnMotion) {
-  Bundle b;
-  const auto& pcm = clip();
-  struct Mode {
-    const char* pipelined;
-    int batch;
-    size_t pushA, pushB;
-  } modes[] = {{"0", -1, 1, pcm.size()}, {"1", -2, 640, 4001}, {"1", 3, 333, pcm.size()}};
-  // Sanitized builds: the paste thread with the hybrid cadence only.
-  for (const Mode& m : kSanitized ? std::vector<Mode>{modes[1]} : std::vector<Mode>(modes, modes + 3)) {
-    SCOPED_TRACE(std::string("pipelined ") + m.pipelined + " batch " + std::to_string(m.batch));
-    ScopedEnv paste("LE_UTT_PIPELINE_PASTE", m.pipelined);
-    le_utt_opts o{};
-    o.motion_dir = b.motionDir.c_str();
-    o.batch = m.batch;
-    Pipeline p(b, o);
-    p.speak(pcm, m.pushA, true);
-    const size_t second = p.got.size();
-    p.speak(pcm, m.pushB, true);
-    expectSequential(p.got, 0, p.got.size());
-    expectUtterance(p.got, 0, second, framesOf(pcm.size()), 6, b.nt());
-    expectUtterance(p.got, second, p.got.size(), framesOf(pcm.size()), 6, b.nt());
-    le_utt_stats s{};
-    le_utt_get_stats(p.u, &s);
-    EXPECT_EQ(s.speechFramesPulled, uint64_t(2 * framesOf(pcm.size())));
-    EXPECT_EQ(s.firstFrames, 2u);
-    EXPECT_GT(s.firstFrameLatencyMs, 0);
-    EXPECT_GT(s.renderMsAverage, 0);
-    EXPECT_EQ(s.state, 0);
-    EXPECT_EQ(le_utt_render_status(p.u, nullptr, 0, nullptr), 0);
-  }
-}
-
 // Without an end mark the utterance ends after the end silence; a custom ramp length is kept.
 // An interrupt ramps back from the last pulled frame: interruptRampFrames ramp frames at the
 // following source indices, then idle frames walking on.
@@ -124,6 +85,13 @@ TEST(UttSpeech, EndSilenceInterruptRampsNoTargetsAndTeardown) {
     // One push: a loaded machine cannot stretch a gap between pushes into the end silence.
     p.speak(pcm, pcm.size(), false);
     expectUtterance(p.got, 0, p.got.size(), framesOf(pcm.size()), 3, b.nt());
+    le_utt_stats s{};
+    le_utt_get_stats(p.u, &s);
+    EXPECT_EQ(s.speechFramesPulled, uint64_t(framesOf(pcm.size())));
+    EXPECT_EQ(s.firstFrames, 1u);
+    EXPECT_GT(s.firstFrameLatencyMs, 0);
+    EXPECT_GT(s.renderMsAverage, 0);
+    EXPECT_EQ(s.state, 0);
 
     const size_t from = p.got.size();
     std::vector<int16_t> twice(pcm);
