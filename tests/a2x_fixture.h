@@ -1,8 +1,6 @@
 // Forged audio bundles and speech shared by the le_a2x tests.
 #pragma once
 
-#include <algorithm>
-#include <cmath>
 #include <string>
 #include <vector>
 
@@ -26,12 +24,6 @@ inline const std::vector<float>& longSpeech() {
 
 // The bundle's 8 s speech encoder, for W2V_ONNX.
 inline std::string w2vOf(const std::string& dir) { return dir + "/" + le::forge::kW2vMember; }
-
-inline double maxAbsDiff(const std::vector<float>& a, const std::vector<float>& b) {
-  double m = a.size() == b.size() ? 0 : 1e300;
-  for (size_t i = 0; i < a.size() && i < b.size(); ++i) m = std::max(m, double(std::fabs(a[i] - b[i])));
-  return m;
-}
 
 // A small bundle with the audio members o asks for, in d/name. Returns its directory.
 inline std::string forgeAudioBundle(const le::testing::ScratchDir& d, const std::string& name,
@@ -70,11 +62,6 @@ inline void drain(le_a2x* h, Pulled& r) {
     r.target.insert(r.target.end(), t.begin(), t.begin() + got * 63);
     r.driven.insert(r.driven.end(), d.begin(), d.begin() + got * 63);
   }
-}
-
-// Gap between the inner lips (rows 19 and 20) that the deltas add to the target.
-inline double lipOpening(const float* target, const float* driven) {
-  return double(driven[61] - target[61]) - double(driven[58] - target[58]);
 }
 
 }  // namespace le::testa2x

@@ -20,6 +20,8 @@
 
 namespace le::testa2x {
 
+using le::test::maxAbsDiff;
+
 inline float half(float x) { return static_cast<float>(static_cast<_Float16>(x)); }
 
 class Reference {
