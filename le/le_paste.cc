@@ -142,10 +142,30 @@ Paste::Paste(std::vector<uint8_t> mask, int crop, const Unsharp& unsharp)
         sp.first = std::min(sp.first, rowSpan[size_t(yy)].first);
         sp.second = std::max(sp.second, rowSpan[size_t(yy)].second);
       }
+  // A blended pixel's mask neighbourhood holds a non-zero byte, and its taps reach 4 crop
+  // pixels beyond that byte (3 before its own column and row, 4 after): every tap lies within
+  // 4 rows and 4 columns of a non-zero byte.
+  const auto widen = [](std::pair<int, int>& a, std::pair<int, int> b) {
+    a.first = std::min(a.first, b.first);
+    a.second = std::max(a.second, b.second);
+  };
+  need_.assign(size_t(crop_), {crop_, -1});
+  for (int y = 0; y < crop_; ++y)
+    for (int yy = std::max(0, y - 4); yy <= std::min(crop_ - 1, y + 4); ++yy) {
+      const auto& sp = rowSpan[size_t(yy)];  // (first non-zero column - 1, last)
+      if (sp.first <= sp.second)
+        widen(need_[size_t(y)], {std::max(0, sp.first + 1 - 4), std::min(crop_ - 1, sp.second + 4)});
+    }
+  // Padded row p feeds the vertical blur of crop rows p - ksize + 1 .. p.
+  hneed_.assign(size_t(padded_), {crop_, -1});
+  for (int p = 0; p < padded_; ++p)
+    for (int y = std::max(0, p - ksize_ + 1); y <= std::min(crop_ - 1, p); ++y) widen(hneed_[size_t(p)], need_[size_t(y)]);
   // Lanczos mode reads the crop from row bands, the planar modes from the planes.
   if (fast_ == 0) {
     cols_.assign(le::simd::pasteSourceFloats(crop_) + 15, 0.f);
     cols_at_ = (64 - reinterpret_cast<uintptr_t>(cols_.data()) % 64) % 64 / sizeof(float);
+    quads_.resize((size_t(crop_) + 1) * (size_t(crop_) + 1));
+    le::simd::pasteMaskQuads(mask_.data(), crop_, quads_.data());
   }
   else
     for (auto& pl : planes_) pl.assign(size_t(crop_) * size_t(crop_), 0.f);
@@ -185,7 +205,7 @@ void Paste::sharpen(const float* in, float scale) {
 }
 
 void Paste::sharpenRows(const float* in, float scale, int y0, int y1, Scratch& sc) {
-  const int n = crop_, P = padded_, K = ksize_, r = K / 2, ring = K + kBand - 1;
+  const int n = crop_, K = ksize_, r = K / 2, ring = K + kBand - 1;
   const size_t plane = size_t(n) * size_t(n);
   const float* g = gauss_.data();
   float* a = sc.padded.data();
@@ -195,21 +215,33 @@ void Paste::sharpenRows(const float* in, float scale, int y0, int y1, Scratch& s
     for (int yb = y0; yb < y1; yb += kBand) {
       const int ye = std::min(y1, yb + kBand);
       for (; next < ye + K - 1; ++next) {
-        // Padded row `next` is crop row next - r, mirrored at the crop's edges.
+        const auto [lo, hi] = hneed_[size_t(next)];
+        if (lo > hi) continue;
+        // Padded row `next` is crop row next - r, mirrored at the crop's edges; its columns
+        // lo .. hi + K - 1 feed the blurred columns lo .. hi.
         const float* srow = src + size_t(reflect101(next - r, n)) * size_t(n);
-        for (int c = 0; c < r; ++c) a[c] = scale * srow[reflect101(c - r, n)];
-        for (int x = 0; x < n; ++x) a[r + x] = scale * srow[x];
-        for (int c = r + n; c < P; ++c) a[c] = scale * srow[reflect101(c - r, n)];
-        for (int t = 0; t < K; ++t) sc.rows[size_t(t)] = a + t;
-        le::simd::pasteBlurRow(sc.rows.data(), g, K, n, &sc.ring[size_t(next % ring) * size_t(n)]);
+        const int c1 = hi + K;
+        int c = lo;
+        for (; c < std::min(r, c1); ++c) a[c] = scale * srow[reflect101(c - r, n)];
+        for (; c < std::min(r + n, c1); ++c) a[c] = scale * srow[c - r];
+        for (; c < c1; ++c) a[c] = scale * srow[reflect101(c - r, n)];
+        for (int t = 0; t < K; ++t) sc.rows[size_t(t)] = a + lo + t;
+        le::simd::pasteBlurRow(sc.rows.data(), g, K, hi - lo + 1,
+                               &sc.ring[size_t(next % ring) * size_t(n) + size_t(lo)]);
       }
+      int blo = n, bhi = -1;  // columns of the band's rows
       for (int y = yb; y < ye; ++y) {
-        for (int t = 0; t < K; ++t) sc.rows[size_t(t)] = &sc.ring[size_t((y + t) % ring) * size_t(n)];
-        float* out = fast_ == 0 ? &sc.band[size_t(y - yb) * size_t(n)]
-                                : &planes_[k][size_t(y) * size_t(n)];
-        le::simd::pasteSharpenRow(sc.rows.data(), g, K, n, src + size_t(y) * size_t(n), scale, amount_, out);
+        const auto [lo, hi] = need_[size_t(y)];
+        if (lo > hi) continue;
+        blo = std::min(blo, lo);
+        bhi = std::max(bhi, hi);
+        for (int t = 0; t < K; ++t)
+          sc.rows[size_t(t)] = &sc.ring[size_t((y + t) % ring) * size_t(n) + size_t(lo)];
+        float* out = fast_ == 0 ? &sc.band[size_t(y - yb) * size_t(n)] : &planes_[k][size_t(y) * size_t(n)];
+        le::simd::pasteSharpenRow(sc.rows.data(), g, K, hi - lo + 1, src + size_t(y) * size_t(n) + size_t(lo),
+                                  scale, amount_, out + lo);
       }
-      if (fast_ == 0) le::simd::pasteColumns(sc.band.data(), n, yb, ye, k, cols());
+      if (fast_ == 0 && blo <= bhi) le::simd::pasteColumns(sc.band.data(), n, yb, ye, k, blo, bhi + 1, cols());
     }
   }
 }
@@ -322,7 +354,7 @@ void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
       const int* cx = s.col_x_.data() + a;
       const int* cy = s.col_y_.data() + a;
       if (s.fast_ == 0)
-        le::simd::pasteLanczos8Row(s.cols(), s.crop_, s.mask_.data(), s.lanczos_.data(),
+        le::simd::pasteLanczos8RowQuads(s.cols(), s.crop_, s.mask_.data(), s.quads_.data(), s.lanczos_.data(),
                                    s.bilinear_.data(), cx, cy, row_x, row_y, job.x0 + a, job.x0 + z, dst);
       else
         s.resampleRowPlanar(dst, cx, cy, row_x, row_y, job.x0 + a, job.x0 + z);

@@ -88,11 +88,16 @@ class Paste {
   float amount_;
   int fast_ = 0;
   std::vector<uint8_t> mask_;
+  std::vector<uint32_t> quads_;  // Lanczos mode: le::simd::pasteMaskQuads of the mask
   std::vector<float> gauss_;
   std::vector<float> lanczos_;
   std::vector<float> bilinear_;
   std::vector<float> bicubic_;
   std::vector<std::pair<int, int>> near_;  // see maskNear
+  // The crop columns any resampling tap can read, per crop row, and the columns of each padded
+  // row that the rows reading it need blurred; empty when first > second. Sharpening skips the
+  // rest: it lies beyond the reach of every non-zero mask byte.
+  std::vector<std::pair<int, int>> need_, hneed_;
   std::vector<float> planes_[3];  // planar modes: the sharpened R, G, B in 0..255 units
   // Lanczos mode: the sharpened crop in overlapping row bands, from cols_[cols_at_], which is
   // 64-byte aligned so that no 8-float tap run splits a cache line.

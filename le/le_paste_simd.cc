@@ -123,7 +123,8 @@ inline int32_t InteriorAt(int crop, int ix, int iy) {
 // Per pixel of `count` consecutive output pixels: the mask weight, vectorised with the same
 // arithmetic as detail::pasteAlpha (-1 outside the crop), where its taps start (InteriorAt)
 // and its two phases (px | py << 8).
-HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const float* HWY_RESTRICT bilinear,
+HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const uint32_t* HWY_RESTRICT quads,
+                          const float* HWY_RESTRICT bilinear,
                           const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x, int row_y,
                           int count, float* HWY_RESTRICT alpha, int32_t* HWY_RESTRICT at,
                           int32_t* HWY_RESTRICT phases) {
@@ -178,8 +179,19 @@ HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const floa
         wy0 = hn::GatherIndex(df, bilinear, py2), wy1 = hn::GatherIndex(df, bilinear, hn::Add(py2, one));
       }
       hn::Vec<decltype(df)> m00, m10, m01, m11;
-      pair(ix, iy, m00, m10);
-      pair(ix, hn::Add(iy, one), m01, m11);
+      if (quads) {
+        // One word per position: its four mask bytes, zeros outside the crop built in.
+        const auto at = hn::IfThenElseZero(ok, hn::Add(hn::Mul(hn::Add(iy, one), hn::Set(di, crop + 1)), hn::Add(ix, one)));
+        const auto q = hn::BitCast(du, hn::GatherIndex(di, reinterpret_cast<const int32_t*>(quads), at));
+        const auto byte = [&](hn::Vec<decltype(du)> v) {
+          return hn::ConvertTo(df, hn::BitCast(di, hn::And(v, hn::Set(du, 0xFFu))));
+        };
+        m00 = byte(q), m10 = byte(hn::ShiftRight<8>(q)), m01 = byte(hn::ShiftRight<16>(q));
+        m11 = hn::ConvertTo(df, hn::BitCast(di, hn::ShiftRight<24>(q)));
+      } else {
+        pair(ix, iy, m00, m10);
+        pair(ix, hn::Add(iy, one), m01, m11);
+      }
       const auto v = hn::Add(hn::Mul(hn::Add(hn::Mul(wx1, m11), hn::Mul(wx0, m01)), wy1),
                              hn::Mul(hn::Add(hn::Mul(wx1, m10), hn::Mul(wx0, m00)), wy0));
       const auto a = hn::Div(hn::Round(v), hn::Set(df, 255.0f));
@@ -231,7 +243,7 @@ HWY_INLINE void BlendRun(const float* HWY_RESTRICT alpha, const float* HWY_RESTR
 // three channels a pixel beside their weights, then one blend over the run from the first to the
 // last blended pixel. Pixels in between that do not blend get weight 0 and keep their bytes.
 void PasteLanczos8Row(const float* HWY_RESTRICT src, int crop, const uint8_t* HWY_RESTRICT mask,
-                      const float* HWY_RESTRICT lanczos, const float* HWY_RESTRICT bilinear,
+                      const uint32_t* HWY_RESTRICT quads, const float* HWY_RESTRICT lanczos, const float* HWY_RESTRICT bilinear,
                       const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x,
                       int row_y, int x_begin, int x_end, uint8_t* HWY_RESTRICT dst_row) {
   constexpr int kSpan = 256;
@@ -242,7 +254,7 @@ void PasteLanczos8Row(const float* HWY_RESTRICT src, int crop, const uint8_t* HW
   const D4 d;
   for (int x0 = x_begin; x0 <= x_end; x0 += kSpan) {
     const int off = x0 - x_begin, count = std::min(kSpan, x_end - x0 + 1);
-    RowAlphas(crop, mask, bilinear, col_x + off, col_y + off, row_x, row_y, count, alpha, at, phases);
+    RowAlphas(crop, mask, quads, bilinear, col_x + off, col_y + off, row_x, row_y, count, alpha, at, phases);
     int first = count, last = -1;
     // Interior pixels go in pairs; the first waits for its partner here. Sums are stored in
     // pixel order, four floats each: the spare lane is 0, as are the sums of pixels that do
@@ -293,15 +305,16 @@ void PasteLanczos8Row(const float* HWY_RESTRICT src, int crop, const uint8_t* HW
   }
 }
 
-// Rows [y0, y1) of one channel into the bands: 4 x 4 transposes write four rows of four
-// columns, into each band that holds those rows.
-void PasteColumns(const float* HWY_RESTRICT rows, int n, int y0, int y1, int k, float* HWY_RESTRICT dst) {
+// Rows [y0, y1), columns [x0, x1) of one channel into the bands: 4 x 4 transposes write four
+// rows of four columns, into each band that holds those rows.
+void PasteColumns(const float* HWY_RESTRICT rows, int n, int y0, int y1, int k, int x0, int x1,
+                  float* HWY_RESTRICT dst) {
   const D4 d;
   const hn::Repartition<uint64_t, D4> du;
   int y = y0;
   const auto scalarRow = [&] {
     const float* r = rows + static_cast<size_t>(y - y0) * n;
-    for (int x = 0; x < n; ++x) {
+    for (int x = x0; x < x1; ++x) {
       dst[pasteSourceIndex(n, y >> 3, x, k) + (y & 7)] = r[x];
       if (y >= 8) dst[pasteSourceIndex(n, (y >> 3) - 1, x, k) + (y & 7) + 8] = r[x];
     }
@@ -315,8 +328,8 @@ void PasteColumns(const float* HWY_RESTRICT rows, int n, int y0, int y1, int k, 
     // Four rows of column x at o + 48 x, and at o2 + 48 x in the band above.
     float* o = dst + pasteSourceIndex(n, y >> 3, 0, k) + (y & 7);
     float* o2 = y >= 8 ? dst + pasteSourceIndex(n, (y >> 3) - 1, 0, k) + (y & 7) + 8 : nullptr;
-    int x = 0;
-    for (; x + 4 <= n; x += 4) {
+    int x = x0;
+    for (; x + 4 <= x1; x += 4) {
       const V4 a = hn::LoadU(d, r0 + x), b = hn::LoadU(d, r1 + x), c = hn::LoadU(d, r2 + x), e = hn::LoadU(d, r3 + x);
       const auto ab0 = hn::BitCast(du, hn::InterleaveLower(a, b)), ab1 = hn::BitCast(du, hn::InterleaveUpper(d, a, b));
       const auto ce0 = hn::BitCast(du, hn::InterleaveLower(c, e)), ce1 = hn::BitCast(du, hn::InterleaveUpper(d, c, e));
@@ -327,7 +340,7 @@ void PasteColumns(const float* HWY_RESTRICT rows, int n, int y0, int y1, int k, 
         if (o2) hn::StoreU(cols[m], d, o2 + 48 * static_cast<size_t>(x + m));
       }
     }
-    for (; x < n; ++x) {
+    for (; x < x1; ++x) {
       const float v[4] = {r0[x], r1[x], r2[x], r3[x]};
       for (int m = 0; m < 4; ++m) {
         o[48 * static_cast<size_t>(x) + m] = v[m];
@@ -416,15 +429,32 @@ void pasteSharpenRow(const float* const* rows, const float* g, int K, int n, con
   HWY_DYNAMIC_DISPATCH(PasteSharpenRow)(rows, g, K, n, in, scale, amount, out);
 }
 
-void pasteColumns(const float* rows, int n, int y0, int y1, int k, float* dst) {
-  HWY_DYNAMIC_DISPATCH(PasteColumns)(rows, n, y0, y1, k, dst);
+void pasteColumns(const float* rows, int n, int y0, int y1, int k, int x0, int x1, float* dst) {
+  HWY_DYNAMIC_DISPATCH(PasteColumns)(rows, n, y0, y1, k, x0, x1, dst);
 }
 
 void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const float* lanczos,
                       const float* bilinear, const int* col_x, const int* col_y, int row_x,
                       int row_y, int x_begin, int x_end, uint8_t* dst_row) {
-  HWY_DYNAMIC_DISPATCH(PasteLanczos8Row)(src, crop, mask, lanczos, bilinear, col_x, col_y, row_x,
+  HWY_DYNAMIC_DISPATCH(PasteLanczos8Row)(src, crop, mask, nullptr, lanczos, bilinear, col_x, col_y, row_x,
                                          row_y, x_begin, x_end, dst_row);
+}
+
+void pasteLanczos8RowQuads(const float* src, int crop, const uint8_t* mask, const uint32_t* quads,
+                           const float* lanczos, const float* bilinear, const int* col_x, const int* col_y,
+                           int row_x, int row_y, int x_begin, int x_end, uint8_t* dst_row) {
+  HWY_DYNAMIC_DISPATCH(PasteLanczos8Row)(src, crop, mask, quads, lanczos, bilinear, col_x, col_y, row_x,
+                                         row_y, x_begin, x_end, dst_row);
+}
+
+void pasteMaskQuads(const uint8_t* mask, int crop, uint32_t* quads) {
+  const auto m = [&](int x, int y) -> uint32_t {
+    return (x >= 0 && x < crop && y >= 0 && y < crop) ? mask[static_cast<size_t>(y) * crop + x] : 0u;
+  };
+  for (int y = -1; y < crop; ++y)
+    for (int x = -1; x < crop; ++x)
+      quads[static_cast<size_t>(y + 1) * (crop + 1) + (x + 1)] =
+          m(x, y) | m(x + 1, y) << 8 | m(x, y + 1) << 16 | m(x + 1, y + 1) << 24;
 }
 
 }  // namespace le::simd

@@ -106,10 +106,19 @@ void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const flo
                       const float* bilinear, const int* col_x, const int* col_y, int row_x,
                       int row_y, int x_begin, int x_end, uint8_t* dst_row);
 
+// The same, faster, given the mask's quads (see pasteMaskQuads) beside the mask.
+void pasteLanczos8RowQuads(const float* src, int crop, const uint8_t* mask, const uint32_t* quads,
+                           const float* lanczos, const float* bilinear, const int* col_x, const int* col_y,
+                           int row_x, int row_y, int x_begin, int x_end, uint8_t* dst_row);
+// Per source position (x, y), -1 <= x, y < crop: the mask bytes at (x, y), (x + 1, y), (x, y + 1)
+// and (x + 1, y + 1), low byte first, 0 outside the crop, in word (y + 1) * (crop + 1) + x + 1.
+// quads holds (crop + 1)^2 words.
+void pasteMaskQuads(const uint8_t* mask, int crop, uint32_t* quads);
+
 // The source of pasteLanczos8Row, a range of rows of one channel at a time: rows holds rows
-// y0 <= y < y1 of channel k of an n x n crop (n floats each, row y0 first), written to every
-// place of dst that holds them.
-void pasteColumns(const float* rows, int n, int y0, int y1, int k, float* dst);
+// y0 <= y < y1 of channel k of an n x n crop (n floats each, row y0 first); their columns
+// x0 <= x < x1 are written to every place of dst that holds them.
+void pasteColumns(const float* rows, int n, int y0, int y1, int k, int x0, int x1, float* dst);
 
 // The paste's unsharp mask, one row at a time: out[x] = sum over t ascending of
 // g[t] * rows[t][x] (from 0, a product and a separate addition per tap) for x < n ...

@@ -476,18 +476,21 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
             a.src[((b * crop + x) * 3 + k) * 16 + i] = planes[(k * crop + 8 * b + i) * crop + x];
     forEachTarget([&](const std::string&) {
       std::vector<float> got(a.src.size(), std::nanf(""));
-      // Bands of rows in any order, as the sharpening parts write them.
-      const int s1 = crop * 5 / 13, s2 = crop * 2 / 3;
+      // Bands of rows in any order, as the sharpening parts write them, each in two column runs.
+      const int s1 = crop * 5 / 13, s2 = crop * 2 / 3, xs = crop * 3 / 7;
       for (int k = 0; k < 3; ++k)
         for (const auto& band : {std::make_pair(s2, crop), std::make_pair(0, s1), std::make_pair(s1, s2)})
-          le::simd::pasteColumns(planes.data() + (k * crop + band.first) * crop, crop, band.first, band.second, k,
-                                 got.data());
+          for (const auto& run : {std::make_pair(xs, crop), std::make_pair(0, xs)})
+            le::simd::pasteColumns(planes.data() + (k * crop + band.first) * crop, crop, band.first, band.second, k,
+                                   run.first, run.second, got.data());
       ASSERT_EQ(0, std::memcmp(got.data(), a.src.data(), got.size() * sizeof(float))) << "crop " << crop;
     });
     a.mask.resize(static_cast<size_t>(crop) * crop);
     for (int yy = 0; yy < crop; ++yy)
       for (int xx = 0; xx < crop; ++xx)  // zero band on the left, full and soft regions elsewhere
         a.mask[yy * crop + xx] = (xx < crop / 8) ? 0 : static_cast<uint8_t>(xx > crop * 5 / 8 ? 255 : rng() % 256);
+    std::vector<uint32_t> quads(static_cast<size_t>(crop + 1) * (crop + 1));
+    le::simd::pasteMaskQuads(a.mask.data(), crop, quads.data());
     const int W = 600;  // rows longer than the kernel's internal span
     int blended = 0;
     forEachTarget([&](const std::string&) {
@@ -505,14 +508,18 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
         }
         a.row_x = -static_cast<int>(rng() % ((crop + 16) * 1024)) - 2048 + 16;
         a.row_y = static_cast<int>(rng() % ((crop + 8) * 1024)) - 4 * 1024 + 16;
-        std::vector<uint8_t> row(3 * W), want;
+        std::vector<uint8_t> row(3 * W), want, row2;
         for (auto& b : row) b = static_cast<uint8_t>(rng());
-        want = row;
+        want = row2 = row;
         refPasteRow(a, want.data());
         blended += want != row;
         le::simd::pasteLanczos8Row(a.src.data(), crop, a.mask.data(), a.t.lanczos.data(), a.t.bilinear.data(),
                                    a.col_x.data(), a.col_y.data(), a.row_x, a.row_y, a.x_begin, a.x_end, row.data());
         ASSERT_EQ(0, std::memcmp(row.data(), want.data(), row.size())) << "crop " << crop << " trial " << trial;
+        le::simd::pasteLanczos8RowQuads(a.src.data(), crop, a.mask.data(), quads.data(), a.t.lanczos.data(),
+                                        a.t.bilinear.data(), a.col_x.data(), a.col_y.data(), a.row_x, a.row_y,
+                                        a.x_begin, a.x_end, row2.data());
+        ASSERT_EQ(0, std::memcmp(row2.data(), want.data(), row2.size())) << "quads, crop " << crop << " trial " << trial;
       }
     });
     EXPECT_GT(blended, 0) << "crop " << crop;
