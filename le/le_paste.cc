@@ -347,6 +347,9 @@ void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
       // Only the columns between the first and the last whose mask neighbourhood holds a
       // non-zero weight can blend.
       int a = 0, z = ncol - 1;
+      constexpr int kRun = 16;  // columns ruled out at once, then one by one
+      while (a + kRun <= z && s.noneNear(row_x, row_y, a, a + kRun - 1)) a += kRun;
+      while (z - kRun >= a && s.noneNear(row_x, row_y, z - kRun + 1, z)) z -= kRun;
       while (a <= z && !s.maskNear(row_x + s.col_x_[size_t(a)], row_y + s.col_y_[size_t(a)])) ++a;
       while (z > a && !s.maskNear(row_x + s.col_x_[size_t(z)], row_y + s.col_y_[size_t(z)])) --z;
       if (a > z) continue;
@@ -367,6 +370,18 @@ bool Paste::maskNear(int sx, int sy) const {
   if (!(sx >= -1024 && sy >= -1024 && ix < crop_ && iy < crop_)) return false;
   const auto& span = near_[size_t(iy + 1)];
   return span.first <= ix && ix <= span.second;
+}
+
+bool Paste::noneNear(int row_x, int row_y, int a, int b) const {
+  // Column offsets are monotonic, so the run's positions lie in the box of its two ends.
+  const int ixa = (row_x + col_x_[size_t(a)]) >> kFracBits, ixb = (row_x + col_x_[size_t(b)]) >> kFracBits;
+  const int iya = (row_y + col_y_[size_t(a)]) >> kFracBits, iyb = (row_y + col_y_[size_t(b)]) >> kFracBits;
+  const int ix0 = std::min(ixa, ixb), ix1 = std::max(ixa, ixb);
+  for (int iy = std::max(-1, std::min(iya, iyb)); iy <= std::min(crop_ - 1, std::max(iya, iyb)); ++iy) {
+    const auto& span = near_[size_t(iy + 1)];
+    if (span.first <= ix1 && ix0 <= span.second) return false;
+  }
+  return true;
 }
 
 namespace {

@@ -81,6 +81,9 @@ class Paste {
   // Whether the fixed-point source position has a non-zero mask byte among its four bilinear
   // neighbours: pixels where it does not cannot blend.
   bool maskNear(int sx, int sy) const;
+  // Whether no column a..b (offsets into col_x_, col_y_) of the row starting at (row_x, row_y)
+  // is maskNear; may answer false when none is.
+  bool noneNear(int row_x, int row_y, int a, int b) const;
 
   int crop_;
   int ksize_;

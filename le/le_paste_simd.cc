@@ -70,6 +70,21 @@ HWY_INLINE void LanczosInterior(D d8, const float* const* s, const float* const*
           r[q][c][v] = hn::Add(r[q][c][v], hn::Mul(k, hn::LoadU(d8, s[q] + 48 * i + 16 * c + v * kN)));
     }
   }
+  if constexpr (P == 2 && kN == 8) {
+    // Both pixels' rows side by side, pixel 0 in the lower half: one sum serves both.
+    hn::Vec<D> t[2][4];
+    LE_UNROLL8 for (int q = 0; q < 2; ++q) {
+      const auto w = hn::LoadU(d8, ky[q]);
+      Transpose3(d8, hn::Mul(r[q][0][0], w), hn::Mul(r[q][1][0], w), hn::Mul(r[q][2][0], w), t[q]);
+    }
+    auto sum = hn::ConcatLowerLower(d8, t[1][0], t[0][0]);
+    LE_UNROLL8 for (int m = 1; m < 4; ++m) sum = hn::Add(sum, hn::ConcatLowerLower(d8, t[1][m], t[0][m]));
+    LE_UNROLL8 for (int m = 0; m < 4; ++m) sum = hn::Add(sum, hn::ConcatUpperUpper(d8, t[1][m], t[0][m]));
+    const hn::Half<D> dh;
+    out[0] = hn::LowerHalf(dh, sum);
+    out[1] = hn::UpperHalf(dh, sum);
+    return;
+  }
   LE_UNROLL8 for (int q = 0; q < P; ++q) {
     V4 rows[8];
     LE_UNROLL8 for (int v = 0; v < kV; ++v) {
