@@ -166,9 +166,9 @@ Paste::Paste(std::vector<uint8_t> mask, int crop, const Unsharp& unsharp)
     cols_at_ = (64 - reinterpret_cast<uintptr_t>(cols_.data()) % 64) % 64 / sizeof(float);
     quads_.resize((size_t(crop_) + 1) * (size_t(crop_) + 1));
     le::simd::pasteMaskQuads(mask_.data(), crop_, quads_.data());
-  }
-  else
+  } else {
     for (auto& pl : planes_) pl.assign(size_t(crop_) * size_t(crop_), 0.f);
+  }
   // One sharpening scratch per pool part: a padded row, the ring of horizontally blurred rows
   // one band needs, and the band itself.
   scratch_.resize(size_t(std::max(1, le::pool::threads())));

@@ -137,7 +137,7 @@ inline int32_t InteriorAt(int crop, int ix, int iy) {
 
 // Per pixel of `count` consecutive output pixels: the mask weight, vectorised with the same
 // arithmetic as detail::pasteAlpha (-1 outside the crop), where its taps start (InteriorAt)
-// and its two phases (px | py << 8).
+// and its two phases (px | py << 8). The mask bytes come from quads when given.
 HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const uint32_t* HWY_RESTRICT quads,
                           const float* HWY_RESTRICT bilinear,
                           const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x, int row_y,
