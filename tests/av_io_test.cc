@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
 #include "tests/support/speech.h"
 #include "tools/forge/forge_movie.h"
@@ -21,17 +22,8 @@ namespace {
 const char kSentence[] = "The quick brown fox jumps over the lazy dog.";
 
 std::string scratch(const std::string& name) {
-  const char* root = std::getenv("LE_TEST_TMP");
-  const std::string dir = std::string(root && *root ? root : "/tmp") + "/av_io";
-  le::testmedia::run("mkdir -p '" + dir + "'");
-  return dir + "/" + name;
-}
-
-void writeFile(const std::string& path, const std::vector<int16_t>& pcm) {
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  ASSERT_TRUE(f);
-  std::fwrite(pcm.data(), 2, pcm.size(), f);
-  std::fclose(f);
+  static const le::testing::ScratchDir dir("av_io");
+  return dir / name;
 }
 
 // Signal-to-noise ratio of got against want in dB, over want's length, at the best lag in
@@ -84,7 +76,7 @@ Probe probe(const std::string& path) {
 TEST(AudioIn, AnyAudioBecomesTheEngines16kMono) {
   const std::vector<int16_t> ref = le::testmedia::speak16kPcm(kSentence);
   const std::string raw = scratch("ref.s16"), wav = scratch("stereo44k.wav"), flac = scratch("mono22k.flac");
-  writeFile(raw, ref);
+  le::testing::writeFile(raw, std::string_view(reinterpret_cast<const char*>(ref.data()), ref.size() * 2));
   ASSERT_EQ(0, le::testmedia::run("sox -D -t raw -r 16000 -c 1 -b 16 -e signed-integer '" + raw + "' -r 44100 -c 2 '" +
                                   wav + "' 2>/dev/null"));
   ASSERT_EQ(0, le::testmedia::run("sox -D -t raw -r 16000 -c 1 -b 16 -e signed-integer '" + raw + "' -r 22050 '" +

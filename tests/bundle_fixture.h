@@ -1,6 +1,7 @@
 // Scratch directories and small bundle files for the bundle-storage tests.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -15,6 +16,7 @@
 
 #include "le/le_bundle.h"
 #include "le/le_imx.h"
+#include "tests/test_util.h"
 
 namespace le::testing {
 
@@ -77,12 +79,15 @@ inline std::string manifestText(const std::string& extra = "") {
 // The message of the runtime error fn throws, or "" when it does not throw.
 template <class Fn>
 std::string thrown(Fn&& fn) {
-  try {
-    fn();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "";
+  return messageOf<std::runtime_error>(fn);
+}
+
+// What fn prints on stderr.
+template <class Fn>
+std::string stderrOf(Fn&& fn) {
+  ::testing::internal::CaptureStderr();
+  fn();
+  return ::testing::internal::GetCapturedStderr();
 }
 
 }  // namespace le::testing

@@ -191,55 +191,48 @@ TEST(DriverCursor, MutableTakesAreNeverServedAgain) {
   EXPECT_EQ(tagOf(m2), 3);
 }
 
-TEST(DriverCursor, AShortMemberFailsAtTheEndOfTheFirstPassForever) {
-  Knobs k;
-  k.realFrames = 5;
-  auto c = tagged(k, 8, 2, 3);
-  std::vector<uint8_t> out(kFrame);
-  const std::string text =
-      "le_driver: tagged ended after 5 frames, the manifest says NT=8 — a short driver is a session that stops part "
-      "way through the loop, refusing";
-  // The failure lands when the producer, L frames ahead, reaches the end: from then on
-  // nothing is served, not even the frames still in the ring.
-  int delivered = 0;
-  const std::string first = le::testing::thrown([&] {
-    for (;; ++delivered) ASSERT_EQ(c->pull(out.data()), delivered);
-  });
-  EXPECT_EQ(first, text);
-  EXPECT_GE(delivered, 5 - 2);
-  EXPECT_LE(delivered, 5);
-  EXPECT_EQ(le::testing::thrown([&] { c->pull(out.data()); }), text);
-  EXPECT_EQ(le::testing::thrown([&] { c->pullAt(2, out.data()); }), text);
-  EXPECT_EQ(le::testing::thrown([&] { c->seek(0); }), text);
-  int got;
-  EXPECT_EQ(le::testing::thrown([&] { c->pullMut(&got); }), text);
-  // argument checks come first
-  EXPECT_EQ(le::testing::thrown([&] { c->seek(8); }), "le_driver: seek(8) outside [0,8)");
-}
-
-TEST(DriverCursor, SourceFaultsBecomeTheCursorsText) {
-  {
-    Knobs k;
-    k.failAt = 4;
-    auto c = tagged(k, 10, 2, 2);
+// A member shorter than the manifest says, or a decode fault: the failure lands when the
+// producer, L frames ahead, reaches it, and from then on nothing is served, not even the frames
+// still in the ring. A failed seek fails the same way.
+TEST(DriverCursor, SourceFailuresEndTheCursorWithTheirText) {
+  struct Case {
+    int realFrames, failAt;
+    std::string text;
+  };
+  const Case cases[] = {
+      {5, -1,
+       "le_driver: tagged ended after 5 frames, the manifest says NT=8 — a short driver is a session that stops part "
+       "way through the loop, refusing"},
+      {-1, 4, "le_driver: synthetic decode fault at 4"},
+  };
+  for (const Case& k : cases) {
+    Knobs knobs;
+    knobs.realFrames = k.realFrames;
+    knobs.failAt = k.failAt;
+    auto c = tagged(knobs, 8, 2, 3);
     std::vector<uint8_t> out(kFrame);
-    int delivered = 0;
+    int delivered = 0, got;
     EXPECT_EQ(le::testing::thrown([&] {
                 for (;; ++delivered) ASSERT_EQ(c->pull(out.data()), delivered);
               }),
-              "le_driver: synthetic decode fault at 4");
-    EXPECT_GE(delivered, 4 - 2);
-    EXPECT_LE(delivered, 4);
+              k.text);
+    const int at = k.realFrames > 0 ? k.realFrames : k.failAt;
+    EXPECT_GE(delivered, at - 2);
+    EXPECT_LE(delivered, at);
+    EXPECT_EQ(le::testing::thrown([&] { c->pull(out.data()); }), k.text);
+    EXPECT_EQ(le::testing::thrown([&] { c->pullAt(2, out.data()); }), k.text);
+    EXPECT_EQ(le::testing::thrown([&] { c->seek(0); }), k.text);
+    EXPECT_EQ(le::testing::thrown([&] { c->pullMut(&got); }), k.text);
+    // argument checks come first
+    EXPECT_EQ(le::testing::thrown([&] { c->seek(8); }), "le_driver: seek(8) outside [0,8)");
   }
-  {
-    Knobs k;
-    k.failSeek = true;
-    auto c = tagged(k, 30, 2, 2);
-    int got;
-    c->pull(&got);
-    EXPECT_EQ(le::testing::thrown([&] { c->pullAt(20, &got); }), "le_driver: seek failed: synthetic seek fault");
-    EXPECT_EQ(le::testing::thrown([&] { c->pull(&got); }), "le_driver: seek failed: synthetic seek fault");
-  }
+  Knobs k;
+  k.failSeek = true;
+  auto c = tagged(k, 30, 2, 2);
+  int got;
+  c->pull(&got);
+  EXPECT_EQ(le::testing::thrown([&] { c->pullAt(20, &got); }), "le_driver: seek failed: synthetic seek fault");
+  EXPECT_EQ(le::testing::thrown([&] { c->pull(&got); }), "le_driver: seek failed: synthetic seek fault");
 }
 
 TEST(DriverCursor, ReadersOnSeveralThreadsGetTheFramesTheyAskFor) {
@@ -254,40 +247,24 @@ TEST(DriverCursor, ReadersOnSeveralThreadsGetTheFramesTheyAskFor) {
       std::mt19937 rng(1234 + t);
       std::vector<uint8_t> out(kFrame);
       for (int n = 0; n < 150; ++n) {
+        const int op = static_cast<int>(rng() % 5), i = static_cast<int>(rng() % NT);
         int got = -1;
-        switch (rng() % 5) {
-          case 0: {
+        if (op == 0 || op == 3) {
+          // one frame, or a sequential run as the paste does
+          for (int r = 0; r < (op == 0 ? 1 : 5); ++r) {
             got = c->pull(out.data());
             if (tagOf(out.data()) != got) ++bad;
-            break;
           }
-          case 1: {
-            const int i = static_cast<int>(rng() % NT);
-            if (c->pullAt(i, out.data()) != i || tagOf(out.data()) != i) ++bad;
-            break;
-          }
-          case 2: {
-            const int i = static_cast<int>(rng() % NT);
-            c->seek(i);
-            break;
-          }
-          case 3: {
-            // a sequential run, as the paste does
-            for (int r = 0; r < 5; ++r) {
-              got = c->pull(out.data());
-              if (tagOf(out.data()) != got) ++bad;
-            }
-            break;
-          }
-          default: {
-            const int i = static_cast<int>(rng() % NT);
-            const uint8_t* p = c->pullAt(i, &got);
-            (void)p;
-            if (got != i) ++bad;
-            (void)c->position();
-            (void)c->residentBytes();
-            (void)c->seeks();
-          }
+        } else if (op == 1) {
+          if (c->pullAt(i, out.data()) != i || tagOf(out.data()) != i) ++bad;
+        } else if (op == 2) {
+          c->seek(i);
+        } else {
+          c->pullAt(i, &got);  // the pointer is not read: other readers may move the ring on
+          if (got != i) ++bad;
+          (void)c->position();
+          (void)c->residentBytes();
+          (void)c->seeks();
         }
       }
       ++done;
@@ -372,15 +349,15 @@ struct Bundle {
 };
 
 std::string openDrive(const Bundle& b, std::unique_ptr<le::DriverCursor>* out = nullptr) {
-  testing::internal::CaptureStderr();
   std::string err;
-  try {
-    auto c = le::DriverCursor::open(b.m, 2, 11);
-    if (out) *out = std::move(c);
-  } catch (const std::exception& e) {
-    err = std::string("THROW ") + e.what();
-  }
-  const std::string printed = testing::internal::GetCapturedStderr();
+  const std::string printed = le::testing::stderrOf([&] {
+    try {
+      auto c = le::DriverCursor::open(b.m, 2, 11);
+      if (out) *out = std::move(c);
+    } catch (const std::exception& e) {
+      err = std::string("THROW ") + e.what();
+    }
+  });
   return err.empty() ? printed : err;
 }
 

@@ -94,24 +94,14 @@ TEST(MovieSource, MatchesFfmpegDecodeThroughTheFormulaAndSeeks) {
   EXPECT_GE(src->residentBytes(), (96 * 64 * 3 / 2) * 9u);
   EXPECT_LT(src->residentBytes(), (96 * 64 * 3 / 2) * 9u + 96 * 64 * 3);
 
-  std::vector<uint8_t> f(rgbFrame);
-  src->seek(17);  // backwards from the end: rewind + 17 decodes
-  ASSERT_TRUE(src->next(f.data()));
-  EXPECT_EQ(0, std::memcmp(f.data(), &all[rgbFrame * 17], rgbFrame));
-  src->seek(25);  // forwards
-  ASSERT_TRUE(src->next(f.data()));
-  EXPECT_EQ(0, std::memcmp(f.data(), &all[rgbFrame * 25], rgbFrame));
-  src->rewind();
-  ASSERT_TRUE(src->next(f.data()));
-  EXPECT_EQ(0, std::memcmp(f.data(), all.data(), rgbFrame));
   EXPECT_EQ(le::testing::thrown([&] { src->seek(30); }), "le_driver: seek outside the member");
   EXPECT_EQ(le::testing::thrown([&] { src->seek(-1); }), "le_driver: seek outside the member");
 }
 
-TEST(MovieSource, RewindReplaysTheSameFramesInEveryContainer) {
+TEST(MovieSource, RewindAndSeeksReplayTheSameFramesInEveryContainer) {
   const le::testing::ScratchDir tmp("rewind");
   // A raw elementary stream has no index and no frame count; mkv none either.
-  for (const char* name : {"drive.h264", "drive.mkv", "drive.mov"}) {
+  for (const char* name : {"drive.mp4", "drive.h264", "drive.mkv", "drive.mov"}) {
     const std::string path = tmp / name;
     media::MovieSpec spec;
     spec.frames = 14, spec.gop = 5;
@@ -123,13 +113,13 @@ TEST(MovieSource, RewindReplaysTheSameFramesInEveryContainer) {
       src->rewind();
       EXPECT_EQ(readAll(*src), first) << name << " pass " << pass;
     }
+    // Backwards from the end (rewind and decode on), then forwards.
     std::vector<uint8_t> f(src->frameBytes());
-    src->seek(9);
-    ASSERT_TRUE(src->next(f.data()));
-    EXPECT_EQ(0, std::memcmp(f.data(), &first[f.size() * 9], f.size())) << name;
-    src->seek(2);
-    ASSERT_TRUE(src->next(f.data()));
-    EXPECT_EQ(0, std::memcmp(f.data(), &first[f.size() * 2], f.size())) << name;
+    for (int at : {2, 9}) {
+      src->seek(at);
+      ASSERT_TRUE(src->next(f.data()));
+      EXPECT_EQ(0, std::memcmp(f.data(), &first[f.size() * size_t(at)], f.size())) << name << " " << at;
+    }
   }
 }
 

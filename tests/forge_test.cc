@@ -224,15 +224,12 @@ TEST(Forge, EngineReadsWhatTheForgeWrites) {
     b.drive = media;
     b.replace = true;
     forgeBundle(dir, b);
-    try {
+    return le::testing::thrown([&] {
       const le::Manifest bm = le::loadManifest(dir);
       auto c = le::DriverCursor::open(bm, 2, 4);
       std::vector<uint8_t> rgb(static_cast<size_t>(b.width) * b.height * 3);
       for (int i = 0; i < b.nt; ++i) c->pullAt(i, rgb.data());
-    } catch (const std::exception& e) {
-      return e.what();
-    }
-    return "accepted";
+    });
   };
   EXPECT_NE(refusal({Break::ManifestDuplicateW}, DriveMedia::Stills).find("manifest: key \"W\" is AMBIGUOUS — 2 scalar"), std::string::npos);
   EXPECT_EQ(refusal({Break::ManifestNoNT}, DriveMedia::Stills), "manifest: missing key NT/frame_count");

@@ -58,15 +58,8 @@ class Imx : public ::testing::Test {
 
   // Resolves path with stderr captured into log.
   std::string resolve(const std::string& path) {
-    ::testing::internal::CaptureStderr();
-    std::string dir;
-    std::string error;
-    try {
-      dir = le::resolveBundlePath(path);
-    } catch (const std::runtime_error& e) {
-      error = e.what();
-    }
-    log = ::testing::internal::GetCapturedStderr();
+    std::string dir, error;
+    log = le::testing::stderrOf([&] { error = thrown([&] { dir = le::resolveBundlePath(path); }); });
     if (!error.empty()) throw std::runtime_error(error);
     return dir;
   }
@@ -162,6 +155,12 @@ TEST_F(Imx, ContainerNamingVariantsAndUnwrapRoot) {
   EXPECT_EQ(resolve(other), root + "/other.lebundle");
   EXPECT_TRUE(exists(root + "/other.lebundle.imx_unwrapped"));
   EXPECT_FALSE(exists(scratch / "other.lebundle"));
+  // An empty root means beside the container; a root of slashes only is the filesystem's.
+  setenv("LE_IMX_UNWRAP_ROOT", "", 1);
+  EXPECT_EQ(le::imx::unwrapDirFor("/x/avatar.imx"), "/x/avatar.lebundle");
+  EXPECT_EQ(le::imx::unwrapDirFor("avatar.imx"), "./avatar.lebundle");
+  setenv("LE_IMX_UNWRAP_ROOT", "///", 1);
+  EXPECT_EQ(le::imx::unwrapDirFor("/x/avatar.imx"), "/avatar.lebundle");
 }
 
 TEST_F(Imx, SyntheticManifestIsSkippedAndEmptyContainerGivesEmptyDirectory) {
@@ -378,10 +377,8 @@ TEST_F(Imx, PackedDirectoryRoundTripsAndFlatQueriesSeeTheContainer) {
   const std::string c = scratch / "packed.imx";
   EXPECT_EQ(le::forge::packImx(src, c), bundle.size() + 1);
   EXPECT_FALSE(exists(c + ".part"));
-  ::testing::internal::CaptureStderr();
   char out[4096];
-  ASSERT_EQ(le_bundle_resolve_handle(c.c_str(), out, sizeof out), 1) << le_last_error();
-  ::testing::internal::GetCapturedStderr();
+  le::testing::stderrOf([&] { ASSERT_EQ(le_bundle_resolve_handle(c.c_str(), out, sizeof out), 1) << le_last_error(); });
   const std::string dir = out;
   EXPECT_EQ(tree(dir), tree(src));
   for (const auto& m : le::forge::bundleMembers(src))

@@ -9,6 +9,7 @@
 
 #include "le/render/gridsample_fast.h"
 #include "le/render/le_ort.h"
+#include "tests/test_util.h"
 
 namespace le::test {
 
@@ -56,6 +57,12 @@ inline std::vector<float> ortRun(Ort::Session& s, const std::vector<Feed>& feeds
   if (shape) *shape = info.GetShape();
   const float* p = res[0].GetTensorData<float>();
   return std::vector<float>(p, p + info.GetElementCount());
+}
+
+// The runtime's message when fn fails with an ONNX Runtime exception; "" when it runs.
+template <class Fn>
+std::string ortFailure(Fn&& fn) {
+  return le::testing::messageOf<Ort::Exception>(fn);
 }
 
 inline std::vector<float> randomFloats(size_t n, float lo, float hi, uint32_t seed) {

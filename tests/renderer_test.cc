@@ -101,7 +101,7 @@ std::vector<uint8_t> arithmeticDirector(int crop, const Shape& batchShape, const
 }
 
 using le::testing::Loaded;
-
+using le::testing::stderrOf;
 using le::testing::thrown;
 
 class RendererTest : public ::testing::Test {
@@ -119,6 +119,7 @@ class RendererTest : public ::testing::Test {
 };
 std::string RendererTest::dir_;
 
+// The input contract and the tables a graph needs, each refused with its reason.
 TEST_F(RendererTest, InputContractRefusals) {
   Loaded l(dir_);
   const std::string path = l.manifest.modelPath("kp22");
@@ -155,12 +156,8 @@ TEST_F(RendererTest, InputContractRefusals) {
   EXPECT_EQ(build("kpdyn"), "");
 
   EXPECT_THAT(build("missing"), StartsWith("Renderer: cannot open " + dir_));
-}
 
-TEST_F(RendererTest, MissingTablesAreRefused) {
-  model("fs", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}, true));
-  model("std", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
-
+  // A graph that reads a table the bundle does not carry.
   le::forge::Params p = smallBundle();
   const std::string plain = forgeWithDirectors("renderer_plain", p);
   le::forge::writeModelBytes(plain + "/model_fs.onnx", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}, true));
@@ -232,7 +229,9 @@ TEST_F(RendererTest, RenderFillsAndPadsEverySlot) {
   }
 }
 
-TEST_F(RendererTest, ProvidersAndTheirLines) {
+// The provider requests and the lines the renderer prints about them; with LE_ORT_PROFILE set
+// it names its profile file and the frames' time at destruction.
+TEST_F(RendererTest, ProvidersProfilesAndTheirLines) {
   Loaded l(dir_);
   model("prov", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
   auto build = [&](const std::string& ep) {
@@ -245,42 +244,44 @@ TEST_F(RendererTest, ProvidersAndTheirLines) {
   EXPECT_EQ(build("cuda"), "Renderer: unknown ep 'cuda'");
 
   // This runtime has no CoreML provider: the request falls back to the CPU provider.
-  ::testing::internal::CaptureStderr();
-  {
+  std::string err = stderrOf([&] {
     le::Renderer r(l.manifest, *l.identity, "prov", 1, "coreml:gpu");
     EXPECT_STREQ(r.ep(), "cpu");
-  }
-  std::string err = ::testing::internal::GetCapturedStderr();
+  });
   EXPECT_THAT(err, HasSubstr("[le] CoreML EP session refused: "));
   EXPECT_THAT(err, HasSubstr(" — falling back to the ORT CPU EP\n"));
   EXPECT_THAT(err, HasSubstr("[le] director ep=cpu (ORT CPU EP)\n"));
-
-  ::testing::internal::CaptureStderr();
-  { le::Renderer r(l.manifest, *l.identity, "prov", 1, "neon"); }
-  err = ::testing::internal::GetCapturedStderr();
-  EXPECT_THAT(err, HasSubstr("[le] fp16 NEON backend requested but unavailable on this build/CPU; using ORT\n"));
+  // The fp16 backend, asked for through the provider or LE_CONV_BACKEND (exactly "neon"), is
+  // not in this build: the renderer says so and renders with ONNX Runtime.
+  const std::string unavailable = "[le] fp16 NEON backend requested but unavailable on this build/CPU; using ORT\n";
+  err = stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "prov", 1, "neon"); });
+  EXPECT_THAT(err, HasSubstr(unavailable));
   EXPECT_THAT(err, HasSubstr("[le] !!! compose alpha: ELLIPSE (prov) — this bundle carries no "
                              "lip_template.v1.json"));
-
+  for (const char* value : {"neon", "NEON", "neon2"}) {
+    ScopedEnv env("LE_CONV_BACKEND", value);
+    const std::vector<float> kp(63, 0.f);
+    const int32_t si = 1;
+    err = stderrOf([&] {
+      le::Renderer r(l.manifest, *l.identity, "b1", 1, "");
+      EXPECT_STREQ(r.backend(), "ort");
+      EXPECT_NE(r.render(&si, kp.data(), kp.data(), 1), nullptr);
+    });
+    EXPECT_EQ(err.find(unavailable) != std::string::npos, std::string(value) == "neon") << value;
+  }
   const char* v = OrtGetApiBase()->GetVersionString();
   EXPECT_EQ(le::coremlCacheDir("/b"), std::string("/b/.coreml_cache/ort") + v);
-}
 
-TEST_F(RendererTest, ProfileLinesAtDestruction) {
-  Loaded l(dir_);
-  model("prof", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
   const le::testing::ScratchDir tmp("renderer_profile");
   const std::string prefix = tmp.path();
   ScopedEnv env("LE_ORT_PROFILE", (prefix + "/run").c_str());
   std::vector<float> kp(63, 0.f);
   const int32_t si = 1;
-  ::testing::internal::CaptureStderr();
-  {
-    le::Renderer r(l.manifest, *l.identity, "prof", 1, "");
+  err = stderrOf([&] {
+    le::Renderer r(l.manifest, *l.identity, "prov", 1, "");
     r.render(&si, kp.data(), kp.data(), 1);
     r.render(&si, kp.data(), kp.data(), 1);
-  }
-  const std::string err = ::testing::internal::GetCapturedStderr();
+  });
   EXPECT_THAT(err, HasSubstr("[le_ort_profile] 2 frames: "));
   EXPECT_THAT(err, HasSubstr(" ms/frame in Session::Run\n"));
   const size_t at = err.find("[le_ort_profile] " + prefix + "/run");
@@ -309,22 +310,16 @@ TEST_F(RendererTest, GridSampleSwitches) {
                   "the artifact itself is non-standard. Run the A/B on a STANDARD-ONNX bundle (the "
                   "shipping format since INFERENCE_STANDARDIZATION.md #1), or unset the flag to "
                   "load this one.");
-    ::testing::internal::CaptureStderr();
-    { le::Renderer r(l.manifest, *l.identity, "b1", 1, ""); }
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), Not(HasSubstr("GridSampleFast load-time rewrite")));
+    EXPECT_THAT(stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "b1", 1, ""); }),
+                Not(HasSubstr("GridSampleFast load-time rewrite")));
   }
   {
     ScopedEnv norewrite("LE_GS_REWRITE", "0");
-    ::testing::internal::CaptureStderr();
-    { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    EXPECT_THAT(err, HasSubstr("[le] LE_GS_REWRITE=0: load-time std GridSample -> "
+    EXPECT_THAT(stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }), HasSubstr("[le] LE_GS_REWRITE=0: load-time std GridSample -> "
                                "com.vantorix::GridSampleFast rewrite DISABLED (baked); the custom "
                                "op is still registered"));
   }
-  ::testing::internal::CaptureStderr();
-  { le::Renderer r(l.manifest, *l.identity, "b1", 1, ""); }
-  EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+  EXPECT_THAT(stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "b1", 1, ""); }),
               HasSubstr("[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: 1 node(s) (b1)\n"));
 }
 
@@ -337,7 +332,7 @@ struct Ctx {
   ~Ctx() { le_destroy(c); }
 };
 
-TEST_F(RendererTest, EntryPointRefusals) {
+TEST_F(RendererTest, EntryPointsRgbaAndPasteLast) {
   Ctx ctx(dir_, "b1", 1, "");
   ASSERT_NE(ctx.c, nullptr) << le_last_error();
   const int nt = le_nt(ctx.c);
@@ -363,10 +358,8 @@ TEST_F(RendererTest, EntryPointRefusals) {
   EXPECT_STREQ(le_last_error(), "le_render_drive_crop: Renderer: unknown ep 'cuda'");
   EXPECT_EQ(le_render_drive_rgba(unknown.c, 0, nullptr, 0), 0);
   EXPECT_STREQ(le_last_error(), "le_render_drive_crop: Renderer: unknown ep 'cuda'");
-}
 
-TEST_F(RendererTest, RgbaAndPasteLast) {
-  Ctx ctx(dir_, "b1", 1, "");
+  // RGBA output is the pasted frame with opaque alpha; le_paste_last hands out that frame.
   const int W = le_width(ctx.c), H = le_height(ctx.c);
   const size_t rgba = size_t(W) * H * 4;
   std::vector<uint8_t> out(rgba, 7);
@@ -521,9 +514,8 @@ TEST_F(RendererTest, WarpKernelsAgree) {
   auto render = [&](const char* var, const char* value, std::string* err) {
     ScopedEnv env(var, value);
     Ctx ctx(dir_, "b1", 2, "");
-    ::testing::internal::CaptureStderr();
-    const float* c = le_render_kp_crop(ctx.c, 1, ks.data(), kd.data());
-    *err = ::testing::internal::GetCapturedStderr();
+    const float* c = nullptr;
+    *err = stderrOf([&] { c = le_render_kp_crop(ctx.c, 1, ks.data(), kd.data()); });
     EXPECT_NE(c, nullptr) << le_last_error();
     return c ? std::vector<float>(c, c + size_t(3) * p.crop * p.crop) : std::vector<float>();
   };
@@ -546,39 +538,9 @@ TEST_F(RendererTest, WarpKernelsAgree) {
   ScopedEnv noDomain("LE_GS_FAST", "0");
   ScopedEnv warp("LE_WARP_NODE", "1");
   Ctx ctx(dir_, "b1", 2, "");
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(le_render_kp_crop(ctx.c, 1, ks.data(), kd.data()), nullptr);
-  ::testing::internal::GetCapturedStderr();
+  stderrOf([&] { EXPECT_EQ(le_render_kp_crop(ctx.c, 1, ks.data(), kd.data()), nullptr); });
   EXPECT_THAT(le_last_error(), AllOf(StartsWith("le_render_kp_crop: Renderer: LE_WARP_NODE=1 moved"),
                                      HasSubstr("LE_GS_FAST=0 turned off the com.vantorix operator domain")));
-}
-
-// The batched member renders each frame as the single-frame member does.
-TEST_F(RendererTest, BatchedMemberAgreesWithSingleFrames) {
-  Loaded l(dir_);
-  const le::forge::Params p = smallBundle();
-  le::Renderer one(l.manifest, *l.identity, "b1", 2, "");
-  le::Renderer four(l.manifest, *l.identity, "b4", 2, "");
-  ASSERT_EQ(one.batch(), 1);
-  ASSERT_EQ(four.batch(), 4);
-  const size_t plane = size_t(3) * p.crop * p.crop;
-  std::vector<float> ks, kd;
-  const int32_t si[3] = {3, 1, 0};
-  for (int k = 0; k < 3; ++k) {
-    std::vector<float> x = le::forge::keypoints(p, si[k]), y = x;
-    for (int j = 0; j < 21; ++j) y[3 * j + 1] += 0.02f * float(k + 1);
-    ks.insert(ks.end(), x.begin(), x.end());
-    kd.insert(kd.end(), y.begin(), y.end());
-  }
-  const float* batched = four.render(si, ks.data(), kd.data(), 3);
-  std::vector<float> all(batched, batched + 4 * plane);
-  double worst = 0;
-  for (int k = 0; k < 3; ++k) {
-    const float* single = one.render(&si[k], &ks[63 * k], &kd[63 * k], 1);
-    for (size_t i = 0; i < plane; ++i) worst = std::max(worst, double(std::fabs(single[i] - all[k * plane + i])));
-  }
-  EXPECT_LT(worst, 1e-4);
-  EXPECT_EQ(0, std::memcmp(&all[3 * plane], &all[2 * plane], plane * sizeof(float)));
 }
 
 }  // namespace
