@@ -672,33 +672,3 @@ TEST(GraphRewrites, SourceConeSplit) {
   }
   EXPECT_EQ(nodesOf(prep).size(), 3u);  // refusals never wrote it
 }
-
-// The renderer's order, all at once, against the untouched director.
-TEST(GraphRewrites, RendererOrderAllAtOnce) {
-  const Bytes original = director();
-  const std::vector<Feed> feeds = directorFeeds();
-  std::vector<Feed> lipFeeds = feeds;
-  lipFeeds.push_back({"lip_delivery", {1, 1, kCrop, kCrop}, std::vector<float>(kCrop * kCrop, 1.f)});
-
-  for (bool warpNode : {true, false}) {
-    Bytes m = original;
-    std::string reason;
-    if (warpNode) {
-      ASSERT_EQ(le::rewriteWarpBlockToCustomOp(m, reason), 14u) << reason;
-    }
-    EXPECT_EQ(le::rewriteGridSampleToFast(m), warpNode ? 0u : 1u);
-    EXPECT_EQ(le::normaliseStudentBlend(m), 1u);
-    EXPECT_EQ(le::rewriteHeadCubicResize(m), 1u);
-    int canvas = 0;
-    ASSERT_EQ(le::rewriteBindLipContour(m, reason, &canvas, nullptr), 1) << reason;
-    EXPECT_EQ(vantorixImports(m), 1);
-    const std::vector<float> ref = run(original, feeds), got = run(m, lipFeeds);
-    EXPECT_LT(le::test::maxAbsDiff(ref, got), 1e-4f);
-    if (warpNode) continue;
-    // And the split of the rewritten graph (the cone is still there without the warp node).
-    std::string boundary;
-    ASSERT_EQ(le::findSourceConeBoundary(m, boundary), 1);
-    Bytes prep;
-    EXPECT_LT(le::test::maxAbsDiff(ref, runSplit(m, boundary, lipFeeds, prep)), 1e-4f);
-  }
-}

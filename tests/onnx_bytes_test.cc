@@ -1,5 +1,5 @@
-// The wire-format toolkit: readers, writers and the graph rebuild, the rebuilt model run in
-// ONNX Runtime.
+// The wire-format toolkit: malformed bytes, varints, tensor layouts and what a graph rebuild
+// keeps (the readers and the edits are exercised on whole graphs by the rewrite tests).
 #include "le/render/onnx_bytes.h"
 
 #include <gtest/gtest.h>
@@ -9,15 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "le/render/le_ort.h"
 #include "tools/forge/onnx_builder.h"
-#include "tests/onnx_ort.h"
 #include "tests/test_util.h"
 
 using le::GsField;
 using le::GsReader;
-using le::GsSlice;
-using le::forge::Attr;
 using le::forge::OnnxBuilder;
 using le::forge::Tensor;
 namespace of = le::onnxf;
@@ -161,7 +157,9 @@ TEST(OnnxBytes, TensorDecodersAndValueInfo) {
   EXPECT_NE(text.find("le_hoist_d0"), std::string::npos);
 }
 
-TEST(OnnxBytes, RebuildKeepsBytesAndAppliesEdits) {
+// The edits themselves run in the source-cone split, whose graphs are checked in ONNX Runtime
+// by the rewrite tests; here, what a rebuild keeps.
+TEST(OnnxBytes, RebuildKeepsBytesAndFieldOrder) {
   std::vector<uint8_t> model = smallModel();
   // A field after the graph that the toolkit does not read (doc_string) keeps its bytes and place.
   le::gsPutBytes(model, 6, std::string("forged for the toolkit test"));
@@ -173,63 +171,20 @@ TEST(OnnxBytes, RebuildKeepsBytesAndAppliesEdits) {
   le::gsRebuild(same, le::GsGraphEdit(), same);
   EXPECT_EQ(same, model);
 
-  // Drop the Relu, keep only P_rgb, drop outputs, declare the Mul's output as the output.
-  std::vector<le::GsNodeInfo> nodes;
-  std::set<std::string> inits, inputs;
-  le::gsReadGraph(le::gsGraphOf(model), nodes, inits, inputs);
-  const std::string mul = nodes[1].outputs[0];
-  std::vector<uint8_t> drop = {0, 0, 1};
-  const int64_t dims[4] = {1, 3, 4, 4};
   le::GsGraphEdit e;
-  e.dropNodes = &drop;
-  e.keepOnlyPrgbInput = true;
   e.dropOutputs = true;
-  e.declare(mul, dims, 4, of::kGraphOutput);
   le::gsRebuild(model, e, out);
-  nodes.clear();
-  inits.clear();
-  inputs.clear();
-  GsSlice g = le::gsGraphOf(out);
-  le::gsReadGraph(g, nodes, inits, inputs);
-  ASSERT_EQ(nodes.size(), 2u);
-  EXPECT_EQ(inputs, (std::set<std::string>{"P_rgb"}));
-  std::vector<std::string> outs, vis;
-  GsReader r(g);
+  GsReader r(le::gsGraphOf(out));
   GsField f;
-  while (r.next(f)) {
-    if (f.number == of::kGraphOutput) outs.push_back(le::gsFirstStr(f.payload, 1));
-    if (f.number == of::kGraphValueInfo) vis.push_back(le::gsFirstStr(f.payload, 1));
-  }
-  EXPECT_EQ(outs, (std::vector<std::string>{mul}));
-  EXPECT_TRUE(vis.empty());
-  // Field order of the model is kept: the doc_string is still last.
+  size_t outputs = 0;
+  while (r.next(f)) outputs += f.number == of::kGraphOutput;
+  EXPECT_EQ(outputs, 0u);
   GsReader mr(out);
   std::vector<uint32_t> order;
   while (mr.next(f)) order.push_back(f.number);
   EXPECT_EQ(order, (std::vector<uint32_t>{1, 2, 7, 8, 6}));
 
-  // The edited model runs: out = 2 * P_rgb.
-  Ort::Session s = le::test::ortSession(out);
-  std::vector<float> x(48);
-  for (size_t i = 0; i < x.size(); ++i) x[i] = float(i) - 20.f;
-  const std::vector<float> y = le::test::ortRun(s, {{"P_rgb", {1, 3, 4, 4}, x.data(), x.size()}}, mul);
-  for (size_t i = 0; i < x.size(); ++i) ASSERT_EQ(y[i], 2.f * x[i]);
-
-  // dropPrgbInput alone removes P_rgb and keeps the rest; with keepOnly it removes every input.
-  le::GsGraphEdit e2;
-  e2.dropPrgbInput = true;
-  le::gsRebuild(model, e2, out);
-  inputs.clear();
-  nodes.clear();
-  le::gsReadGraph(le::gsGraphOf(out), nodes, inits, inputs);
-  EXPECT_EQ(inputs, (std::set<std::string>{"kp"}));
-  e2.keepOnlyPrgbInput = true;
-  le::gsRebuild(model, e2, out);
-  inputs.clear();
-  le::gsReadGraph(le::gsGraphOf(out), nodes, inits, inputs);
-  EXPECT_TRUE(inputs.empty());
-
-  // A malformed graph throws and the caller's model is untouched.
+  // A malformed graph throws.
   std::vector<uint8_t> bad = {0x3A, 0x03, 0x0A, 0x05, 0x00};
   EXPECT_THROW(le::gsRebuild(bad, le::GsGraphEdit(), out), std::runtime_error);
 }
