@@ -1,4 +1,4 @@
-// Scratch directories and small bundle files for the bundle-storage tests.
+// Scratch directories, small bundle files and the capture helpers the tests share.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -82,11 +82,16 @@ std::string thrown(Fn&& fn) {
   return messageOf<std::runtime_error>(fn);
 }
 
-// What fn prints on stderr.
+// What fn prints on stderr (the capture ends also when fn throws).
 template <class Fn>
 std::string stderrOf(Fn&& fn) {
   ::testing::internal::CaptureStderr();
-  fn();
+  try {
+    fn();
+  } catch (...) {
+    ::testing::internal::GetCapturedStderr();
+    throw;
+  }
   return ::testing::internal::GetCapturedStderr();
 }
 

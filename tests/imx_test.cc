@@ -378,7 +378,9 @@ TEST_F(Imx, PackedDirectoryRoundTripsAndFlatQueriesSeeTheContainer) {
   EXPECT_EQ(le::forge::packImx(src, c), bundle.size() + 1);
   EXPECT_FALSE(exists(c + ".part"));
   char out[4096];
-  le::testing::stderrOf([&] { ASSERT_EQ(le_bundle_resolve_handle(c.c_str(), out, sizeof out), 1) << le_last_error(); });
+  int resolved = 0;
+  le::testing::stderrOf([&] { resolved = le_bundle_resolve_handle(c.c_str(), out, sizeof out); });
+  ASSERT_EQ(resolved, 1) << le_last_error();
   const std::string dir = out;
   EXPECT_EQ(tree(dir), tree(src));
   for (const auto& m : le::forge::bundleMembers(src))

@@ -315,9 +315,9 @@ TEST_F(RendererTest, GridSampleSwitches) {
   }
   {
     ScopedEnv norewrite("LE_GS_REWRITE", "0");
-    EXPECT_THAT(stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }), HasSubstr("[le] LE_GS_REWRITE=0: load-time std GridSample -> "
-                               "com.vantorix::GridSampleFast rewrite DISABLED (baked); the custom "
-                               "op is still registered"));
+    EXPECT_THAT(stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }),
+                HasSubstr("[le] LE_GS_REWRITE=0: load-time std GridSample -> com.vantorix::GridSampleFast "
+                          "rewrite DISABLED (baked); the custom op is still registered"));
   }
   EXPECT_THAT(stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "b1", 1, ""); }),
               HasSubstr("[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: 1 node(s) (b1)\n"));
