@@ -15,14 +15,6 @@
 
 namespace le::testing {
 
-// What fn writes to stderr.
-template <class Fn>
-std::string stderrOf(Fn&& fn) {
-  ::testing::internal::CaptureStderr();
-  fn();
-  return ::testing::internal::GetCapturedStderr();
-}
-
 // Runs fn(name) once on every vector target compiled in and supported here, then restores dispatch.
 template <class Fn>
 void onEveryTarget(Fn&& fn) {
