@@ -250,40 +250,40 @@ TEST(A2x, RefusalsAndBadArguments) {
   ScratchDir d("a2x_bad");
   const std::string dir = forgeAudioBundle(d, "b");
   ScopedEnv w2v("W2V_ONNX", w2vOf(dir).c_str());
-  auto refusal = [](const std::string& bundle) {
-    le_a2x* h = le_a2x_create(bundle.c_str(), 1);
+  // One member of the bundle replaced (or, with no bytes, removed) at a time, then restored.
+  auto refusal = [&](const std::string& member, const char* bytes, size_t n) {
+    const std::string path = dir + "/" + member, kept = le::readFile(path);
+    if (bytes) le::testing::writeFile(path, std::string(bytes, n)); else std::remove(path.c_str());
+    le_a2x* h = le_a2x_create(dir.c_str(), 1);
     le_a2x_destroy(h);
+    le::testing::writeFile(path, kept);
     return h ? std::string("(accepted)") : std::string(le_a2x_last_error());
   };
-  auto write = [](const std::string& path, const std::string& bytes) { le::testing::writeFile(path, bytes); };
+  const std::string meta = le::readFile(dir + "/a2x_meta.json");
+  const char causal[] = "{\"h\": 32, \"left\": 6, \"layers\": 2}";
+  const std::string shortPos(4 * 63, '\0');  // fewer than 2 rows of 32
 
   EXPECT_EQ(le_a2x_create(nullptr, 1), nullptr);
   EXPECT_STREQ(le_a2x_last_error(), "le_a2x_create: NULL bundle_dir");
-  const std::string noMeta = forgeAudioBundle(d, "nometa");
-  std::remove((noMeta + "/a2x_meta.json").c_str());
-  EXPECT_EQ(refusal(noMeta), "le_a2x_create: a2x_meta.json missing in " + noMeta);
-  const std::string causal = forgeAudioBundle(d, "causal");
-  write(causal + "/a2x_meta.json", "{\"h\": 32, \"left\": 6, \"layers\": 2}");
-  EXPECT_EQ(refusal(causal), "le_a2x_create: meta lacks causal window/left (not a streaming a2x)");
-  const std::string shortPos = forgeAudioBundle(d, "pos");
-  write(shortPos + "/a2x_pos.f32", std::string(4 * 63, '\0'));  // fewer than 2 rows of 32
-  EXPECT_EQ(refusal(shortPos), "le_a2x_create: pos/norm/xs_target read failed");
-  const std::string badEnc = forgeAudioBundle(d, "enc");
-  write(badEnc + "/a2x_enc_stream.onnx", "not a model");
-  EXPECT_EQ(refusal(badEnc).rfind("le_a2x_create: ", 0), 0u);
-  EXPECT_GT(refusal(badEnc).size(), std::string("le_a2x_create: ").size());
+  EXPECT_EQ(refusal("a2x_meta.json", nullptr, 0), "le_a2x_create: a2x_meta.json missing in " + dir);
+  EXPECT_EQ(refusal("a2x_meta.json", causal, sizeof causal - 1),
+            "le_a2x_create: meta lacks causal window/left (not a streaming a2x)");
+  EXPECT_EQ(refusal("a2x_pos.f32", shortPos.data(), shortPos.size()), "le_a2x_create: pos/norm/xs_target read failed");
+  const std::string badEnc = refusal("a2x_enc_stream.onnx", "not a model", 11);
+  EXPECT_EQ(badEnc.rfind("le_a2x_create: ", 0), 0u);
+  EXPECT_GT(badEnc.size(), std::string("le_a2x_create: ").size());
   {
     ScopedEnv none("W2V_ONNX", nullptr);
-    EXPECT_EQ(refusal(dir), "le_a2x_create: $W2V_ONNX not set");
+    EXPECT_EQ(refusal("a2x_meta.json", meta.data(), meta.size()), "le_a2x_create: $W2V_ONNX not set");
   }
   // The graph wins over the meta's width, with a warning.
-  const std::string liar = forgeAudioBundle(d, "liar");
-  write(liar + "/a2x_meta.json", "{\"h\": 32, \"window\": 1, \"left\": 6, \"layers\": 2, \"width\": 1}");
+  le::testing::writeFile(dir + "/a2x_meta.json", "{\"h\": 32, \"window\": 1, \"left\": 6, \"layers\": 2, \"width\": 1}");
   le_a2x* created = nullptr;
-  EXPECT_NE(le::testing::stderrOf([&] { created = le_a2x_create(liar.c_str(), 1); })
+  EXPECT_NE(le::testing::stderrOf([&] { created = le_a2x_create(dir.c_str(), 1); })
                 .find("[le_a2x] WARNING: a2x_meta width=1 but the encoder declares 1 output(s) — serving "
                       "the GRAPH (width=0). Repackage this bundle.\n"),
             std::string::npos);
+  le::testing::writeFile(dir + "/a2x_meta.json", meta);
   Handle lying(created);
   ASSERT_TRUE(lying.h);
   EXPECT_EQ(le_a2x_width(lying), 0);
