@@ -51,9 +51,16 @@ UttPipeline::UttPipeline(le_ctx* ctx, size_t frameBytes, const le_utt_opts& opts
       until_(std::chrono::steady_clock::now() + kPatience) {
   u = le_utt_create(ctx, &opts);
   if (!u) throw std::runtime_error(le_utt_last_error());
-  while (le_utt_ready(u) == 0)
-    if (!pull()) nap();
-  if (le_utt_ready(u) != 1) throw std::runtime_error(le_utt_last_error());
+  // A throwing constructor runs no destructor: the pipeline's threads must not outlive the
+  // context they render from.
+  try {
+    while (le_utt_ready(u) == 0)
+      if (!pull()) nap();
+    if (le_utt_ready(u) != 1) throw std::runtime_error(le_utt_last_error());
+  } catch (...) {
+    le_utt_destroy(u);
+    throw;
+  }
 }
 
 UttPipeline::~UttPipeline() { le_utt_destroy(u); }
