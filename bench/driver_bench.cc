@@ -39,9 +39,9 @@ const std::string& movie1080() {
     const std::string p = dir + "/le_driver_bench_1080p.mp4";
     struct stat st;
     if (::stat(p.c_str(), &st) == 0 && st.st_size > 0) return p;
-    media::MovieSpec spec;
-    spec.w = kW, spec.h = kH, spec.frames = kFrames, spec.gop = 50, spec.crf = 20, spec.preset = "veryfast";
-    media::writeMovie(p + ".part.mp4", spec, [](int i, uint8_t* const* d, const int* ls, int w, int h) {
+    le::forge::MovieSpec spec = media::movieSpec(kW, kH, 50);
+    spec.crf = 20, spec.threads = 2;
+    media::writeMovie(p + ".part.mp4", spec, kFrames, [](int i, uint8_t* const* d, const int* ls, int w, int h) {
       for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
           const unsigned n = (static_cast<unsigned>(x / 3 + i) * 2654435761u) ^ (static_cast<unsigned>(y / 3) * 40503u);

@@ -95,7 +95,7 @@ TEST(AudioIn, AnyAudioBecomesTheEngines16kMono) {
 TEST(AudioIn, NotAudioIsOneLineNamingTheFile) {
   const std::string text = scratch("notes.wav"), silent = scratch("silent.mp4"), empty = scratch("empty.mp3");
   le::testmedia::run("printf 'not audio at all\\n' > '" + text + "'; : > '" + empty + "'");
-  le::testmedia::writeMovie(silent, le::testmedia::MovieSpec{});
+  le::testmedia::writeMovie(silent, le::testmedia::movieSpec(), 12);
   for (const auto& [path, why] : {std::pair<std::string, std::string>{text, ""},
                                   {empty, ""},
                                   {silent, "holds no audio stream"},

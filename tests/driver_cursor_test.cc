@@ -337,14 +337,13 @@ struct Bundle {
     m = le::loadManifest(dir);
   }
   void movie(const std::string& member, int frames = -1) const {
-    media::writeMovie(dir + "/" + member, media::movieSpec(m.W, m.H, frames < 0 ? m.NT : frames));
+    media::writeMovie(dir + "/" + member, media::movieSpec(m.W, m.H), frames < 0 ? m.NT : frames);
   }
   void stills(const std::string& sub) const { media::writeJpegDir(dir + "/" + sub, m.W, m.H, m.NT); }
   void prior(const std::string& member) const {
-    media::MovieSpec spec;
-    spec.encoder = "libx265", spec.pixFmt = "yuv444p", spec.w = spec.h = m.crop, spec.frames = m.NT;
-    spec.preset = "ultrafast";
-    media::writeMovie(dir + "/" + member, spec);
+    le::forge::MovieSpec spec = media::movieSpec(m.crop, m.crop, 12, "yuv444p");
+    spec.encoder = "libx265", spec.preset = "ultrafast";
+    media::writeMovie(dir + "/" + member, spec, m.NT);
   }
 };
 
@@ -423,7 +422,7 @@ TEST(DriverCursorOpen, ChoosesBetweenStillsAndMovie) {
   {
     // a movie of the wrong size propagates the source's refusal
     Bundle b("open_wrong", "");
-    media::writeMovie(b.dir + "/target_frames.mp4", media::movieSpec(96, 48, 6));
+    media::writeMovie(b.dir + "/target_frames.mp4", media::movieSpec(96, 48), 6);
     EXPECT_EQ(openDrive(b), "THROW le_driver: " + b.dir +
                                 "/target_frames.mp4 is 96x48, the manifest says 80x48 — refusing to rescale the driver");
   }

@@ -42,60 +42,64 @@ std::vector<uint8_t> ffmpegDecode(const std::string& movie, const std::string& p
   return media::readBytes(out);
 }
 
-// Expected packed RGB of one yuv420p frame from the integer formula.
-std::vector<uint8_t> rgbFrom420(const uint8_t* yuv, int w, int h) {
-  const uint8_t* Y = yuv;
-  const uint8_t* U = Y + w * h;
-  const uint8_t* V = U + (w / 2) * (h / 2);
-  std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x)
-      media::yuvToRgbRef(Y[y * w + x], U[(y / 2) * (w / 2) + x / 2], V[(y / 2) * (w / 2) + x / 2],
-                      &rgb[(static_cast<size_t>(y) * w + x) * 3]);
-  return rgb;
-}
-
 std::vector<uint8_t> readAll(le::driver::Source& s) {
   std::vector<uint8_t> all, frame(s.frameBytes());
   while (s.next(frame.data())) all.insert(all.end(), frame.begin(), frame.end());
   return all;
 }
 
+// Every frame the source gives equals the ffmpeg tool's 4:2:0 decode of the movie through the
+// integer formula, and carries its index.
+void expectFormulaFrames(le::driver::Source& src, const std::string& movie, int w, int h, int n) {
+  const std::vector<uint8_t> yuv = ffmpegDecode(movie, "yuv420p");
+  const size_t yuvFrame = size_t(w) * h * 3 / 2, rgbFrame = size_t(w) * h * 3;
+  ASSERT_EQ(yuv.size(), yuvFrame * n);
+  const std::vector<uint8_t> all = readAll(src);
+  ASSERT_EQ(all.size(), rgbFrame * n);
+  std::vector<uint8_t> want(rgbFrame);
+  for (int i = 0; i < n; ++i) {
+    const uint8_t* Y = &yuv[yuvFrame * i];
+    const uint8_t *U = Y + w * h, *V = U + (w / 2) * (h / 2);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        const int c = (y / 2) * (w / 2) + x / 2;
+        media::yuvToRgbRef(Y[y * w + x], U[c], V[c], &want[(size_t(y) * w + x) * 3]);
+      }
+    ASSERT_EQ(0, std::memcmp(want.data(), &all[rgbFrame * i], rgbFrame)) << movie << " frame " << i;
+    EXPECT_EQ(media::frameTag(&all[rgbFrame * i], w), i);
+  }
+}
+
 }  // namespace
 
+// An H.264 movie and raw nv12 frames (interleaved chroma rows).
 TEST(MovieSource, MatchesFfmpegDecodeThroughTheFormulaAndSeeks) {
   const le::testing::ScratchDir tmp("movie_source");
   const std::string path = tmp / "drive.mp4";
-  media::writeMovie(path, media::movieSpec(96, 64, 30, 10));
-  const std::vector<uint8_t> yuv = ffmpegDecode(path, "yuv420p");
-  const size_t yuvFrame = 96 * 64 * 3 / 2, rgbFrame = 96 * 64 * 3;
-  ASSERT_EQ(yuv.size(), yuvFrame * 30);
-
+  media::writeMovie(path, media::movieSpec(96, 64, 10), 30);
   media::ScopedEnv hw("LE_DRIVER_HWDEC", nullptr);
   testing::internal::CaptureStderr();
   auto src = le::driver::openMp4(path, 30, 96, 64);
   const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(src->frameBytes(), rgbFrame);
+  EXPECT_EQ(src->frameBytes(), 96u * 64 * 3);
   EXPECT_EQ(src->name(), "mp4/libavcodec " + le::driver::libavcodecBuildVersion() + " h264");
   // Without a GPU the hardware decoder exists in FFmpeg but refuses to open.
   if (avcodec_find_decoder_by_name("h264_cuvid")) {
     EXPECT_THAT(err, HasSubstr("[le-driver] h264_cuvid refused " + path +
                                " — falling back to the software h264 decoder (same samples, more CPU)\n"));
   }
-
-  const std::vector<uint8_t> all = readAll(*src);
-  ASSERT_EQ(all.size(), rgbFrame * 30);
-  for (int i = 0; i < 30; ++i) {
-    const auto want = rgbFrom420(&yuv[yuvFrame * i], 96, 64);
-    ASSERT_EQ(0, std::memcmp(want.data(), &all[rgbFrame * i], rgbFrame)) << "frame " << i;
-    EXPECT_EQ(media::frameTag(&all[rgbFrame * i], 96), i);
-  }
+  expectFormulaFrames(*src, path, 96, 64, 30);
   // Residency: 4 frame threads + 5 frames of 4:2:0 plus the largest packet.
   EXPECT_GE(src->residentBytes(), (96 * 64 * 3 / 2) * 9u);
   EXPECT_LT(src->residentBytes(), (96 * 64 * 3 / 2) * 9u + 96 * 64 * 3);
-
   EXPECT_EQ(le::testing::thrown([&] { src->seek(30); }), "le_driver: seek outside the member");
   EXPECT_EQ(le::testing::thrown([&] { src->seek(-1); }), "le_driver: seek outside the member");
+
+  const std::string nv12 = tmp / "drive.nut";
+  le::forge::MovieSpec spec = media::movieSpec(64, 32, 12, "nv12");
+  spec.encoder = "rawvideo";
+  media::writeMovie(nv12, spec, 3);
+  expectFormulaFrames(*le::driver::openMp4(nv12, 3, 64, 32), nv12, 64, 32, 3);
 }
 
 TEST(MovieSource, RewindAndSeeksReplayTheSameFramesInEveryContainer) {
@@ -103,9 +107,7 @@ TEST(MovieSource, RewindAndSeeksReplayTheSameFramesInEveryContainer) {
   // A raw elementary stream has no index and no frame count; mkv none either.
   for (const char* name : {"drive.mp4", "drive.h264", "drive.mkv", "drive.mov"}) {
     const std::string path = tmp / name;
-    media::MovieSpec spec;
-    spec.frames = 14, spec.gop = 5;
-    media::writeMovie(path, spec);
+    media::writeMovie(path, media::movieSpec(96, 64, 5), 14);
     auto src = le::driver::openMp4(path, 14, 96, 64);
     const std::vector<uint8_t> first = readAll(*src);
     ASSERT_EQ(first.size(), src->frameBytes() * 14) << name;
@@ -123,37 +125,13 @@ TEST(MovieSource, RewindAndSeeksReplayTheSameFramesInEveryContainer) {
   }
 }
 
-TEST(MovieSource, Nv12RowsUseInterleavedChroma) {
-  const le::testing::ScratchDir tmp("nv12");
-  const std::string path = tmp / "drive.nut";
-  media::MovieSpec spec;
-  spec.encoder = "rawvideo", spec.pixFmt = "nv12", spec.w = 64, spec.h = 32, spec.frames = 3;
-  media::writeMovie(path, spec);
-  auto src = le::driver::openMp4(path, 3, 64, 32);
-  std::vector<uint8_t> got(64 * 32 * 3), want(64 * 32 * 3);
-  std::vector<uint8_t> Y(64 * 32), UV(64 * 16);
-  for (int i = 0; i < 3; ++i) {
-    ASSERT_TRUE(src->next(got.data()));
-    uint8_t* data[2] = {Y.data(), UV.data()};
-    int ls[2] = {64, 64};
-    media::fillPattern(i, "nv12", data, ls, 64, 32);
-    for (int y = 0; y < 32; ++y)
-      for (int x = 0; x < 64; ++x)
-        media::yuvToRgbRef(Y[y * 64 + x], UV[(y / 2) * 64 + (x / 2) * 2], UV[(y / 2) * 64 + (x / 2) * 2 + 1],
-                        &want[(y * 64 + x) * 3]);
-    ASSERT_EQ(got, want) << "frame " << i;
-  }
-  EXPECT_FALSE(src->next(got.data()));
-}
-
 TEST(MovieSource, PriorDecodesToHalfPlanesWithTheFixedPointFormula) {
   const le::testing::ScratchDir tmp("prior");
   const std::string path = tmp / "P_hevc.mov";
   const int side = 64, n = 4;
-  media::MovieSpec spec;
-  spec.encoder = "libx265", spec.pixFmt = "yuv444p", spec.w = side, spec.h = side, spec.frames = n;
-  spec.lossless = true, spec.preset = "ultrafast";
-  media::writeMovie(path, spec, [](int i, uint8_t* const* d, const int* ls, int w, int h) {
+  le::forge::MovieSpec spec = media::movieSpec(side, side, 12, "yuv444p");
+  spec.encoder = "libx265", spec.lossless = true, spec.preset = "ultrafast";
+  media::writeMovie(path, spec, n, [](int i, uint8_t* const* d, const int* ls, int w, int h) {
     for (int y = 0; y < h; ++y)
       for (int x = 0; x < w; ++x) {
         uint8_t Y = 16, U = 128, V = 128;  // frame 0: black
@@ -183,16 +161,16 @@ TEST(MovieSource, PriorDecodesToHalfPlanesWithTheFixedPointFormula) {
   ASSERT_EQ(yuv.size(), plane * 3 * n);
   uint16_t half[256];
   for (int v = 0; v < 256; ++v) half[v] = le::f32ToF16(static_cast<float>(v / 255.0));
+  std::vector<uint16_t> want(plane * 3);
   for (int i = 2; i < n; ++i) {
     ASSERT_TRUE(src->next(bytes));
     const uint8_t* Y = &yuv[plane * 3 * i];
     for (size_t p = 0; p < plane; ++p) {
       int rgb[3];
       media::yuv444ToRgbRef(Y[p], Y[plane + p], Y[2 * plane + p], rgb);
-      ASSERT_EQ(f[p], half[rgb[0]]) << "R at " << p << " frame " << i;
-      ASSERT_EQ(f[plane + p], half[rgb[1]]) << "G at " << p;
-      ASSERT_EQ(f[2 * plane + p], half[rgb[2]]) << "B at " << p;
+      for (size_t c = 0; c < 3; ++c) want[c * plane + p] = half[rgb[c]];
     }
+    ASSERT_EQ(f, want) << "frame " << i;
   }
   EXPECT_FALSE(src->next(bytes));
   // Mode 1 residency counts 4:4:4 frames.
@@ -202,10 +180,9 @@ TEST(MovieSource, PriorDecodesToHalfPlanesWithTheFixedPointFormula) {
 TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
   const le::testing::ScratchDir tmp("refusals");
   const std::string dir = tmp.path();
-  media::MovieSpec spec;
-  spec.frames = 6;
+  const le::forge::MovieSpec spec = media::movieSpec();
   const std::string good = dir + "/good.mp4";
-  media::writeMovie(good, spec);
+  media::writeMovie(good, spec, 6);
 
   EXPECT_EQ(le::testing::thrown([&] { le::driver::openMp4(good, 6, 96, 62); }),
             "le_driver: " + good + " is 96x64, the manifest says 96x62 — refusing to rescale the driver");
@@ -222,10 +199,8 @@ TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
             "le_driver: " + cut + " is not a readable container");
 
   // 4:2:2 fails at the first frame in mode 0.
-  media::MovieSpec s422 = spec;
-  s422.pixFmt = "yuv422p";
   const std::string m422 = dir + "/m422.mp4";
-  media::writeMovie(m422, s422);
+  media::writeMovie(m422, media::movieSpec(96, 64, 12, "yuv422p"), 6);
   auto src = le::driver::openMp4(m422, 6, 96, 64);
   std::vector<uint8_t> frame(96 * 64 * 6);
   EXPECT_EQ(le::testing::thrown([&] { src->next(frame.data()); }),
@@ -234,10 +209,8 @@ TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
                 "refusing rather than pasting onto a different pixel domain");
 
   // A yuv420p prior fails at the first frame in mode 1.
-  media::MovieSpec sq = spec;
-  sq.w = sq.h = 64;
   const std::string p420 = dir + "/p420.mov";
-  media::writeMovie(p420, sq);
+  media::writeMovie(p420, media::movieSpec(64, 64), 6);
   auto prior = le::driver::openPriorHevc(p420, 6, 64);
   EXPECT_EQ(le::testing::thrown([&] { prior->next(frame.data()); }),
             "le_driver: " + p420 +
@@ -246,7 +219,7 @@ TEST(MovieSource, RefusesMembersThatDisagreeWithTheManifest) {
 
   // A member that declares no frame count is accepted; only running past its end fails.
   const std::string mkv = dir + "/short.mkv";
-  media::writeMovie(mkv, spec);
+  media::writeMovie(mkv, spec, 6);
   auto shortSrc = le::driver::openMp4(mkv, 10, 96, 64);
   EXPECT_EQ(le::testing::thrown([&] { shortSrc->seek(8); }), "le_driver: " + mkv + " ended at frame 6 while seeking to 8");
 

@@ -7,16 +7,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <memory>
 #include <stdexcept>
 
 #include "tools/forge/forge.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libavutil/imgutils.h>
-#include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -29,31 +24,11 @@ constexpr int kTagBlock = 8;
 
 [[noreturn]] void fail(const std::string& what) { throw std::runtime_error("testmedia: " + what); }
 
-void check(int r, const char* what) {
-  if (r < 0) {
-    char buf[64];
-    av_strerror(r, buf, sizeof buf);
-    fail(std::string(what) + ": " + buf);
-  }
-}
-
 bool tagBit(int index, int x, int y) {
   if (y >= kTagBlock || x >= kTagBits * kTagBlock) return false;
   return (index >> (x / kTagBlock)) & 1;
 }
 bool inTag(int x, int y) { return y < kTagBlock && x < kTagBits * kTagBlock; }
-
-void drain(AVCodecContext* c, AVFormatContext* oc, AVStream* st, AVPacket* pkt) {
-  for (;;) {
-    int r = avcodec_receive_packet(c, pkt);
-    if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return;
-    check(r, "receive packet");
-    if (pkt->duration <= 0) pkt->duration = 1;  // else the muxer's edit list cuts the last frame
-    av_packet_rescale_ts(pkt, c->time_base, st->time_base);
-    pkt->stream_index = st->index;
-    check(av_interleaved_write_frame(oc, pkt), "write frame");
-  }
-}
 
 }  // namespace
 
@@ -85,72 +60,22 @@ void fillPattern(int index, const std::string& pixFmt, uint8_t* const* data, con
     }
 }
 
-void writeMovie(const std::string& path, const MovieSpec& spec, const FillFn& fill) {
-  // Encoders report statistics at info level; tests only want errors.
-  struct LogLevel {
-    int saved = av_log_get_level();
-    LogLevel() { av_log_set_level(AV_LOG_ERROR); }
-    ~LogLevel() { av_log_set_level(saved); }
-  } quiet;
-  AVFormatContext* ocRaw = nullptr;
-  check(avformat_alloc_output_context2(&ocRaw, nullptr, nullptr, path.c_str()), "output context");
-  std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> oc(ocRaw, [](AVFormatContext* o) {
-    if (o->pb) avio_closep(&o->pb);
-    avformat_free_context(o);
-  });
-  const AVCodec* codec = avcodec_find_encoder_by_name(spec.encoder.c_str());
-  if (!codec) fail("no encoder " + spec.encoder);
-  AVStream* st = avformat_new_stream(oc.get(), nullptr);
-  if (!st) fail("new stream");
-  std::unique_ptr<AVCodecContext, void (*)(AVCodecContext*)> c(avcodec_alloc_context3(codec),
-                                                               [](AVCodecContext* p) { avcodec_free_context(&p); });
-  c->width = spec.w;
-  c->height = spec.h;
-  c->pix_fmt = av_get_pix_fmt(spec.pixFmt.c_str());
-  if (c->pix_fmt == AV_PIX_FMT_NONE) fail("pixel format " + spec.pixFmt);
-  c->time_base = AVRational{1, spec.fps};
-  c->framerate = AVRational{spec.fps, 1};
-  c->gop_size = spec.gop;
-  if (oc->oformat->flags & AVFMT_GLOBALHEADER) c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-  AVDictionary* opts = nullptr;
-  if (spec.encoder == "libx264") {
-    av_dict_set(&opts, "preset", spec.preset.c_str(), 0);
-    if (spec.lossless)
-      av_dict_set(&opts, "qp", "0", 0);
-    else
-      av_dict_set(&opts, "crf", std::to_string(spec.crf).c_str(), 0);
-  } else if (spec.encoder == "libx265") {
-    av_dict_set(&opts, "preset", spec.preset.c_str(), 0);
-    av_dict_set(&opts, "x265-params", spec.lossless ? "log-level=error:lossless=1" : "log-level=error", 0);
-    if (!spec.lossless) av_dict_set(&opts, "crf", std::to_string(spec.crf).c_str(), 0);
-  }
-  const int opened = avcodec_open2(c.get(), codec, &opts);
-  av_dict_free(&opts);
-  check(opened, "open encoder");
-  check(avcodec_parameters_from_context(st->codecpar, c.get()), "parameters");
-  st->time_base = c->time_base;
-  if (!(oc->oformat->flags & AVFMT_NOFILE)) check(avio_open(&oc->pb, path.c_str(), AVIO_FLAG_WRITE), "open file");
-  check(avformat_write_header(oc.get(), nullptr), "header");
+forge::MovieSpec movieSpec(int w, int h, int gop, const std::string& pixFmt) {
+  forge::MovieSpec s;
+  s.width = w, s.height = h, s.gop = gop, s.pixFmt = pixFmt;
+  return s;
+}
 
-  std::unique_ptr<AVFrame, void (*)(AVFrame*)> frame(av_frame_alloc(), [](AVFrame* f) { av_frame_free(&f); });
-  std::unique_ptr<AVPacket, void (*)(AVPacket*)> pkt(av_packet_alloc(), [](AVPacket* p) { av_packet_free(&p); });
-  frame->format = c->pix_fmt;
-  frame->width = spec.w;
-  frame->height = spec.h;
-  check(av_frame_get_buffer(frame.get(), 0), "frame buffer");
-  for (int i = 0; i < spec.frames; ++i) {
-    check(av_frame_make_writable(frame.get()), "writable");
-    if (fill)
-      fill(i, frame->data, frame->linesize, spec.w, spec.h);
-    else
-      fillPattern(i, spec.pixFmt, frame->data, frame->linesize, spec.w, spec.h);
-    frame->pts = i;
-    check(avcodec_send_frame(c.get(), frame.get()), "send frame");
-    drain(c.get(), oc.get(), st, pkt.get());
-  }
-  check(avcodec_send_frame(c.get(), nullptr), "flush");
-  drain(c.get(), oc.get(), st, pkt.get());
-  check(av_write_trailer(oc.get()), "trailer");
+void writeMovie(const std::string& path, const forge::MovieSpec& spec, int frames, const FillFn& fill) {
+  forge::MovieWriter movie(path, spec);
+  for (int i = 0; i < frames; ++i)
+    movie.writePlanes([&](uint8_t* const* data, const int* linesize) {
+      if (fill)
+        fill(i, data, linesize, spec.width, spec.height);
+      else
+        fillPattern(i, spec.pixFmt, data, linesize, spec.width, spec.height);
+    });
+  movie.finish();
 }
 
 std::vector<uint8_t> patternRgb(int w, int h, int index) {

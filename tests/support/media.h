@@ -1,5 +1,4 @@
-// Real media for tests and benchmarks: movies encoded through libavcodec and JPEG stills
-// written by the forge. Every frame carries its index as a row of black/white blocks
+// Real media for tests and benchmarks: movies and JPEG stills written by the forge. Every frame carries its index as a row of black/white blocks
 // so that a reader can tell which frame it got.
 #pragma once
 
@@ -8,31 +7,20 @@
 #include <string>
 #include <vector>
 
+#include "tools/forge/forge_movie.h"
+
 namespace le::testmedia {
 
-struct MovieSpec {
-  std::string encoder = "libx264";  // any libavcodec encoder: libx264, libx265, rawvideo, ...
-  std::string pixFmt = "yuv420p";
-  int w = 96, h = 64, frames = 12, fps = 25;
-  bool lossless = false;  // x264 qp 0 / x265 lossless
-  int crf = 20;
-  std::string preset = "veryfast";
-  int gop = 12;  // keyframe interval
-};
-
-// The default spec with the frame size and count, and the keyframe interval, set.
-inline MovieSpec movieSpec(int w, int h, int frames, int gop = 12) {
-  MovieSpec s;
-  s.w = w, s.h = h, s.frames = frames, s.gop = gop;
-  return s;
-}
+// The forge's movie spec for test media: libx264 frames given as planes of pixFmt (any libavcodec
+// encoder and pixel format can be set on it), w x h, a keyframe every gop frames.
+forge::MovieSpec movieSpec(int w = 96, int h = 64, int gop = 12, const std::string& pixFmt = "yuv420p");
 
 // Writes the samples of frame `index` into data/linesize (planes as the pixel format lays them).
 using FillFn = std::function<void(int index, uint8_t* const* data, const int* linesize, int w, int h)>;
 
-// Encodes spec.frames frames into path; the container follows the file extension (.mp4, .mov,
-// .mkv, .nut). Throws std::runtime_error on any failure.
-void writeMovie(const std::string& path, const MovieSpec& spec, const FillFn& fill = {});
+// Encodes `frames` frames (fillPattern unless fill is given) through the forge's movie writer; the
+// container follows the file extension (.mp4, .mov, .mkv, .nut). Throws std::runtime_error.
+void writeMovie(const std::string& path, const forge::MovieSpec& spec, int frames, const FillFn& fill = {});
 
 // The default content: a moving colour gradient with the index blocks on top. Works for planar
 // yuv formats and nv12.

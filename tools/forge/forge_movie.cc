@@ -11,6 +11,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
 }
 
 #include "le/le_util.h"
@@ -160,7 +161,9 @@ MovieWriter::MovieWriter(const std::string& path, const MovieSpec& spec) : impl_
   m.spec = spec;
   m.path = path;
   if (spec.width < 1 || spec.height < 1) m.fail("bad movie size");
-  if (spec.chroma != Chroma::Yuv444 && spec.chroma != Chroma::Rgb && (spec.width % 2 || (spec.chroma == Chroma::Yuv420 && spec.height % 2)))
+  const bool planes = !spec.pixFmt.empty();
+  if (!planes && spec.chroma != Chroma::Yuv444 && spec.chroma != Chroma::Rgb &&
+      (spec.width % 2 || (spec.chroma == Chroma::Yuv420 && spec.height % 2)))
     m.fail("a subsampled movie needs an even size, got " + std::to_string(spec.width) + "x" +
            std::to_string(spec.height));
   if (avformat_alloc_output_context2(&m.fmt, nullptr, nullptr, path.c_str()) < 0 || !m.fmt)
@@ -173,19 +176,22 @@ MovieWriter::MovieWriter(const std::string& path, const MovieSpec& spec) : impl_
   m.pkt = av_packet_alloc();
   if (!m.stream || !m.enc || !m.frame || !m.pkt) m.fail("out of memory");
 
-  const AVPixelFormat pix = spec.chroma == Chroma::Yuv420   ? AV_PIX_FMT_YUV420P
+  const AVPixelFormat pix = planes                          ? av_get_pix_fmt(spec.pixFmt.c_str())
+                            : spec.chroma == Chroma::Yuv420 ? AV_PIX_FMT_YUV420P
                             : spec.chroma == Chroma::Yuv422 ? AV_PIX_FMT_YUV422P
                             : spec.chroma == Chroma::Rgb    ? AV_PIX_FMT_RGB24
                                                             : AV_PIX_FMT_YUV444P;
+  if (pix == AV_PIX_FMT_NONE) m.fail("unknown pixel format " + spec.pixFmt);
   AVCodecContext* e = m.enc;
   e->width = spec.width;
   e->height = spec.height;
   e->pix_fmt = pix;
   e->time_base = AVRational{1, spec.fps};
   e->framerate = AVRational{spec.fps, 1};
-  e->gop_size = spec.fps;
+  e->gop_size = spec.gop > 0 ? spec.gop : spec.fps;
   e->thread_count = spec.threads;
-  const bool rgb = spec.chroma == Chroma::Rgb;  // the decoder hands back planar RGB, untouched
+  // RGB: the decoder hands back planar RGB, untouched
+  const bool rgb = (av_pix_fmt_desc_get(pix)->flags & AV_PIX_FMT_FLAG_RGB) != 0;
   e->color_range = rgb ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
   e->colorspace = rgb ? AVCOL_SPC_RGB : AVCOL_SPC_SMPTE170M;
   e->color_primaries = AVCOL_PRI_SMPTE170M;
@@ -203,6 +209,7 @@ MovieWriter::MovieWriter(const std::string& path, const MovieSpec& spec) : impl_
   if (spec.encoder == "libx265") {
     std::string x265 = "log-level=error:info=0";
     if (spec.threads == 1) x265 += ":pools=none:frame-threads=1:wpp=0:lookahead-slices=0";
+    if (spec.lossless) x265 += ":lossless=1";
     av_dict_set(&opts, "x265-params", x265.c_str(), 0);
   }
   const int rc = avcodec_open2(e, codec, &opts);
@@ -240,8 +247,19 @@ MovieWriter::~MovieWriter() {
 void MovieWriter::write(const uint8_t* rgb) {
   Impl& m = *impl_;
   if (m.finished) m.fail("frame after finish");
+  if (!m.spec.pixFmt.empty()) m.fail("packed RGB written to a movie of " + m.spec.pixFmt + " planes");
   if (av_frame_make_writable(m.frame) < 0) m.fail("out of memory");
   m.convert(rgb);
+  m.frame->pts = m.pts++;
+  m.drain(m.enc, m.stream, m.frame);
+}
+
+void MovieWriter::writePlanes(const PlaneFill& fill) {
+  Impl& m = *impl_;
+  if (m.finished) m.fail("frame after finish");
+  if (m.spec.pixFmt.empty()) m.fail("planes written to a movie of packed RGB frames");
+  if (av_frame_make_writable(m.frame) < 0) m.fail("out of memory");
+  fill(m.frame->data, m.frame->linesize);
   m.frame->pts = m.pts++;
   m.drain(m.enc, m.stream, m.frame);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -21,6 +22,11 @@ struct MovieSpec {
   int threads = 1;     // 1 keeps the output deterministic
   std::string preset = "veryfast";
   int audioRate = 0;   // > 0: also a mono AAC track of this many samples per second (writeAudio)
+  int gop = 0;         // keyframe interval; 0: one keyframe a second
+  // When set, frames arrive as planes of this libavcodec pixel format (writePlanes) for any
+  // encoder, rawvideo included; chroma is then unused.
+  std::string pixFmt;
+  bool lossless = false;  // libx265's lossless mode (libx264 is lossless at qp 0)
 };
 
 // Writes one video stream (and optionally one audio stream) into the container chosen by the file name (.mp4, .mov, ...).
@@ -35,6 +41,9 @@ class MovieWriter {
 
   // One frame of width×height×3 bytes.
   void write(const uint8_t* rgb);
+  // One frame in the planes of spec.pixFmt: fill writes the samples into data/linesize.
+  using PlaneFill = std::function<void(uint8_t* const* data, const int* linesize)>;
+  void writePlanes(const PlaneFill& fill);
   // Mono 16-bit samples of the audio track, in order; the muxer interleaves them with the
   // frames, so feed them in step with the frames to keep memory flat.
   void writeAudio(const int16_t* pcm, size_t n);
