@@ -34,6 +34,17 @@ inline std::string forgeAudioBundle(const le::testing::ScratchDir& d, const std:
   return le::forge::forgeBundle(d / name, p).dir;
 }
 
+// A handle that is destroyed with its scope.
+struct Handle {
+  le_a2x* h;
+  explicit Handle(const std::string& dir, int eager = 1) : h(le_a2x_create(dir.c_str(), eager)) {}
+  explicit Handle(le_a2x* created) : h(created) {}
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+  ~Handle() { le_a2x_destroy(h); }
+  operator le_a2x*() const { return h; }
+};
+
 // Every frame of a closed utterance pushed in one piece: target, driven and width rows.
 struct Pulled {
   std::vector<int> si;

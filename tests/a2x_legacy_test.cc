@@ -91,26 +91,11 @@ TEST(A2xLegacy, StreamAndOfflineAgreeWithReference) {
   const AudioOptions o = legacy();
   const std::string dir = forgeAudioBundle(d, "b", o);
   ScopedEnv w2v("W2V_ONNX", w2vOf(dir).c_str());
-  const std::vector<float>& audio = longSpeech();
-  const int frames = static_cast<int>((audio.size() + 639) / 640);
-  le_a2x* h = le_a2x_create(dir.c_str(), 0);
-  ASSERT_TRUE(h) << le_a2x_last_error();
-  const Pulled p = pullAll(h, audio);
-  ASSERT_EQ(p.frames, frames) << le_a2x_last_error();
-  std::vector<float> got(p.driven.size()), out(size_t(frames) * 63);
-  for (size_t i = 0; i < got.size(); ++i) got[i] = p.driven[i] - p.target[i];
-  ASSERT_EQ(le_a2x_deltas(h, audio.data(), int(audio.size()), out.data(), frames), frames);
-  le_a2x_destroy(h);
-
+  Handle h(dir, 0);
+  ASSERT_TRUE(h.h) << le_a2x_last_error();
   const Reference ref(dir, w2vOf(dir), o.window, o.left, o.layers);
-  const std::vector<float> feat = ref.featuresLegacy(audio);
-  std::vector<float> enc, wn, prev(63, 0.0f), hid(size_t(ref.hidden()), 0.0f);
-  ref.encode(feat, frames, 64, true, enc, wn);
-  EXPECT_LT(maxAbsDiff(got, ref.decode(enc, frames, prev, hid)), 1e-6);
-  ref.encode(feat, frames, 24, false, enc, wn);
-  prev.assign(63, 0.0f);
-  hid.assign(size_t(ref.hidden()), 0.0f);
-  EXPECT_LT(maxAbsDiff(out, ref.decode(enc, frames, prev, hid)), 1e-6);
+  const std::vector<float> feat = ref.featuresLegacy(longSpeech());
+  expectAgreement(h, ref, longSpeech(), feat, feat);
 }
 
 // An open utterance whose look-ahead (2 x 2 frames) exceeds the right context (2): the ready
@@ -123,44 +108,42 @@ TEST(A2xLegacy, OpenUtteranceReadsOnlyComputedOrZeroRows) {
   const std::string dir = forgeAudioBundle(d, "b", o);
   ScopedEnv w2v("W2V_ONNX", w2vOf(dir).c_str());
   ScopedEnv right("LE_A2X_W2V_RIGHT", "2");
-  le_a2x* h = le_a2x_create(dir.c_str(), 1);
-  ASSERT_TRUE(h) << le_a2x_last_error();
+  Handle h(dir);
+  ASSERT_TRUE(h.h) << le_a2x_last_error();
   const std::vector<float> audio(longSpeech().begin() + 8000, longSpeech().begin() + 8000 + 3 * 5120);
   le_a2x_push(h, audio.data(), int(audio.size()));
-  std::vector<int> si(32);
-  std::vector<float> t(32 * 63), dr(32 * 63);
-  const int n = le_a2x_pull(h, si.data(), t.data(), dr.data(), 32);
-  ASSERT_EQ(n, 20) << le_a2x_last_error();  // horizon 24 - look-ahead 4
+  Pulled open;
+  drain(h, open);
+  ASSERT_EQ(open.si.size(), 20u) << le_a2x_last_error();  // horizon 24 - look-ahead 4
   EXPECT_EQ(le_a2x_total(h), -1);
 
   const Reference ref(dir, w2vOf(dir), o.window, o.left, o.layers);
-  std::vector<float> feat(24 * 9216, 0.0f);
+  std::vector<float> feat(24 * 9216, 0.0f), got(open.driven.size());
   Reference::takeRows(ref.window8(audio, 0), 0, 0, 22, feat);
-  std::vector<float> enc, wn, prev(63, 0.0f), hid(size_t(ref.hidden()), 0.0f);
-  ref.encode(feat, 24, 24, true, enc, wn);  // one chunk: frames 0..19 with input up to 24
-  const std::vector<float> want = ref.decode(enc, 20, prev, hid);
-  for (int f = 0; f < n; ++f)
-    for (int k = 0; k < 63; ++k)
-      EXPECT_NEAR(dr[size_t(f) * 63 + k] - t[size_t(f) * 63 + k], want[size_t(f) * 63 + k], 1e-6) << f;
+  for (size_t i = 0; i < got.size(); ++i) got[i] = open.driven[i] - open.target[i];
+  const std::vector<float> want = ref.deltas(feat, 24, 24, true);  // one chunk: frames 0..19 read up to 24
+  EXPECT_LT(maxAbsDiff(got, std::vector<float>(want.begin(), want.begin() + 20 * 63)), 1e-6);
 
   // After finish every frame is ready and the window is run again with the whole audio.
   le_a2x_finish(h);
   EXPECT_EQ(le_a2x_total(h), 24);
-  EXPECT_EQ(le_a2x_pull(h, si.data(), t.data(), dr.data(), 32), 4);
-  le_a2x_destroy(h);
+  drain(h, open);
+  EXPECT_EQ(open.si.size(), 24u);
 
   // No look-ahead, right context 12: 5119 samples give a horizon of 8 and nothing ready.
   const std::string flat = forgeAudioBundle(d, "flat", legacy(0));
   ScopedEnv twelve("LE_A2X_W2V_RIGHT", nullptr);
-  h = le_a2x_create(flat.c_str(), 1);
-  ASSERT_TRUE(h) << le_a2x_last_error();
-  le_a2x_push(h, longSpeech().data(), 5119);
-  EXPECT_EQ(le_a2x_avail(h), 0);
-  EXPECT_EQ(le_a2x_pull(h, si.data(), t.data(), dr.data(), 32), 0);
-  le_a2x_finish(h);
-  EXPECT_EQ(le_a2x_avail(h), 8);
-  EXPECT_EQ(le_a2x_pull(h, si.data(), t.data(), dr.data(), 32), 8);
-  le_a2x_destroy(h);
+  Handle f(flat);
+  ASSERT_TRUE(f.h) << le_a2x_last_error();
+  le_a2x_push(f, longSpeech().data(), 5119);
+  EXPECT_EQ(le_a2x_avail(f), 0);
+  Pulled none;
+  drain(f, none);
+  EXPECT_TRUE(none.si.empty());
+  le_a2x_finish(f);
+  EXPECT_EQ(le_a2x_avail(f), 8);
+  drain(f, none);
+  EXPECT_EQ(none.si.size(), 8u);
 }
 
 }  // namespace

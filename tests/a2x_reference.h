@@ -5,16 +5,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <iterator>
-#include <cstdio>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "le/render/le_ort.h"
+#include "tests/a2x_fixture.h"
 #include "tests/bundle_fixture.h"
 #include "tests/onnx_ort.h"
 
@@ -51,6 +48,7 @@ class Reference {
   }
 
   int hidden() const { return h_; }
+  bool width() const { return width_; }
 
   // Runs s on float inputs; returns the named outputs.
   static std::vector<Ort::Value> run(Ort::Session& s, const std::vector<le::test::Feed>& feeds,
@@ -205,11 +203,24 @@ class Reference {
   void prime(int n, std::vector<float>& prev, std::vector<float>& hid) const {
     std::vector<float> feat(size_t(n) * 9216);
     takeRows(window8(std::vector<float>(128000, 0.0f), 0), 0, 0, n, feat);
-    std::vector<float> enc, wn;
-    encode(feat, n, n, false, enc, wn);
     prev.assign(63, 0.0f);
     hid.assign(size_t(h_), 0.0f);
-    decode(enc, n, prev, hid);
+    deltas(feat, n, n, false, nullptr, prev, hid);
+  }
+
+  // encode, then decode from the state (prev, hid), which it advances; widths into wn if given.
+  std::vector<float> deltas(const std::vector<float>& feat, int frames, int chunk, bool clip, std::vector<float>* wn,
+                            std::vector<float>& prev, std::vector<float>& hid) const {
+    std::vector<float> enc, w;
+    encode(feat, frames, chunk, clip, enc, w);
+    if (wn) *wn = w;
+    return decode(enc, frames, prev, hid);
+  }
+  // The same from the zero state.
+  std::vector<float> deltas(const std::vector<float>& feat, int frames, int chunk, bool clip,
+                            std::vector<float>* wn = nullptr) const {
+    std::vector<float> prev(63, 0.0f), hid(size_t(h_), 0.0f);
+    return deltas(feat, frames, chunk, clip, wn, prev, hid);
   }
 
  private:
@@ -225,5 +236,36 @@ class Reference {
   std::unique_ptr<Ort::Session> w2v_, trunk_, head_, enc_, dec_;
   std::vector<float> pos_, mean_, scale_;
 };
+
+// The engine on h against ref: the pulls of a closed utterance (chunks of 64, clipped at the
+// positional table) from featStream, the offline deltas (chunks of 24) from featOffline, both from
+// the decoder state after `prime` frames of silence (none: zeros), and the widths when the encoder
+// has them. The pulls go to *stream.
+inline void expectAgreement(le_a2x* h, const Reference& ref, const std::vector<float>& audio,
+                            const std::vector<float>& featStream, const std::vector<float>& featOffline,
+                            int prime = 0, Pulled* stream = nullptr) {
+  const int frames = static_cast<int>((audio.size() + 639) / 640);
+  std::vector<float> prev0(63, 0.0f), hid0(size_t(ref.hidden()), 0.0f);
+  if (prime) ref.prime(prime, prev0, hid0);
+  const Pulled p = pullAll(h, audio);
+  if (stream) *stream = p;
+  ASSERT_EQ(p.frames, frames) << le_a2x_last_error();
+  std::vector<float> got(p.driven.size()), wn, prev = prev0, hid = hid0;
+  for (size_t i = 0; i < got.size(); ++i) got[i] = p.driven[i] - p.target[i];
+  EXPECT_LT(maxAbsDiff(got, ref.deltas(featStream, frames, 64, true, &wn, prev, hid)), 1e-6) << "stream";
+  if (ref.width()) {
+    EXPECT_LT(maxAbsDiff(p.wn, wn), 1e-6);
+  }
+
+  std::vector<float> out(static_cast<size_t>(frames) * 63), outWn(static_cast<size_t>(frames));
+  const int n = ref.width() ? le_a2x_deltas_wn(h, audio.data(), int(audio.size()), out.data(), outWn.data(), frames)
+                            : le_a2x_deltas(h, audio.data(), int(audio.size()), out.data(), frames);
+  ASSERT_EQ(n, frames) << le_a2x_last_error();
+  prev = prev0, hid = hid0;
+  EXPECT_LT(maxAbsDiff(out, ref.deltas(featOffline, frames, 24, false, &wn, prev, hid)), 1e-6) << "offline";
+  if (ref.width()) {
+    EXPECT_LT(maxAbsDiff(outWn, wn), 1e-6);
+  }
+}
 
 }  // namespace le::testa2x

@@ -3,12 +3,10 @@
 #include "le/le_simd.h"
 
 #include <gtest/gtest.h>
-#include <hwy/targets.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -16,6 +14,7 @@
 #include "tests/support/fold_paste_ref.h"
 #include "tests/support/media.h"
 #include "tests/tessera_reference.h"
+#include "tests/test_util2.h"
 
 namespace {
 
@@ -126,54 +125,47 @@ void refPasteRow(const PasteArgs& a, uint8_t* dst) {
 
 // ---- running on every target ---------------------------------------------------------
 
-// The compiled targets the processor can run, best first.
-std::vector<int64_t> runnableTargets() {
-  hwy::SetSupportedTargetsForTest(0);
-  const int64_t mask = le::simd::compiledTargets() & hwy::SupportedTargets();
-  std::vector<int64_t> out;
-  for (int64_t m = mask; m; m &= m - 1) out.push_back(m & -m);
-  return out;
+// Runs body once per runnable target with dispatch forced to that target, which the engine names.
+template <class Fn>
+void forEachTarget(Fn&& body) {
+  le::testing::onEveryTarget([&](const char* name) {
+    ASSERT_STREQ(name, le::simd::target());
+    SCOPED_TRACE(std::string("target ") + name);
+    body();
+  });
 }
 
-// Runs body once per runnable target with dispatch forced to that target.
-void forEachTarget(const std::function<void(const std::string&)>& body) {
-  const std::vector<int64_t> targets = runnableTargets();
-  ASSERT_FALSE(targets.empty());
-  for (int64_t t : targets) {
-    hwy::SetSupportedTargetsForTest(t);
-    const std::string name = hwy::TargetName(t);
-    ASSERT_EQ(name, le::simd::target());
-    SCOPED_TRACE("target " + name);
-    body(name);
-    // Forcing a target resets the dispatch choice; the kernels above made it again.
-    EXPECT_TRUE(hwy::GetChosenTarget().IsInitialized());
-  }
-  hwy::SetSupportedTargetsForTest(0);
+// Equal element for element (floats by their bits), naming the first difference.
+template <class T>
+::testing::AssertionResult same(const std::vector<T>& got, const std::vector<T>& want) {
+  if (got.size() != want.size())
+    return ::testing::AssertionFailure() << got.size() << " vs " << want.size() << " values";
+  for (size_t i = 0; i < got.size(); ++i)
+    if (std::memcmp(&got[i], &want[i], sizeof(T)) != 0)
+      return ::testing::AssertionFailure() << "first difference at " << i << ": " << +got[i] << " vs " << +want[i];
+  return ::testing::AssertionSuccess();
 }
 
 const size_t kLengths[] = {0, 1, 3, 7, 8, 15, 16, 17, 31, 33, 63, 64, 65, 100, 131};
 
 TEST(SimdHalf, WideningAllHalvesExact) {
   std::vector<uint16_t> all(65536);
-  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<uint16_t>(i);
-  std::vector<uint32_t> want(65536);
-  for (size_t i = 0; i < all.size(); ++i) want[i] = bitsOf(refHalfToFloat(all[i]));
-  forEachTarget([&](const std::string&) {
-    std::vector<float> got(65536);
+  std::vector<float> want(65536);
+  for (size_t i = 0; i < all.size(); ++i) want[i] = refHalfToFloat(all[i] = static_cast<uint16_t>(i));
+  forEachTarget([&] {
+    std::vector<float> got(65536), widened(65536);
     le::simd::f16ToF32(all.data(), got.data(), all.size());
-    for (size_t i = 0; i < all.size(); ++i) ASSERT_EQ(bitsOf(got[i]), want[i]) << "half " << std::hex << i;
-    // Every start offset and length exercises the scalar tail on the same values.
+    ASSERT_TRUE(same(got, want));
+    // Every length and start offset: the scalar tail on the same values, nothing written past n.
     for (size_t len : kLengths)
-      for (size_t off = 0; off < 3; ++off) {
-        std::vector<float> part(len + 1, -7.0f);
-        const size_t base = 0x7BF0 + off * 977;
+      for (size_t base = 0x7BF0; base < 0x7BF0 + 3 * 977; base += 977) {
+        std::vector<float> part(len + 1, -7.0f), exp(want.begin() + long(base), want.begin() + long(base + len));
+        exp.push_back(-7.0f);
         le::simd::f16ToF32(all.data() + base, part.data(), len);
-        for (size_t i = 0; i < len; ++i) ASSERT_EQ(bitsOf(part[i]), want[base + i]);
-        ASSERT_EQ(part[len], -7.0f);  // nothing past n
+        ASSERT_TRUE(same(part, exp));
       }
-    std::vector<float> widened(65536);
     le::halfToFloat(all.data(), widened.data(), all.size());
-    ASSERT_EQ(0, std::memcmp(widened.data(), got.data(), sizeof(float) * 65536));
+    ASSERT_TRUE(same(widened, got));
   });
 }
 
@@ -203,29 +195,22 @@ TEST(SimdHalf, NarrowingMatchesNearestEven) {
   const std::vector<float> in = probeFloats();
   std::vector<uint16_t> want(in.size());
   for (size_t i = 0; i < in.size(); ++i) want[i] = refFloatToHalf(in[i]);
-  forEachTarget([&](const std::string&) {
+  forEachTarget([&] {
     std::vector<uint16_t> got(in.size());
     le::simd::f32ToF16(in.data(), got.data(), in.size());
-    for (size_t i = 0; i < in.size(); ++i)
-      ASSERT_EQ(got[i], want[i]) << "float bits " << std::hex << bitsOf(in[i]);
+    ASSERT_TRUE(same(got, want));
     for (size_t len : kLengths) {
-      std::vector<uint16_t> part(len + 1, 0xABCD);
+      std::vector<uint16_t> part(len + 1, 0xABCD), exp(want.begin() + 5, want.begin() + 5 + long(len));
+      exp.push_back(0xABCD);
       le::simd::f32ToF16(in.data() + 5, part.data(), len);
-      for (size_t i = 0; i < len; ++i) ASSERT_EQ(part[i], want[5 + i]);
-      ASSERT_EQ(part[len], 0xABCD);
+      ASSERT_TRUE(same(part, exp));
     }
   });
-}
-
-TEST(SimdHalf, ScalarConversionSaturatesNaNToInfinity) {
-  for (float f : probeFloats()) {
+  // The scalar conversion saturates NaNs to infinity: everything from 65536 up is infinite.
+  for (float f : in) {
     const uint32_t b = bitsOf(f);
-    const uint16_t got = le::f32ToF16(f);
-    const uint16_t sign = static_cast<uint16_t>((b >> 16) & 0x8000);
-    if ((b & 0x7FFFFFFF) >= 0x47800000u)  // >= 65536, infinities and NaNs
-      ASSERT_EQ(got, sign | 0x7C00) << std::hex << b;
-    else
-      ASSERT_EQ(got, refFloatToHalf(f)) << std::hex << b;
+    const uint16_t inf = static_cast<uint16_t>(((b >> 16) & 0x8000) | 0x7C00);
+    ASSERT_EQ(le::f32ToF16(f), (b & 0x7FFFFFFF) >= 0x47800000u ? inf : refFloatToHalf(f)) << std::hex << b;
   }
 }
 
@@ -239,106 +224,89 @@ TEST(SimdHalf, RoundMulAndRgbPlanes) {
     b[i] = ub(rng);
   }
   a[3] = std::nanf(""), a[4] = INFINITY, a[5] = 1e-9f;
-  std::vector<float> want(a.size());
-  for (size_t i = 0; i < a.size(); ++i) want[i] = refRoundHalf(a[i]) * b[i];
-
   // Every byte value in every channel position, with planes further apart than n.
   std::vector<uint8_t> rgb(3 * 300);
   for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>((i * 7 + i / 3) & 255);
   rgb[0] = 255, rgb[1] = 0;
-  forEachTarget([&](const std::string&) {
+  forEachTarget([&] {
     for (size_t len : {a.size(), size_t{0}, size_t{9}, size_t{17}, size_t{35}}) {
-      std::vector<float> got(len + 1, 5.0f);
+      // f(i) for the first len values, then the sentinel nothing may overwrite
+      const auto expect = [&](auto f) {
+        std::vector<float> w(len + 1, 5.0f);
+        for (size_t i = 0; i < len; ++i) w[i] = f(i);
+        return w;
+      };
+      std::vector<float> got(len + 1, 5.0f), rounded(a.begin(), a.begin() + std::ptrdiff_t(len));
       le::simd::roundF16Mul(a.data(), b.data(), got.data(), len);
-      for (size_t i = 0; i < len; ++i) ASSERT_EQ(bitsOf(got[i]), bitsOf(want[i])) << i;
-      ASSERT_EQ(got[len], 5.0f);
-      std::vector<float> rounded(a.begin(), a.begin() + std::ptrdiff_t(len));
+      ASSERT_TRUE(same(got, expect([&](size_t i) { return refRoundHalf(a[i]) * b[i]; })));
       rounded.push_back(5.0f);
       le::simd::roundF16(rounded.data(), rounded.data(), len);  // in place
-      for (size_t i = 0; i < len; ++i) ASSERT_EQ(bitsOf(rounded[i]), bitsOf(refRoundHalf(a[i]))) << i;
-      ASSERT_EQ(rounded[len], 5.0f);
+      ASSERT_TRUE(same(rounded, expect([&](size_t i) { return refRoundHalf(a[i]); })));
       for (double w : {0.0, 0.3017, 0.999}) {
         le::simd::blendRoundF16(a.data(), b.data(), w, got.data(), len);
-        for (size_t i = 0; i < len; ++i)
-          ASSERT_EQ(bitsOf(got[i]), bitsOf(refRoundHalf(float(double(a[i]) * (1.0 - w) + double(b[i]) * w)))) << i;
-        ASSERT_EQ(got[len], 5.0f);
+        const auto blend = [&](size_t i) { return refRoundHalf(float(double(a[i]) * (1.0 - w) + double(b[i]) * w)); };
+        ASSERT_TRUE(same(got, expect(blend)));
       }
     }
     for (size_t n : {size_t{300}, size_t{1}, size_t{19}, size_t{64}}) {
       const size_t stride = n + 11;
-      std::vector<uint16_t> out(3 * stride, 0xEEEE);
-      le::simd::rgb8ToPlanarF16(rgb.data(), out.data(), stride, n);
+      std::vector<uint16_t> out(3 * stride, 0xEEEE), want(3 * stride, 0xEEEE);
       for (size_t k = 0; k < 3; ++k)
-        for (size_t i = 0; i < stride; ++i) {
-          const uint16_t exp = i < n ? refFloatToHalf(static_cast<float>(rgb[3 * i + k]) / 255.0f) : 0xEEEE;
-          ASSERT_EQ(out[k * stride + i], exp) << "channel " << k << " pixel " << i;
-        }
+        for (size_t i = 0; i < n; ++i) want[k * stride + i] = refFloatToHalf(float(rgb[3 * i + k]) / 255.0f);
+      le::simd::rgb8ToPlanarF16(rgb.data(), out.data(), stride, n);
+      ASSERT_TRUE(same(out, want)) << n << " pixels";
     }
   });
 }
 
 TEST(SimdRetrieve, TermsFollowIndexOrder) {
   std::mt19937 rng(99);
+  const auto randomHalf = [&](uint32_t range, float div) { return refFloatToHalf(float(rng() % range) / div); };
   const size_t n = 1037;
   std::vector<uint16_t> a(3 * n), b(3 * n), wh(n);
-  std::vector<float> wf(n);
-  for (size_t i = 0; i < 3 * n; ++i) {
-    a[i] = refFloatToHalf(static_cast<float>(rng() % 100000) / 100000.0f);
-    b[i] = refFloatToHalf(static_cast<float>(rng() % 100000) / 100000.0f);
-  }
-  for (size_t i = 0; i < n; ++i) {
-    wh[i] = refFloatToHalf(static_cast<float>(rng() % 1000) / 997.0f);
-    wf[i] = (i % 7 == 3) ? 0.0f : static_cast<float>(rng() % 5000) / 313.0f;
-  }
+  std::vector<float> wf(n), wzero(n, 0.0f);
+  for (size_t i = 0; i < 3 * n; ++i) a[i] = randomHalf(100000, 1e5f), b[i] = randomHalf(100000, 1e5f);
+  for (size_t i = 0; i < n; ++i) wh[i] = randomHalf(1000, 997.0f), wf[i] = float(rng() % 5000) / 313.0f;
   // Infinities only where the exact weight is zero: those pixels must not count.
   std::vector<uint16_t> ainf = a;
-  std::vector<float> wzero(n, 0.0f);
-  for (size_t i = 0; i < n; i += 7) ainf[i] = 0x7C00, ainf[n + i] = 0xFC00;
-  for (size_t i = 0; i < n; ++i)
-    if (ainf[i] == 0x7C00) wf[i] = 0.0f;
-  const float wantPooled = refPooled(a.data(), b.data(), wh.data(), n);
-  const float wantExact = refExactRange(ainf.data(), b.data(), wf.data(), n, 0, n);
-  forEachTarget([&](const std::string&) {
-    EXPECT_EQ(bitsOf(le::simd::retrieveTermPooled(a.data(), b.data(), wh.data(), n)), bitsOf(wantPooled));
-    EXPECT_EQ(bitsOf(le::simd::retrieveTermExact(ainf.data(), b.data(), wf.data(), n)), bitsOf(wantExact));
+  for (size_t i = 0; i < n; i += 7) ainf[i] = 0x7C00, ainf[n + i] = 0xFC00, wf[i] = 0.0f;
+  for (size_t i = 3; i < n; i += 7) wf[i] = 0.0f;
+  forEachTarget([&] {
+    EXPECT_EQ(bitsOf(le::simd::retrieveTermExact(ainf.data(), b.data(), wf.data(), n)),
+              bitsOf(refExactRange(ainf.data(), b.data(), wf.data(), n, 0, n)));
     for (size_t lo : {size_t{0}, size_t{1}, size_t{13}, size_t{500}})
-      for (size_t hi : {lo, lo + 1, lo + 9, lo + 40, n}) {
+      for (size_t hi : {lo, lo + 1, lo + 9, lo + 40, n})
         ASSERT_EQ(bitsOf(le::simd::retrieveTermExactRange(ainf.data(), b.data(), wf.data(), n, lo, hi)),
                   bitsOf(refExactRange(ainf.data(), b.data(), wf.data(), n, lo, hi)))
             << lo << ".." << hi;
-      }
-    for (size_t len : {size_t{1}, size_t{5}, size_t{16}, size_t{21}})
+    for (size_t len : {size_t{1}, size_t{5}, size_t{16}, size_t{21}, n})
       ASSERT_EQ(bitsOf(le::simd::retrieveTermPooled(a.data(), b.data(), wh.data(), len)),
                 bitsOf(refPooled(a.data(), b.data(), wh.data(), len)));
     EXPECT_EQ(le::simd::retrieveTermExact(ainf.data(), b.data(), wzero.data(), n), 0.0f);
-    EXPECT_EQ(le::simd::retrieveTermExactRange(a.data(), b.data(), wf.data(), n, 10, 10), 0.0f);
   });
 
   // sixteen images interleaved: each lane equals the scalar sum of its own image
   constexpr size_t L = le::simd::kPooledLanes;
   const size_t m = 301;
   std::vector<uint16_t> imgs(L * 3 * m), lanes(L * 3 * m), q(3 * m), wq(m);
-  for (auto& v : imgs) v = refFloatToHalf(static_cast<float>(rng() % 100000) / 100000.0f);
-  for (auto& v : q) v = refFloatToHalf(static_cast<float>(rng() % 100000) / 100000.0f);
+  for (auto& v : imgs) v = randomHalf(100000, 1e5f);
+  for (auto& v : q) v = randomHalf(100000, 1e5f);
   // runs of zero weights, as a mouth's pooled weights have; an infinity under a zero weight
   // stays out of the sums
-  for (size_t i = 0; i < m; ++i)
-    wq[i] = (i / 9) % 3 == 1 ? 0 : refFloatToHalf(static_cast<float>(rng() % 1000) / 997.0f);
+  for (size_t i = 0; i < m; ++i) wq[i] = (i / 9) % 3 == 1 ? 0 : randomHalf(1000, 997.0f);
   for (size_t j = 0; j < L; ++j)
     for (size_t i = 0; i < m; ++i)
       for (size_t k = 0; k < 3; ++k) lanes[(3 * i + k) * L + j] = imgs[j * 3 * m + k * m + i];
   lanes[(3 * 10 + 1) * L + 3] = 0x7C00;
-  forEachTarget([&](const std::string&) {
+  forEachTarget([&] {
     for (size_t len : {size_t{0}, size_t{1}, size_t{17}, m}) {
       float out[L];
       // a shorter length reads the leading pixels of the same interleaved layout
-      std::vector<uint16_t> qa(3 * len);
+      std::vector<uint16_t> qa(3 * len), img(3 * len);
       for (size_t k = 0; k < 3; ++k) std::copy_n(q.begin() + k * m, len, qa.begin() + k * len);
       le::simd::retrieveTermPooledLanes(lanes.data(), qa.data(), wq.data(), len, out);
       for (size_t j = 0; j < L; ++j) {
-        std::vector<uint16_t> img(3 * len);
-        for (size_t k = 0; k < 3; ++k)
-          std::copy_n(imgs.begin() + j * 3 * m + k * m, len, img.begin() + k * len);
+        for (size_t k = 0; k < 3; ++k) std::copy_n(imgs.begin() + (3 * j + k) * m, len, img.begin() + k * len);
         ASSERT_EQ(bitsOf(out[j]), bitsOf(refPooled(img.data(), qa.data(), wq.data(), len))) << j << " n=" << len;
       }
     }
@@ -359,15 +327,14 @@ TEST(SimdConv, ItemsMatchReferenceAndLeaveOthersAlone) {
     const size_t outSize = static_cast<size_t>(s.N) * s.Cout * s.H * s.W;
     const int items = s.N * s.Cout;
     std::vector<std::pair<int, int>> ranges = {{0, items}, {1, items - 1}, {items / 2, items}, {0, 1}};
-    forEachTarget([&](const std::string&) {
+    forEachTarget([&] {
       for (auto [begin, end] : ranges) {
         if (begin >= end) continue;
         std::vector<float> want(outSize, 42.0f), got(outSize, 42.0f);
         refConv(in, s.N, s.Cin, s.H, s.W, wt, bias, s.Cout, want, begin, end);
         le::simd::conv3x3Range(in.data(), s.N, s.Cin, s.H, s.W, wt.data(), bias.data(), s.Cout, got.data(),
                                begin, end);
-        for (size_t i = 0; i < outSize; ++i)
-          ASSERT_EQ(bitsOf(got[i]), bitsOf(want[i])) << "range " << begin << ".." << end << " at " << i;
+        ASSERT_TRUE(same(got, want)) << "range " << begin << ".." << end;
       }
     });
     // The thread's padded copy must follow a new input even for the same image index.
@@ -376,48 +343,44 @@ TEST(SimdConv, ItemsMatchReferenceAndLeaveOthersAlone) {
     std::vector<float> want(outSize, 0.0f), got(outSize, 0.0f);
     refConv(in2, s.N, s.Cin, s.H, s.W, wt, bias, s.Cout, want, 0, items);
     le::simd::conv3x3Range(in2.data(), s.N, s.Cin, s.H, s.W, wt.data(), bias.data(), s.Cout, got.data(), 0, items);
-    ASSERT_EQ(0, std::memcmp(got.data(), want.data(), sizeof(float) * outSize));
+    ASSERT_TRUE(same(got, want));
   }
 }
 
 TEST(SimdYuv, EveryYuvTripleBothChromaLayouts) {
   const int W = 512;
-  std::vector<uint8_t> y(W), u(W / 2), v(W / 2), uv(W + 1), want(3 * W), got(3 * W + 16);
-  forEachTarget([&](const std::string&) {
+  std::vector<uint8_t> y(W), u(W / 2), v(W / 2), uv(W), want(3 * W), got(3 * W);
+  forEachTarget([&] {
     // Row r: U fixed, V = chroma index, Y sweeping so every (Y, U, V) appears.
     for (int u0 = 0; u0 < 256; u0 += 1)
       for (int yoff = 0; yoff < 128; yoff += (u0 % 17 == 0 ? 1 : 31)) {
         for (int c = 0; c < W / 2; ++c) {
-          u[c] = static_cast<uint8_t>(u0), v[c] = static_cast<uint8_t>(c);
-          uv[2 * c] = u[c], uv[2 * c + 1] = v[c];
+          uv[2 * c] = u[c] = static_cast<uint8_t>(u0), uv[2 * c + 1] = v[c] = static_cast<uint8_t>(c);
           y[2 * c] = static_cast<uint8_t>(2 * yoff + c), y[2 * c + 1] = static_cast<uint8_t>(2 * yoff + 1 + c);
         }
         refYuvRow(y.data(), u.data(), v.data(), W, 1, want.data());
         le::simd::yuv420RowToRgb24(y.data(), u.data(), v.data(), W, 1, got.data());
-        ASSERT_EQ(0, std::memcmp(got.data(), want.data(), want.size())) << "u " << u0 << " yoff " << yoff;
+        ASSERT_TRUE(same(got, want)) << "u " << u0 << " yoff " << yoff;
         le::simd::yuv420RowToRgb24(y.data(), uv.data(), uv.data() + 1, W, 2, got.data());
-        ASSERT_EQ(0, std::memcmp(got.data(), want.data(), want.size())) << "nv12 u " << u0;
+        ASSERT_TRUE(same(got, want)) << "nv12 u " << u0;
       }
-    // Every width, odd ones included: the last pixel uses chroma (width - 1) >> 1.
+    // Every width, odd ones included: the last pixel uses chroma (width - 1) >> 1; nothing past it.
     std::mt19937 rng(5);
     for (int width = 1; width <= 200; ++width) {
-      std::vector<uint8_t> yy(width), uu((width + 1) / 2), vv((width + 1) / 2), nv(2 * ((width + 1) / 2));
+      const int cw = (width + 1) / 2;
+      std::vector<uint8_t> yy(width), uu(cw), vv(cw), nv(2 * cw), w2(3 * width + 1, 0x5A), g1 = w2, g2 = w2;
       for (auto& b : yy) b = static_cast<uint8_t>(rng());
-      for (size_t c = 0; c < uu.size(); ++c) uu[c] = nv[2 * c] = static_cast<uint8_t>(rng()), vv[c] = nv[2 * c + 1] = static_cast<uint8_t>(rng());
-      std::vector<uint8_t> w2(3 * width), g1(3 * width + 1, 0x5A), g2(3 * width + 1, 0x5A);
+      for (int c = 0; c < cw; ++c) uu[c] = nv[2 * c] = uint8_t(rng()), vv[c] = nv[2 * c + 1] = uint8_t(rng());
       refYuvRow(yy.data(), uu.data(), vv.data(), width, 1, w2.data());
       le::simd::yuv420RowToRgb24(yy.data(), uu.data(), vv.data(), width, 1, g1.data());
       le::simd::yuv420RowToRgb24(yy.data(), nv.data(), nv.data() + 1, width, 2, g2.data());
-      ASSERT_EQ(0, std::memcmp(g1.data(), w2.data(), w2.size())) << "width " << width;
-      ASSERT_EQ(0, std::memcmp(g2.data(), w2.data(), w2.size())) << "nv12 width " << width;
-      ASSERT_EQ(g1[3 * width], 0x5A);
-      ASSERT_EQ(g2[3 * width], 0x5A);
+      ASSERT_TRUE(same(g1, w2)) << "width " << width;
+      ASSERT_TRUE(same(g2, w2)) << "nv12 width " << width;
     }
     const uint8_t black[2] = {16, 235}, mid[1] = {128};
-    uint8_t px[6];
-    le::simd::yuv420RowToRgb24(black, mid, mid, 2, 1, px);
-    const uint8_t want[6] = {0, 0, 0, 255, 255, 255};
-    EXPECT_EQ(0, std::memcmp(px, want, 6));
+    std::vector<uint8_t> px(6);
+    le::simd::yuv420RowToRgb24(black, mid, mid, 2, 1, px.data());
+    EXPECT_EQ(px, (std::vector<uint8_t>{0, 0, 0, 255, 255, 255}));
   });
 }
 
@@ -437,22 +400,21 @@ void refJpegRow(const uint8_t* y, const uint8_t* cb, const uint8_t* cr, int n, u
 TEST(SimdYuv, JpegColourEveryTripleAndWidth) {
   const int W = 256;
   std::vector<uint8_t> y(W), cb(W), cr(W), want(3 * W), got(3 * W);
-  forEachTarget([&](const std::string&) {
+  forEachTarget([&] {
     for (int c0 = 0; c0 < 256; ++c0)
       for (int c1 = 0; c1 < 256; ++c1) {
         for (int i = 0; i < W; ++i) y[i] = uint8_t(i), cb[i] = uint8_t(c0), cr[i] = uint8_t(c1);
         refJpegRow(y.data(), cb.data(), cr.data(), W, want.data());
         le::simd::jpegYCbCrRowToRgb24(y.data(), cb.data(), cr.data(), W, got.data());
-        ASSERT_EQ(0, std::memcmp(got.data(), want.data(), want.size())) << "cb " << c0 << " cr " << c1;
+        ASSERT_TRUE(same(got, want)) << "cb " << c0 << " cr " << c1;
       }
     std::mt19937 rng(7);
     for (int width = 0; width <= 150; ++width) {
-      std::vector<uint8_t> yy(width + 1), bb(width + 1), rr(width + 1), w2(3 * width), g(3 * width + 1, 0x5A);
+      std::vector<uint8_t> yy(width + 1), bb(width + 1), rr(width + 1), w2(3 * width + 1, 0x5A), g = w2;
       for (int i = 0; i < width; ++i) yy[i] = uint8_t(rng()), bb[i] = uint8_t(rng()), rr[i] = uint8_t(rng());
       refJpegRow(yy.data(), bb.data(), rr.data(), width, w2.data());
       le::simd::jpegYCbCrRowToRgb24(yy.data(), bb.data(), rr.data(), width, g.data());
-      ASSERT_TRUE(std::equal(w2.begin(), w2.end(), g.begin())) << "width " << width;
-      ASSERT_EQ(g[3 * width], 0x5A);
+      ASSERT_TRUE(same(g, w2)) << "width " << width;
     }
   });
 }
@@ -474,7 +436,7 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
         for (int k = 0; k < 3; ++k)
           for (int i = 0; i < 16 && 8 * b + i < crop; ++i)
             a.src[((b * crop + x) * 3 + k) * 16 + i] = planes[(k * crop + 8 * b + i) * crop + x];
-    forEachTarget([&](const std::string&) {
+    forEachTarget([&] {
       std::vector<float> got(a.src.size(), std::nanf(""));
       // Bands of rows in any order, as the sharpening parts write them, each in two column runs.
       const int s1 = crop * 5 / 13, s2 = crop * 2 / 3, xs = crop * 3 / 7;
@@ -493,7 +455,7 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
     le::simd::pasteMaskQuads(a.mask.data(), crop, quads.data());
     const int W = 600;  // rows longer than the kernel's internal span
     int blended = 0;
-    forEachTarget([&](const std::string&) {
+    forEachTarget([&] {
       for (int trial = 0; trial < 40; ++trial) {
         // A scaled, slightly rotated map (about 1.2x) whose rows cross the whole crop.
         const double scale = crop < 8 ? 0.05 : 1.0 / (0.8 + 0.8 * (rng() % 100) / 100.0);
@@ -541,7 +503,7 @@ TEST(SimdPaste, UnsharpRowsMatchPlainLoops) {
   in[40] = 1e30f;
   std::vector<const float*> rows(K);
   for (int t = 0; t < K; ++t) rows[t] = rowsData.data() + static_cast<size_t>(t) * maxN;
-  forEachTarget([&](const std::string&) {
+  forEachTarget([&] {
     for (size_t n : kLengths) {
       std::vector<float> blur(n + 1, -7.0f), sharp(n + 1, -7.0f);
       le::simd::pasteBlurRow(rows.data(), g.data(), K, static_cast<int>(n), blur.data());
