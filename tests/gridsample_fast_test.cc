@@ -1,5 +1,5 @@
 // GridSampleFast: the plain kernel (both paths), the operator in real ONNX Runtime sessions
-// against ONNX Runtime's own GridSample, and the ONNX backend suite's GridSample cases.
+// against ONNX Runtime's own GridSample, and the rewrite over the ONNX backend suite's cases.
 #include "le/render/gridsample_fast.h"
 
 #include <gtest/gtest.h>
@@ -10,15 +10,12 @@
 #include <vector>
 
 #include "le/render/graph_rewrites.h"
-#include "le/render/onnx_bytes.h"
 #include "tests/onnx_ort.h"
 #include "tests/onnx_suite.h"
 #include "tools/forge/onnx_builder.h"
 
-using le::forge::Attr;
 using le::forge::OnnxBuilder;
 using le::test::Feed;
-namespace of = le::onnxf;
 
 namespace {
 
@@ -42,27 +39,6 @@ std::vector<float> reference(const std::vector<float>& in, const std::vector<flo
       }
     }
   return out;
-}
-
-
-// What a GridSample node computes once ONNX's defaults are applied (an absent mode is bilinear,
-// which the engine's rewrite does not take on trust).
-bool samplesLikeFast(le::GsSlice node) {
-  std::string mode = "bilinear", padding;
-  int64_t align = 0;
-  le::GsReader r(node);
-  le::GsField f;
-  while (r.next(f)) {
-    if (f.number != of::kNodeAttribute || f.wireType != 2) continue;
-    const std::string name = le::gsFirstStr(f.payload, of::kAttrName);
-    if (name == "mode") mode = le::gsFirstStr(f.payload, of::kAttrS);
-    if (name == "padding_mode") padding = le::gsFirstStr(f.payload, of::kAttrS);
-    le::GsReader ar(f.payload);
-    le::GsField a;
-    while (ar.next(a))
-      if (name == "align_corners" && a.number == of::kAttrI && a.wireType == 0) align = int64_t(a.value);
-  }
-  return (mode == "bilinear" || mode == "linear") && padding == "border" && align == 0;
 }
 
 }  // namespace
@@ -174,69 +150,19 @@ TEST(GridSampleFast, MismatchedGridFailsTheRunWithAClearMessage) {
   EXPECT_NO_THROW(le::gsf::checkShapes("GridSampleFast", {1, 2, 8, 8}, {1, 8, 8, 2}));
 }
 
-TEST(GridSampleFast, OnnxSuiteGridSampleCases) {
+// The suite writes its bilinear cases without a mode attribute, which the rewrite does not take
+// on trust: every one of them stays standard, byte for byte.
+TEST(GridSampleFast, OnnxSuiteGridSampleCasesStayStandard) {
   const std::string root = std::string(le::test::onnxSuiteRoot()) + "/node/";
   if (!le::test::isFile(root + "test_gridsample/model.onnx")) GTEST_SKIP() << "libonnx-testdata is not installed";
-  size_t cases = 0, fastCases = 0;
+  size_t cases = 0;
   for (const std::string& name : le::test::listDir(root)) {
     if (name.rfind("test_gridsample", 0) != 0) continue;
     ++cases;
-    std::vector<uint8_t> model = le::forge::readModelBytes(root + name + "/model.onnx");
-    const le::test::SuiteTensor x = le::test::readSuiteTensor(root + name + "/test_data_set_0/input_0.pb");
-    const le::test::SuiteTensor g = le::test::readSuiteTensor(root + name + "/test_data_set_0/input_1.pb");
-    const le::test::SuiteTensor y = le::test::readSuiteTensor(root + name + "/test_data_set_0/output_0.pb");
-    ASSERT_EQ(x.dims.size(), 4u) << name;
-    ASSERT_EQ(g.dims.size(), 4u) << name;
-    std::vector<le::GsNodeInfo> nodes;
-    std::set<std::string> inits, ins;
-    le::gsReadGraph(le::gsGraphOf(model), nodes, inits, ins);
-    ASSERT_EQ(nodes.size(), 1u) << name;
-    const bool likeFast = samplesLikeFast(nodes[0].bytes);
-    const std::vector<Feed> feeds = {{nodes[0].inputs[0], x.dims, x.values.data(), x.values.size()},
-                                     {nodes[0].inputs[1], g.dims, g.values.data(), g.values.size()}};
-
-    // The suite writes its bilinear cases without a mode attribute: the switch leaves every
-    // one of them standard, and the standard model still gives the suite's answer.
+    const std::vector<uint8_t> model = le::forge::readModelBytes(root + name + "/model.onnx");
     std::vector<uint8_t> switched = model;
     EXPECT_EQ(le::rewriteGridSampleToFast(switched), 0u) << name;
     EXPECT_EQ(switched, model) << name;
-    Ort::Session standard = le::test::ortSession(model);
-    // (ONNX Runtime's bicubic differs from the suite's reference by a few 1e-5.)
-    EXPECT_LE(le::test::maxAbsDiff(le::test::ortRun(standard, feeds, nodes[0].outputs[0]), y.values), 1e-4f) << name;
-    if (!likeFast) continue;
-
-    // The same case built with every attribute spelled out is switched and must agree.
-    ++fastCases;
-    const int64_t N = x.dims[0], C = x.dims[1], H = x.dims[2], W = x.dims[3];
-    OnnxBuilder b(name, 16);
-    b.input("X", {N, C, H, W}).input("grid", {g.dims[0], g.dims[1], g.dims[2], 2});
-    b.node("GridSample", {"X", "grid"}, {"Y"},
-           {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border"), Attr::i("align_corners", 0)});
-    b.output("Y", {N, C, g.dims[1], g.dims[2]});
-    std::vector<uint8_t> explicitModel = b.build();
-    ASSERT_EQ(le::rewriteGridSampleToFast(explicitModel), 1u) << name;
-    Ort::Session fast = le::test::ortSession(explicitModel);
-    const std::vector<Feed> xf = {{"X", x.dims, x.values.data(), x.values.size()},
-                                  {"grid", g.dims, g.values.data(), g.values.size()}};
-    if (g.dims[1] == H && g.dims[2] == W) {
-      const float d = le::test::maxAbsDiff(le::test::ortRun(fast, xf, "Y"), y.values);
-      EXPECT_LE(d, 1e-5f) << name;
-      continue;
-    }
-    // The suite samples to another size; GridSampleFast's output is its input's size, so the
-    // switched node refuses to run rather than read the grid out of bounds ...
-    EXPECT_THROW(le::test::ortRun(fast, xf, "Y"), Ort::Exception) << name;
-    // ... and the suite's input sampled at a grid of its own size (the suite's grid values
-    // repeated, pushed past the border) agrees with ONNX Runtime's GridSample.
-    std::vector<float> grid(size_t(N * H * W * 2));
-    for (size_t i = 0; i < grid.size(); ++i) grid[i] = g.values[i % g.values.size()] * 1.1f;
-    const std::vector<Feed> same = {{"X", x.dims, x.values.data(), x.values.size()},
-                                    {"grid", {N, H, W, 2}, grid.data(), grid.size()}};
-    Ort::Session f2 = le::test::ortSession(le::forge::gridSampleModel(true, N, C, H, W));
-    Ort::Session s2 = le::test::ortSession(le::forge::gridSampleModel(false, N, C, H, W));
-    const float d = le::test::maxAbsDiff(le::test::ortRun(f2, same, "Y"), le::test::ortRun(s2, same, "Y"));
-    EXPECT_LE(d, 1e-5f) << name;
   }
   EXPECT_EQ(cases, 8u);
-  EXPECT_EQ(fastCases, 1u);  // test_gridsample_border_padding
 }

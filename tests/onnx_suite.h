@@ -1,5 +1,4 @@
-// Access to the ONNX backend test suite installed by Debian's libonnx-testdata: model paths and
-// their test data sets (TensorProto .pb files), read with the engine's own toolkit.
+// Access to the ONNX backend test suite installed by Debian's libonnx-testdata: its model paths.
 #pragma once
 
 #include <dirent.h>
@@ -8,9 +7,6 @@
 #include <algorithm>
 #include <string>
 #include <vector>
-
-#include "le/render/onnx_bytes.h"
-#include "tools/forge/onnx_builder.h"
 
 namespace le::test {
 
@@ -44,22 +40,6 @@ inline std::vector<std::string> onnxSuiteModels() {
       if (isFile(p)) out.push_back(p);
     }
   return out;
-}
-
-// A FLOAT tensor read from a .pb file.
-struct SuiteTensor {
-  std::string name;
-  std::vector<int64_t> dims;
-  std::vector<float> values;
-};
-
-inline SuiteTensor readSuiteTensor(const std::string& path) {
-  std::vector<uint8_t> bytes = le::forge::readModelBytes(path);
-  SuiteTensor t;
-  t.name = le::gsFirstStr(bytes, le::onnxf::kTensorName);
-  le::hcTensorDims(bytes, t.dims);
-  le::hcTensorFloats(bytes, t.values);
-  return t;
 }
 
 }  // namespace le::test
