@@ -135,7 +135,14 @@ TEST(Int8Conv, EveryPathEqualsThePlainLoopReference) {
 
   int tested = 0;
   for (size_t k = 0; k < cases.size(); ++k) {
-    const Problem p = problem(cases[k], 100u + uint32_t(k));
+    // The first case's input is mostly negative: with the zero point near 200 a border corrected
+    // with the full weight sum instead of the taps inside would be far off.
+    const Problem p = k ? problem(cases[k], 100u + uint32_t(k)) : problem(cases[k], 100u, -1.f, 0.3f);
+    if (k == 0) {
+      float mn = 0.f, mx = 0.f;
+      le::minmax_avx2(p.x.data(), p.x.size(), mn, mx);
+      EXPECT_GT(ic::quantParams(mn, mx).zeroPoint, 150);
+    }
     const std::vector<float> ref = reference(p.x, p.w, p.bias, p.s);
     for (ic::Path path : {ic::Path::Scalar, ic::Path::AvxVnni, ic::Path::Avx512Vnni, ic::Path::Auto}) {
       if (!ic::pathAvailable(path)) continue;
@@ -177,38 +184,6 @@ TEST(Int8Conv, RangeScaleAndZeroPoint) {
   std::fill(p.x.begin(), p.x.end(), 0.f);
   const std::vector<float> y = run(p, ic::Path::Auto);
   for (size_t i = 0; i < y.size(); ++i) ASSERT_EQ(y[i], p.bias[i / size_t(6 * 9)]) << i;
-}
-
-TEST(Int8Conv, PaddedBordersMatchAZeroPaddedFloatConvolution) {
-  // A mostly negative input puts the zero point near 200: a border corrected with the full
-  // weight sum instead of the taps inside would be off by far more than the bound below.
-  ConvSpec s = spec(1, 16, 9, 13, 24, 3);
-  s.pads = {1, 1, 1, 1};
-  const Problem p = problem(s, 21, -1.f, 0.3f);
-  const std::vector<float> y = run(p, ic::Path::Auto);
-  float mn = 0.f, mx = 0.f;
-  le::minmax_avx2(p.x.data(), p.x.size(), mn, mx);
-  EXPECT_GT(ic::quantParams(mn, mx).zeroPoint, 150);
-  const float halfStep = ic::quantParams(mn, mx).scale * 0.5f;
-  int borders = 0;
-  for (int64_t oc = 0; oc < s.oc; ++oc)
-    for (int64_t oy = 0; oy < s.h; ++oy)
-      for (int64_t ox = 0; ox < s.w; ++ox) {
-        double f = p.bias[size_t(oc)], bound = 1e-5;
-        for (int64_t c = 0; c < s.ic; ++c)
-          for (int64_t ky = 0; ky < 3; ++ky)
-            for (int64_t kx = 0; kx < 3; ++kx) {
-              const int64_t iy = oy - 1 + ky, ix = ox - 1 + kx;
-              if (iy < 0 || iy >= s.h || ix < 0 || ix >= s.w) continue;
-              const double wf = double(p.w.q[size_t(((oc * s.ic + c) * 3 + ky) * 3 + kx)]) * p.w.scales[size_t(oc)];
-              f += wf * p.x[size_t((c * s.h + iy) * s.w + ix)];
-              bound += std::fabs(wf) * halfStep * 1.001;
-            }
-        const bool border = oy == 0 || ox == 0 || oy == s.h - 1 || ox == s.w - 1;
-        borders += border;
-        ASSERT_NEAR(y[size_t((oc * s.h + oy) * s.w + ox)], f, bound) << oc << " " << oy << " " << ox;
-      }
-  EXPECT_EQ(borders, 24 * (2 * 9 + 2 * 13 - 4));
 }
 
 TEST(Int8Conv, GeometryRefusals) {
