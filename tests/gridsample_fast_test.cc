@@ -5,43 +5,17 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "le/render/graph_rewrites.h"
 #include "tests/onnx_ort.h"
 #include "tests/onnx_suite.h"
+#include "tests/warp_reference.h"
 #include "tools/forge/onnx_builder.h"
 
 using le::forge::OnnxBuilder;
 using le::test::Feed;
-
-namespace {
-
-// ONNX GridSample, bilinear, border, align_corners 0, in double: the coordinate is clamped to
-// the pixel-centre range, then read bilinearly.
-std::vector<float> reference(const std::vector<float>& in, const std::vector<float>& grid, int C, int H, int W) {
-  std::vector<float> out(in.size());
-  for (int y = 0; y < H; ++y)
-    for (int x = 0; x < W; ++x) {
-      const size_t p = size_t(y) * W + x;
-      double fx = ((grid[2 * p] + 1.0) * W - 1.0) / 2.0, fy = ((grid[2 * p + 1] + 1.0) * H - 1.0) / 2.0;
-      fx = std::min(std::max(fx, 0.0), W - 1.0);
-      fy = std::min(std::max(fy, 0.0), H - 1.0);
-      const int x0 = int(std::floor(fx)), y0 = int(std::floor(fy));
-      const int x1 = std::min(x0 + 1, W - 1), y1 = std::min(y0 + 1, H - 1);
-      const double dx = fx - x0, dy = fy - y0;
-      for (int c = 0; c < C; ++c) {
-        const float* X = in.data() + size_t(c) * H * W;
-        out[size_t(c) * H * W + p] = float((1 - dx) * (1 - dy) * X[y0 * W + x0] + dx * (1 - dy) * X[y0 * W + x1] +
-                                           (1 - dx) * dy * X[y1 * W + x0] + dx * dy * X[y1 * W + x1]);
-      }
-    }
-  return out;
-}
-
-}  // namespace
 
 TEST(GridSampleFast, PlainKernelSmallCases) {
   // All-zero grid on a 2x2 image: every output pixel is the mean of the four.
@@ -87,7 +61,7 @@ TEST(GridSampleFast, VectorAndScalarPathsMatchTheReference) {
     const int C = s[0], H = s[1], W = s[2];
     const std::vector<float> in = le::test::randomFloats(size_t(C) * H * W, -2.f, 2.f, seed++);
     const std::vector<float> grid = le::test::randomFloats(size_t(H) * W * 2, -1.3f, 1.3f, seed++);
-    const std::vector<float> ref = reference(in, grid, C, H, W);
+    const std::vector<float> ref = le::testwarp::gridSample(in, grid, C, H, W);
     std::vector<float> sc(in.size()), vec(in.size(), -99.f);
     le::gsf::bandScalar(in.data(), grid.data(), sc.data(), C, H, W, 0, H);
     EXPECT_LE(le::test::maxAbsDiff(sc, ref), 1e-5f) << C << "x" << H << "x" << W;

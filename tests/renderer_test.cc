@@ -26,6 +26,7 @@
 #include "le/render/le_ort.h"
 #include "tests/bundle_fixture.h"
 #include "tests/support/media.h"
+#include "tests/warp_reference.h"
 #include "tools/forge/director_graph.h"
 #include "tools/forge/director_members.h"
 #include "tools/forge/forge.h"
@@ -115,6 +116,16 @@ class RendererTest : public ::testing::Test {
     le::forge::writeModelBytes(dir_ + "/model_" + key + ".onnx", bytes);
     return key;
   }
+  // What building a renderer for key on the bundle in dir throws ("" when it builds).
+  static std::string refusal(const std::string& key, const std::string& ep = "", const std::string& dir = dir_) {
+    const Loaded l(dir);
+    return thrown([&] { le::Renderer r(l.manifest, *l.identity, key, 1, ep); });
+  }
+  // What building a renderer for key prints.
+  static std::string log(const std::string& key, const std::string& ep = "") {
+    const Loaded l(dir_);
+    return stderrOf([&] { le::Renderer r(l.manifest, *l.identity, key, 1, ep); });
+  }
   static std::string dir_;
 };
 std::string RendererTest::dir_;
@@ -123,9 +134,7 @@ std::string RendererTest::dir_;
 TEST_F(RendererTest, InputContractRefusals) {
   Loaded l(dir_);
   const std::string path = l.manifest.modelPath("kp22");
-  auto build = [&](const std::string& key) {
-    return thrown([&] { le::Renderer r(l.manifest, *l.identity, key, 1, ""); });
-  };
+  auto build = [](const std::string& key) { return refusal(key); };
 
   model("dynbatch", arithmeticDirector(64, {"N", 64, 32, 32}, {"N", 21, 3}));
   EXPECT_EQ(build("dynbatch"), "pooled64 input not found / bad shape");
@@ -161,15 +170,12 @@ TEST_F(RendererTest, InputContractRefusals) {
   le::forge::Params p = smallBundle();
   const std::string plain = forgeWithDirectors("renderer_plain", p);
   le::forge::writeModelBytes(plain + "/model_fs.onnx", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}, true));
-  Loaded a(plain);
-  EXPECT_EQ(thrown([&] { le::Renderer r(a.manifest, *a.identity, "fs", 1, ""); }),
-            "FeatSynth graph but bundle lacks fs_red.f16");
+  EXPECT_EQ(refusal("fs", "", plain), "FeatSynth graph but bundle lacks fs_red.f16");
 
   p.prior = le::forge::Prior::FsRedOnly;
   const std::string fsOnly = forgeWithDirectors("renderer_fsonly", p);
   le::forge::writeModelBytes(fsOnly + "/model_std.onnx", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
-  Loaded b(fsOnly);
-  EXPECT_THAT(thrown([&] { le::Renderer r(b.manifest, *b.identity, "std", 1, ""); }),
+  EXPECT_THAT(refusal("std", "", fsOnly),
               StartsWith("m4b graph (P_rgb input) but this bundle carries no warp prior: neither "
                          "P.f16, nor fs_red.f16, nor a P_hevc.mov to play in place is present"));
 }
@@ -199,8 +205,6 @@ TEST_F(RendererTest, RenderFillsAndPadsEverySlot) {
 
   le::Renderer r(l.manifest, *l.identity, "b3arith", 1, "");
   EXPECT_EQ(r.batch(), 3);
-  EXPECT_STREQ(r.ep(), "cpu");
-  EXPECT_STREQ(r.backend(), "ort");
   EXPECT_STREQ(r.directorNote(), "");
   const int32_t si[3] = {2, 0, 3};
   const float* out = r.render(si, ks.data(), kd.data(), 2);
@@ -234,14 +238,11 @@ TEST_F(RendererTest, RenderFillsAndPadsEverySlot) {
 TEST_F(RendererTest, ProvidersProfilesAndTheirLines) {
   Loaded l(dir_);
   model("prov", arithmeticDirector(64, {1, 64, 32, 32}, {1, 21, 3}));
-  auto build = [&](const std::string& ep) {
-    return thrown([&] { le::Renderer r(l.manifest, *l.identity, "prov", 1, ep); });
-  };
   for (const char* ep : {"xnnpack", "xnnpack:threads=2"})
-    EXPECT_THAT(build(ep), StartsWith(std::string("Renderer: ep '") + ep +
+    EXPECT_THAT(refusal("prov", ep), StartsWith(std::string("Renderer: ep '") + ep +
                                       "' is REFUSED. This renderer rewrites its graph to Vantorix "
                                       "custom-domain nodes"));
-  EXPECT_EQ(build("cuda"), "Renderer: unknown ep 'cuda'");
+  EXPECT_EQ(refusal("prov", "cuda"), "Renderer: unknown ep 'cuda'");
 
   // This runtime has no CoreML provider: the request falls back to the CPU provider.
   std::string err = stderrOf([&] {
@@ -254,7 +255,7 @@ TEST_F(RendererTest, ProvidersProfilesAndTheirLines) {
   // The fp16 backend, asked for through the provider or LE_CONV_BACKEND (exactly "neon"), is
   // not in this build: the renderer says so and renders with ONNX Runtime.
   const std::string unavailable = "[le] fp16 NEON backend requested but unavailable on this build/CPU; using ORT\n";
-  err = stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "prov", 1, "neon"); });
+  err = log("prov", "neon");
   EXPECT_THAT(err, HasSubstr(unavailable));
   EXPECT_THAT(err, HasSubstr("[le] !!! compose alpha: ELLIPSE (prov) — this bundle carries no "
                              "lip_template.v1.json"));
@@ -288,39 +289,6 @@ TEST_F(RendererTest, ProvidersProfilesAndTheirLines) {
   ASSERT_NE(at, std::string::npos) << err;
   const std::string file = err.substr(at + 17, err.find('\n', at) - at - 17);
   EXPECT_TRUE(fs::exists(file)) << file;
-}
-
-// A graph with GridSampleFast baked in is refused when the custom op is switched off; a standard
-// graph then loads and runs ONNX Runtime's own GridSample.
-TEST_F(RendererTest, GridSampleSwitches) {
-  Loaded l(dir_);
-  std::vector<uint8_t> baked = le::forge::readModelBytes(l.manifest.modelPath("b1"));
-  ASSERT_GT(le::rewriteGridSampleToFast(baked), 0u);
-  model("baked", baked);
-  {
-    ScopedEnv off("LE_GS_FAST", "0");
-    EXPECT_EQ(thrown([&] { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }),
-              "Renderer: LE_GS_FAST=0 (or VANTORIX_TAMSINE2_GRIDSAMPLE_FAST=0, which sets it) was "
-              "asked for, but " +
-                  l.manifest.modelPath("baked") +
-                  " has com.vantorix::GridSampleFast BAKED INTO THE GRAPH. That flag disables the "
-                  "custom-op registration, so there would be no kernel to bind and this session "
-                  "would die inside ORT with 'GridSampleFast(-1) is not a registered "
-                  "function/op'. There is no standard-GridSample arm on this bundle to measure: "
-                  "the artifact itself is non-standard. Run the A/B on a STANDARD-ONNX bundle (the "
-                  "shipping format since INFERENCE_STANDARDIZATION.md #1), or unset the flag to "
-                  "load this one.");
-    EXPECT_THAT(stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "b1", 1, ""); }),
-                Not(HasSubstr("GridSampleFast load-time rewrite")));
-  }
-  {
-    ScopedEnv norewrite("LE_GS_REWRITE", "0");
-    EXPECT_THAT(stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "baked", 1, ""); }),
-                HasSubstr("[le] LE_GS_REWRITE=0: load-time std GridSample -> com.vantorix::GridSampleFast "
-                          "rewrite DISABLED (baked); the custom op is still registered"));
-  }
-  EXPECT_THAT(stderrOf([&] { le::Renderer r(l.manifest, *l.identity, "b1", 1, ""); }),
-              HasSubstr("[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: 1 node(s) (b1)\n"));
 }
 
 // ---- the flat interface ----------------------------------------------------------------------
@@ -394,62 +362,25 @@ TEST_F(RendererTest, EntryPointsRgbaAndPasteLast) {
 
 // ---- the forged director's warp, by plain loops ----------------------------------------------
 
-struct Warp {
-  int S;
-  std::vector<float> tip;  // 12 planes: P, Pxx, Pyy, Pxxyy
-  Warp(const std::vector<float>& P, int s) : S(s), tip(size_t(12) * s * s) {
-    auto at = [&](int c, int y, int x) {
-      y = std::clamp(y, 0, S - 1), x = std::clamp(x, 0, S - 1);
-      return P[(size_t(c) * S + y) * S + x];
-    };
-    for (int c = 0; c < 3; ++c)
-      for (int y = 0; y < S; ++y)
-        for (int x = 0; x < S; ++x) {
-          const size_t i = size_t(y) * S + x, plane = size_t(S) * S;
-          auto dxx = [&](int yy) { return at(c, yy, x - 1) - 2 * at(c, yy, x) + at(c, yy, x + 1); };
-          tip[c * plane + i] = at(c, y, x);
-          tip[(3 + c) * plane + i] = dxx(y);
-          tip[(6 + c) * plane + i] = at(c, y - 1, x) - 2 * at(c, y, x) + at(c, y + 1, x);
-          tip[(9 + c) * plane + i] = dxx(y - 1) - 2 * dxx(y) + dxx(y + 1);
-        }
-  }
-  static float centre(int i, int n) { return (2.f * float(i) + 1.f) / float(n) - 1.f; }
-  // Bilinear sample of plane ch at pixel position (px, py), border padding.
-  double sample(int ch, double px, double py) const {
-    px = std::clamp(px, 0.0, double(S - 1)), py = std::clamp(py, 0.0, double(S - 1));
-    const int x0 = int(std::floor(px)), y0 = int(std::floor(py));
-    const int x1 = std::min(x0 + 1, S - 1), y1 = std::min(y0 + 1, S - 1);
-    const double fx = px - x0, fy = py - y0;
-    const float* p = &tip[size_t(ch) * S * S];
-    return (1 - fy) * ((1 - fx) * p[y0 * S + x0] + fx * p[y0 * S + x1]) +
-           fy * ((1 - fx) * p[y1 * S + x0] + fx * p[y1 * S + x1]);
-  }
-  // The warped, second-order corrected image for keypoints ks -> kd.
-  std::vector<double> run(const std::vector<float>& ks, const std::vector<float>& kd, double sigma) const {
-    std::vector<double> out(size_t(3) * S * S);
-    for (int y = 0; y < S; ++y)
-      for (int x = 0; x < S; ++x) {
-        const double bx = centre(x, S), by = centre(y, S);
-        double wsum = 0, dx = 0, dy = 0;
-        for (int k = 0; k < 21; ++k) {
-          const double ox = bx - kd[3 * k], oy = by - kd[3 * k + 1];
-          const double w = std::exp(-(ox * ox + oy * oy) / (2 * sigma * sigma));
-          wsum += w;
-          dx += w * (ks[3 * k] - kd[3 * k]);
-          dy += w * (ks[3 * k + 1] - kd[3 * k + 1]);
-        }
-        const double gx = bx + dx / std::max(wsum, 1.0), gy = by + dy / std::max(wsum, 1.0);
-        const double px = ((gx + 1) * S - 1) * 0.5, py = ((gy + 1) * S - 1) * 0.5;
-        const double tx = px - std::floor(px), ty = py - std::floor(py);
-        const double ax = (1 - tx) * tx * 0.5, ay = (1 - ty) * ty * 0.5;
-        for (int c = 0; c < 3; ++c)
-          out[(size_t(c) * S + y) * S + x] = sample(c, px, py) - ax * sample(3 + c, px, py) -
-                                             ay * sample(6 + c, px, py) +
-                                             ax * ay * sample(9 + c, px, py);
+// The forged director's grid: each pixel moved by the Gaussian-weighted keypoint displacement.
+std::vector<double> keypointGrid(const std::vector<float>& ks, const std::vector<float>& kd, double sigma, int S) {
+  std::vector<double> grid(size_t(2) * S * S);
+  for (int y = 0; y < S; ++y)
+    for (int x = 0; x < S; ++x) {
+      const double bx = le::testwarp::centre(x, S), by = le::testwarp::centre(y, S);
+      double wsum = 0, dx = 0, dy = 0;
+      for (int k = 0; k < 21; ++k) {
+        const double ox = bx - kd[3 * k], oy = by - kd[3 * k + 1];
+        const double w = std::exp(-(ox * ox + oy * oy) / (2 * sigma * sigma));
+        wsum += w;
+        dx += w * (ks[3 * k] - kd[3 * k]);
+        dy += w * (ks[3 * k + 1] - kd[3 * k + 1]);
       }
-    return out;
-  }
-};
+      grid[2 * (size_t(y) * S + x)] = bx + dx / std::max(wsum, 1.0);
+      grid[2 * (size_t(y) * S + x) + 1] = by + dy / std::max(wsum, 1.0);
+    }
+  return grid;
+}
 
 // Outside the compose ellipse the crop is the clipped warp; inside it the warp is blended with
 // a head term that does not depend on the keypoints, so two renders must agree on that term.
@@ -457,7 +388,7 @@ TEST_F(RendererTest, CropMatchesPlainLoopWarp) {
   const le::forge::Params p = smallBundle();
   const int S = p.crop, si = 2;
   const std::vector<float> P = widenFile(le::resolveMember(dir_, "P.f16"), si, size_t(3) * S * S);
-  const Warp warp(P, S);
+  const le::testwarp::Warp warp(P, S, S);
   const std::vector<float> ks = le::forge::keypoints(p, si);
   std::vector<float> kdA = ks, kdB = ks;
   for (int k = 0; k < 21; ++k) {
@@ -473,12 +404,13 @@ TEST_F(RendererTest, CropMatchesPlainLoopWarp) {
     ASSERT_NE(c, nullptr) << le_last_error();
     crops.emplace_back(c, c + size_t(3) * S * S);
   }
-  const std::vector<double> wA = warp.run(ks, kdA, gopt.sigma), wB = warp.run(ks, kdB, gopt.sigma);
+  const std::vector<double> wA = warp.run(keypointGrid(ks, kdA, gopt.sigma, S));
+  const std::vector<double> wB = warp.run(keypointGrid(ks, kdB, gopt.sigma, S));
   double worstOut = 0, worstIn = 0;
   int outside = 0, inside = 0;
   for (int y = 0; y < S; ++y)
     for (int x = 0; x < S; ++x) {
-      const double u = Warp::centre(x, S) / 0.45, v = (Warp::centre(y, S) - 0.42) / 0.3;
+      const double u = le::testwarp::centre(x, S) / 0.45, v = (le::testwarp::centre(y, S) - 0.42) / 0.3;
       const double alpha = std::clamp(3 * (1 - u * u - v * v), 0.0, 1.0);
       for (int c = 0; c < 3; ++c) {
         const size_t i = (size_t(c) * S + y) * S + x;
@@ -505,9 +437,10 @@ TEST_F(RendererTest, CropMatchesPlainLoopWarp) {
   EXPECT_GT(moved, 0.05);
 }
 
-// GridSampleFast, ONNX Runtime's own GridSample (LE_GS_REWRITE=0) and the whole warp block as
-// one WarpDirector node (LE_WARP_NODE=1) render the same crop.
-TEST_F(RendererTest, WarpKernelsAgree) {
+// GridSampleFast, ONNX Runtime's own GridSample (LE_GS_REWRITE=0, or LE_GS_FAST=0 which also
+// switches the custom op off) and the whole warp block as one WarpDirector node (LE_WARP_NODE=1)
+// render the same crop. A graph with GridSampleFast baked in is refused when the custom op is off.
+TEST_F(RendererTest, WarpKernelsAndTheirSwitches) {
   const le::forge::Params p = smallBundle();
   std::vector<float> ks = le::forge::keypoints(p, 1), kd = ks;
   for (int k = 0; k < 21; ++k) kd[3 * k + 1] += 0.06f * std::sin(float(k));
@@ -526,16 +459,40 @@ TEST_F(RendererTest, WarpKernelsAgree) {
   };
   std::string err;
   const std::vector<float> fast = render("LE_GS_REWRITE", nullptr, &err);
-  EXPECT_THAT(err, HasSubstr("GridSampleFast load-time rewrite: 1 node(s)"));
-  const std::vector<float> standard = render("LE_GS_REWRITE", "0", &err);
-  EXPECT_THAT(err, Not(HasSubstr("GridSampleFast load-time rewrite")));
-  EXPECT_LT(worst(fast, standard), 1e-4);
+  EXPECT_THAT(err, HasSubstr("[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: 1 node(s) (b1)\n"));
+  for (const char* var : {"LE_GS_REWRITE", "LE_GS_FAST"}) {
+    const std::vector<float> standard = render(var, "0", &err);
+    EXPECT_THAT(err, Not(HasSubstr("GridSampleFast load-time rewrite"))) << var;
+    EXPECT_LT(worst(fast, standard), 1e-4) << var;
+  }
   const std::vector<float> warpNode = render("LE_WARP_NODE", "1", &err);
   EXPECT_THAT(err, HasSubstr("[le] director warp -> com.vantorix::WarpDirector ("));
   EXPECT_THAT(err, Not(HasSubstr("GridSampleFast load-time rewrite")));
   EXPECT_LT(worst(fast, warpNode), 1e-4);
-  // The WarpDirector kernel lives in the custom domain LE_GS_FAST=0 switches off.
+  // A graph with GridSampleFast baked in is not rewritten again, and is refused when the custom
+  // domain is switched off; so is the WarpDirector node, whose kernel lives in the same domain.
+  Loaded l(dir_);
+  std::vector<uint8_t> baked = le::forge::readModelBytes(l.manifest.modelPath("b1"));
+  ASSERT_GT(le::rewriteGridSampleToFast(baked), 0u);
+  model("baked", baked);
+  {
+    ScopedEnv noRewrite("LE_GS_REWRITE", "0");
+    EXPECT_THAT(log("baked"), HasSubstr("[le] LE_GS_REWRITE=0: load-time std GridSample -> "
+                                        "com.vantorix::GridSampleFast rewrite DISABLED (baked); the custom op "
+                                        "is still registered"));
+  }
   ScopedEnv noDomain("LE_GS_FAST", "0");
+  EXPECT_EQ(refusal("baked"),
+            "Renderer: LE_GS_FAST=0 (or VANTORIX_TAMSINE2_GRIDSAMPLE_FAST=0, which sets it) was "
+            "asked for, but " +
+                l.manifest.modelPath("baked") +
+                " has com.vantorix::GridSampleFast BAKED INTO THE GRAPH. That flag disables the "
+                "custom-op registration, so there would be no kernel to bind and this session "
+                "would die inside ORT with 'GridSampleFast(-1) is not a registered "
+                "function/op'. There is no standard-GridSample arm on this bundle to measure: "
+                "the artifact itself is non-standard. Run the A/B on a STANDARD-ONNX bundle (the "
+                "shipping format since INFERENCE_STANDARDIZATION.md #1), or unset the flag to "
+                "load this one.");
   ScopedEnv warp("LE_WARP_NODE", "1");
   Ctx ctx(dir_, "b1", 2, "");
   stderrOf([&] { EXPECT_EQ(le_render_kp_crop(ctx.c, 1, ks.data(), kd.data()), nullptr); });
