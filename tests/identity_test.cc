@@ -1,7 +1,5 @@
-// ctest-label: threaded
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -10,10 +8,7 @@
 
 #include "bundle_fixture.h"
 #include "le/le_bundle.h"
-#include "le/le_driver.h"
 #include "le/le_expand.h"
-#include "le/le_simd.h"
-#include "tools/forge/forge.h"
 
 namespace {
 
@@ -209,41 +204,4 @@ TEST(Drive, LoadsUnderEitherNameAndValidates) {
   EXPECT_EQ(thrown([&] { le::loadDrive(c.load()); }), "size mismatch " + (c.dir / "drive/xd.f32"));
   std::remove((c.dir / "drive/xs.f32").c_str());
   EXPECT_EQ(thrown([&] { le::loadDrive(c.load()); }), "cannot open " + (c.dir / "drive/xs.f32"));
-}
-
-// A forged bundle whose warp prior is a video: rows come from the prior cursor, which is
-// created on first need and reports its backend, memory and seeks. Every loader works from the
-// manifest text read at load: the file is gone by then.
-TEST(Identity, VideoPriorThroughThePriorCursor) {
-  ScratchDir dir("identity");
-  le::forge::Params p;
-  p.nt = 5, p.crop = 32, p.prior = le::forge::Prior::Hevc;
-  le::forge::forgeBundle(dir / "b", p);
-  const le::Manifest m = le::loadManifest(dir / "b");
-  ASSERT_EQ(std::remove((dir / "b/manifest.json").c_str()), 0);
-  EXPECT_NE(le::DriverCursor::open(m, 2, 11), nullptr);
-  le::Identity id(m);
-  EXPECT_FALSE(id.hasP());
-  EXPECT_EQ(id.priorPath(), dir / "b/P_hevc.mov");
-  const std::string backend = id.priorBackend();
-  EXPECT_NE(backend, "none");
-  EXPECT_NE(backend, "mmap P.f16");
-  EXPECT_GT(id.priorResidentBytes(), size_t(14) * 6 * 32 * 32 - 1);  // the ring at least
-
-  // Row si is the forged crop of si, as binary16 planes.
-  for (int si : {0, 1, 4, 2}) {
-    const uint16_t* row = id.P(si);
-    const std::vector<uint8_t> rgb = le::forge::cropImage(p, si);
-    double err = 0;
-    for (size_t i = 0; i < 32 * 32; ++i)
-      for (int k = 0; k < 3; ++k) {
-        float v = 0;
-        le::halfToFloat(&row[size_t(k) * 32 * 32 + i], &v, 1);
-        err += std::fabs(v - rgb[3 * i + size_t(k)] / 255.f);
-      }
-    EXPECT_LT(err / (3 * 32 * 32), 0.008) << si;  // within 2 of 255 on average
-  }
-  id.walkP(3);
-  // Only 1 -> 4 and then 4 -> 2 can reach the source, when the decoder has not got that far.
-  EXPECT_LE(id.priorSeeks(), 2u);
 }

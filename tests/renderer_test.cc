@@ -25,6 +25,7 @@
 #include "le/render/graph_rewrites.h"
 #include "le/render/le_ort.h"
 #include "tests/bundle_fixture.h"
+#include "tests/onnx_ort.h"
 #include "tests/support/media.h"
 #include "tests/warp_reference.h"
 #include "tools/forge/director_graph.h"
@@ -431,10 +432,7 @@ TEST_F(RendererTest, CropMatchesPlainLoopWarp) {
   EXPECT_GT(inside, 30);
   EXPECT_LT(worstOut, 1e-4);
   EXPECT_LT(worstIn, 5e-4);
-  // The keypoints moved something: the two renders differ.
-  double moved = 0;
-  for (size_t i = 0; i < crops[0].size(); ++i) moved = std::max(moved, double(std::fabs(crops[0][i] - crops[1][i])));
-  EXPECT_GT(moved, 0.05);
+  EXPECT_GT(le::test::maxAbsDiff(crops[0], crops[1]), 0.05f);  // the keypoints moved something
 }
 
 // GridSampleFast, ONNX Runtime's own GridSample (LE_GS_REWRITE=0, or LE_GS_FAST=0 which also
@@ -452,23 +450,18 @@ TEST_F(RendererTest, WarpKernelsAndTheirSwitches) {
     EXPECT_NE(c, nullptr) << le_last_error();
     return c ? std::vector<float>(c, c + size_t(3) * p.crop * p.crop) : std::vector<float>();
   };
-  auto worst = [](const std::vector<float>& a, const std::vector<float>& b) {
-    double w = a.size() == b.size() ? 0 : 1e9;
-    for (size_t i = 0; i < a.size() && i < b.size(); ++i) w = std::max(w, double(std::fabs(a[i] - b[i])));
-    return w;
-  };
   std::string err;
   const std::vector<float> fast = render("LE_GS_REWRITE", nullptr, &err);
   EXPECT_THAT(err, HasSubstr("[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: 1 node(s) (b1)\n"));
   for (const char* var : {"LE_GS_REWRITE", "LE_GS_FAST"}) {
     const std::vector<float> standard = render(var, "0", &err);
     EXPECT_THAT(err, Not(HasSubstr("GridSampleFast load-time rewrite"))) << var;
-    EXPECT_LT(worst(fast, standard), 1e-4) << var;
+    EXPECT_LT(le::test::maxAbsDiff(fast, standard), 1e-4) << var;
   }
   const std::vector<float> warpNode = render("LE_WARP_NODE", "1", &err);
   EXPECT_THAT(err, HasSubstr("[le] director warp -> com.vantorix::WarpDirector ("));
   EXPECT_THAT(err, Not(HasSubstr("GridSampleFast load-time rewrite")));
-  EXPECT_LT(worst(fast, warpNode), 1e-4);
+  EXPECT_LT(le::test::maxAbsDiff(fast, warpNode), 1e-4);
   // A graph with GridSampleFast baked in is not rewritten again, and is refused when the custom
   // domain is switched off; so is the WarpDirector node, whose kernel lives in the same domain.
   Loaded l(dir_);
