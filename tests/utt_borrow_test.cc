@@ -253,9 +253,7 @@ TEST(UttBorrow, RefusalsAndNoFrameLostAcrossInterruptEndIdleReattachAndFailure) 
     // interrupted after three speech frames
     size_t from = p.got.size();
     ASSERT_EQ(le_utt_push_audio(p.u, pcm.data(), int(pcm.size())), 1);
-    while (std::count_if(p.got.begin() + long(from), p.got.end(),
-                         [](const Frame& f) { return f.info.kind == LE_UTT_KIND_SPEECH; }) < 3)
-      if (!p.pull()) p.nap();
+    p.untilSpeech(from, 3);
     le_utt_interrupt(p.u);
     const size_t cut = p.got.size();
     p.untilIdle(cut, 4);
@@ -308,10 +306,7 @@ TEST(UttBorrow, RefusalsAndNoFrameLostAcrossInterruptEndIdleReattachAndFailure) 
     le_utt_end_utterance(p.u);
     char reason[256] = "";
     written = 9, skipped = 0;
-    while (le_utt_tessera_stats(p.u, &written, &skipped, reason, sizeof reason) != -1) {
-      p.pull();
-      p.nap();
-    }
+    while (le_utt_tessera_stats(p.u, &written, &skipped, reason, sizeof reason) != -1) p.pullOrNap();
     EXPECT_STREQ(reason, "shift-out-of-range");
     EXPECT_EQ(written, 0u);
     EXPECT_EQ(skipped, 1u);

@@ -4,29 +4,24 @@
 #include <gtest/gtest.h>
 
 #include "le/le.h"
-#include "tests/bundle_fixture.h"
 #include "tests/support/speech.h"
 #include "tests/support/utt_soak.h"
-#include "tools/forge/forge.h"
 
 using le::testmedia::kSanitized;
 
 TEST(UttSoak, ResidentMemoryStaysFlat) {
-  le::testing::ScratchDir dir("utt_soak");
-  const le::forge::Params p = le::testmedia::uttBundleParams(160, 120, 64, 6);
-  le::forge::forgeBundle(dir / "b", p);
-  le_ctx* ctx = le_create((dir / "b").c_str(), "b1", 2, nullptr);
-  ASSERT_NE(ctx, nullptr) << le_last_error();
-  const std::string source = dir / "b/motion";
-  le_utt_opts o{};
-  o.motion_dir = source.c_str();
-  o.endSilence = 0.2;
-  const auto clip = le::testmedia::speak16kPcm("Say ah, then stop.");
-  // Sanitized builds run each kind of cycle once (the races and memory errors they may hold),
-  // however long that takes there.
-  const auto s = le::testmedia::soakUtterances(ctx, o, clip, kSanitized ? 0 : 30, 5, {},
-                                               kSanitized ? 3 : 0);
-  le_destroy(ctx);
+  std::vector<le::testmedia::SoakSample> s;
+  {
+    const le::testmedia::OpenBundle b("utt_soak", le::testmedia::uttBundleParams(160, 120, 64, 6));
+    const std::string source = b.path + "/motion";
+    le_utt_opts o{};
+    o.motion_dir = source.c_str();
+    o.endSilence = 0.2;
+    const auto clip = le::testmedia::speak16kPcm("Say ah, then stop.");
+    // Sanitized builds run each kind of cycle once (the races and memory errors they may hold),
+    // however long that takes there.
+    s = le::testmedia::soakUtterances(b.ctx, o, clip, kSanitized ? 0 : 30, 5, {}, kSanitized ? 3 : 0);
+  }
   if (kSanitized) {
     EXPECT_GE(s.back().cycles, 3u);
     GTEST_SKIP() << "resident memory not bounded: the sanitizer runtime holds freed memory in "

@@ -45,17 +45,14 @@ SpeakingBundle::SpeakingBundle(const std::string& tag, le::forge::Params p)
     : OpenBundle(tag, withAudio(std::move(p))),
       w2v_(std::make_unique<ScopedEnv>("W2V_ONNX", (path + "/" + le::forge::kW2vMember).c_str())) {}
 
-UttPipeline::UttPipeline(le_ctx* ctx, size_t frameBytes, const le_utt_opts& opts, bool keepPixels)
-    : buf_(frameBytes),
-      keepPixels_(keepPixels),
-      until_(std::chrono::steady_clock::now() + kPatience) {
+UttPipeline::UttPipeline(le_ctx* ctx, size_t frameBytes, const le_utt_opts& opts, Keep keep)
+    : buf_(frameBytes), keep_(keep), lastFrame_(std::chrono::steady_clock::now()) {
   u = le_utt_create(ctx, &opts);
   if (!u) throw std::runtime_error(le_utt_last_error());
   // A throwing constructor runs no destructor: the pipeline's threads must not outlive the
   // context they render from.
   try {
-    while (le_utt_ready(u) == 0)
-      if (!pull()) nap();
+    while (le_utt_ready(u) == 0) pullOrNap();
     if (le_utt_ready(u) != 1) throw std::runtime_error(le_utt_last_error());
   } catch (...) {
     le_utt_destroy(u);
@@ -69,14 +66,18 @@ bool UttPipeline::pull() {
   le_utt_frame_info info{};
   bool any = false;
   while (le_utt_pull_frame(u, buf_.data(), buf_.size(), &info)) {
-    got.push_back({info, keepPixels_ ? buf_ : std::vector<uint8_t>()});
+    ++frames;
+    speechFrames += info.kind == LE_UTT_KIND_SPEECH;
+    if (keep_ != Keep::Counts) got.push_back({info, keep_ == Keep::Pixels ? buf_ : std::vector<uint8_t>()});
     any = true;
   }
+  if (any) lastFrame_ = std::chrono::steady_clock::now();
   return any;
 }
 
-void UttPipeline::nap() {
-  if (std::chrono::steady_clock::now() > until_) throw std::runtime_error("the pipeline stalled");
+void UttPipeline::pullOrNap() {
+  if (pull()) return;
+  if (std::chrono::steady_clock::now() - lastFrame_ > kPatience) throw std::runtime_error("the pipeline stalled");
   std::this_thread::sleep_for(std::chrono::microseconds(300));
 }
 
@@ -87,8 +88,14 @@ void UttPipeline::untilIdle(size_t from, int idle) {
     for (size_t i = got.size(); i > from && !spoke; --i)
       got[i - 1].info.kind == LE_UTT_KIND_IDLE ? void(++trailing) : void(spoke = true);
     if (spoke && trailing >= idle) return;
-    if (!pull()) nap();
+    pullOrNap();
   }
+}
+
+void UttPipeline::untilSpeech(size_t from, int n) {
+  while (std::count_if(got.begin() + long(from), got.end(),
+                       [](const UttFrame& f) { return f.info.kind == LE_UTT_KIND_SPEECH; }) < n)
+    pullOrNap();
 }
 
 void UttPipeline::push(const std::vector<int16_t>& pcm, size_t step) {
@@ -127,93 +134,46 @@ double residentMiB() {
   return double(resident) * double(::sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
 }
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-struct Host {
-  le_utt* u;
-  std::vector<uint8_t> frame;
-  SoakSample counts;
-
-  // Pulls what is waiting; throws when nothing arrives for 20 s (120 s under a sanitizer, where
-  // warming the directors beside other tests' pipelines can take that long).
-  void pull(Clock::time_point& lastFrame) {
-    le_utt_frame_info info{};
-    bool any = false;
-    while (le_utt_pull_frame(u, frame.data(), frame.size(), &info)) {
-      any = true;
-      ++counts.frames;
-      if (info.kind == LE_UTT_KIND_SPEECH) ++counts.speechFrames;
-    }
-    const auto now = Clock::now();
-    if (any) lastFrame = now;
-    else if (now - lastFrame > std::chrono::seconds(kSanitized ? 120 : 20))
-      throw std::runtime_error(std::string("soak: the pipeline delivered no frame for ") +
-                               (kSanitized ? "120 s" : "20 s"));
-    else
-      std::this_thread::sleep_for(std::chrono::microseconds(500));
-  }
-};
-
-}  // namespace
-
 std::vector<SoakSample> soakUtterances(le_ctx* ctx, const le_utt_opts& opts,
                                        const std::vector<int16_t>& clip, double seconds,
                                        double every,
                                        const std::function<void(const SoakSample&)>& onSample,
                                        uint64_t minCycles) {
-  le_utt* u = le_utt_create(ctx, &opts);
-  if (!u) throw std::runtime_error(le_utt_last_error());
-  Host h{u, std::vector<uint8_t>(size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3), {}};
+  UttPipeline p(ctx, size_t(le_width(ctx)) * size_t(le_height(ctx)) * 3, opts, UttPipeline::Keep::Counts);
+  const std::vector<int16_t> half(clip.begin(), clip.begin() + long(clip.size() / 2));
   std::vector<SoakSample> samples;
-  const auto t0 = Clock::now();
-  auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - t0).count(); };
+  uint64_t cycles = 0;
+  const auto t0 = std::chrono::steady_clock::now();
+  auto elapsed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(); };
   double nextSample = 0;
   auto sample = [&] {
-    SoakSample s = h.counts;
-    s.seconds = elapsed();
-    s.rssMiB = residentMiB();
-    samples.push_back(s);
-    if (onSample) onSample(s);
+    samples.push_back({elapsed(), residentMiB(), cycles, p.frames, p.speechFrames});
+    if (onSample) onSample(samples.back());
   };
-  auto lastFrame = Clock::now();
-  try {
-    while (le_utt_ready(u) == 0) h.pull(lastFrame);
-    if (le_utt_ready(u) < 0) throw std::runtime_error(le_utt_last_error());
-    while (elapsed() < seconds || h.counts.cycles < minCycles) {
-      if (elapsed() >= nextSample) {
-        sample();
-        nextSample += every;
-      }
-      const int mode = int(h.counts.cycles % 3);  // 0 end mark, 1 interrupt, 2 end by silence
-      const size_t stopAt = mode == 1 ? clip.size() / 2 : clip.size();
-      for (size_t at = 0; at < stopAt; at += 640) {
-        le_utt_push_audio(u, clip.data() + at, int(std::min<size_t>(640, stopAt - at)));
-        h.pull(lastFrame);
-      }
-      if (mode == 0) le_utt_end_utterance(u);
-      if (mode == 1) {
-        for (int k = 0; k < 5; ++k) h.pull(lastFrame);
-        le_utt_interrupt(u);
-      }
-      // Back to idle: the ramp is over and idle frames flow again.
-      le_utt_stats st{};
-      uint64_t idleSeen = 0;
-      while (idleSeen < 10) {
-        const uint64_t before = h.counts.frames - h.counts.speechFrames;
-        h.pull(lastFrame);
-        le_utt_get_stats(u, &st);
-        if (st.state == 0) idleSeen += h.counts.frames - h.counts.speechFrames - before;
-      }
-      ++h.counts.cycles;
+  while (elapsed() < seconds || cycles < minCycles) {
+    if (elapsed() >= nextSample) {
+      sample();
+      nextSample += every;
     }
-    sample();
-  } catch (...) {
-    le_utt_destroy(u);
-    throw;
+    const int mode = int(cycles % 3);  // 0 end mark, 1 interrupt, 2 end by silence
+    p.push(mode == 1 ? half : clip, 640);
+    if (mode == 0) le_utt_end_utterance(p.u);
+    if (mode == 1) {
+      for (int k = 0; k < 5; ++k) p.pullOrNap();
+      le_utt_interrupt(p.u);
+    }
+    // Back to idle: the ramp is over and idle frames flow again.
+    le_utt_stats st{};
+    uint64_t idleSeen = 0;
+    while (idleSeen < 10) {
+      const uint64_t before = p.frames - p.speechFrames;
+      p.pullOrNap();
+      le_utt_get_stats(p.u, &st);
+      if (st.state == 0) idleSeen += p.frames - p.speechFrames - before;
+    }
+    ++cycles;
   }
-  le_utt_destroy(u);
+  sample();
   return samples;
 }
 

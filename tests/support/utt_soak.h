@@ -58,29 +58,33 @@ struct UttFrame {
   std::vector<uint8_t> rgb;
 };
 
-// A pipeline made with opts over ctx, pulled until it is ready, keeping every frame it pulls
-// (with its pixels when keepPixels). Throws std::runtime_error when it cannot be made, does not
-// become ready, refuses a push or stalls (kPatience).
+// A pipeline made with opts over ctx, pulled until it is ready, counting every frame it pulls and
+// keeping what `keep` says of each. Throws std::runtime_error when it cannot be made, does not
+// become ready, refuses a push or stalls (no frame for kPatience).
 struct UttPipeline {
+  enum class Keep { Pixels, Info, Counts };
   le_utt* u = nullptr;
   std::vector<UttFrame> got;
-  UttPipeline(le_ctx* ctx, size_t frameBytes, const le_utt_opts& opts, bool keepPixels = true);
+  uint64_t frames = 0, speechFrames = 0;
+  UttPipeline(le_ctx* ctx, size_t frameBytes, const le_utt_opts& opts, Keep keep = Keep::Pixels);
   ~UttPipeline();
   UttPipeline(const UttPipeline&) = delete;
   UttPipeline& operator=(const UttPipeline&) = delete;
   // Pulls every frame waiting; whether there was one.
   bool pull();
-  // A short sleep, or the stall.
-  void nap();
+  // Pulls, or when nothing was waiting, sleeps a little (throwing once the pipeline stalled).
+  void pullOrNap();
   // Pulls until `idle` idle frames follow a speech or ramp frame pulled from index `from` on.
   void untilIdle(size_t from, int idle = 3);
+  // Pulls until n speech frames were pulled from index `from` on.
+  void untilSpeech(size_t from, int n);
   // Pushes pcm in pieces of `step` samples, pulling after each.
   void push(const std::vector<int16_t>& pcm, size_t step);
 
  private:
   std::vector<uint8_t> buf_;
-  bool keepPixels_;
-  std::chrono::steady_clock::time_point until_;
+  Keep keep_;
+  std::chrono::steady_clock::time_point lastFrame_;
 };
 
 // The triples a fresh audio-to-expression stream of the bundle makes of pcm (16 kHz mono), its
