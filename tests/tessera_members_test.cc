@@ -188,37 +188,43 @@ TEST(TesseraMembers, LoadsEveryField) {
 TEST(TesseraMembers, SidecarRefusals) {
   ScratchDir d("tessera_refuse");
   const std::string sc = "tessera_bank.v1.json";
-  const auto with = [](auto edit) {
-    Sidecar s;
-    edit(s);
-    return s;
+  std::string noBand = kStamp;
+  noBand.replace(noBand.find("\"band_c1\": 36"), 13, "\"band_c1\": 0 ");
+  // One field of the sidecar changed at a time.
+  const struct {
+    std::string Sidecar::*field;
+    std::string value, refusal;
+  } cases[] = {
+      {&Sidecar::format, "\"tessera_bank.v2\"",
+       sc + " declares format 'tessera_bank.v2', not 'tessera_bank.v1' — this reader does not know that generation "
+            "and will not guess at its keys."},
+      {&Sidecar::geometry, "[]", sc + " carries no `geometry` stamp"},
+      {&Sidecar::geometry, R"({"canvas_w": 128, "canvas_h": "128"})", "teeth: " + sc + ".geometry lacks numeric 'canvas_h'"},
+      {&Sidecar::geometry, noBand, "teeth stamp yields a non-positive stored patch (0x24)"},
+      {&Sidecar::n, "\"3\"", "teeth: " + sc + " lacks numeric 'n_donors'"},
+      {&Sidecar::n, "0.9", sc + " says n_donors=0"},
+      {&Sidecar::n, "1025",
+       sc + " carries n_donors=1025, over the owner's cap of 1024 (ruling 2026-08-28). This reader REFUSES rather than "
+            "capping: the selector is the bank's BUILD-time cap selector, and a second one here would change which "
+            "donors reach the mouth while every count-based check stayed green. Rebuild the bank."},
+      {&Sidecar::aperture, "{}", sc + " lacks one of track_order/cent/aperture/c_canon as an array"},
+      {&Sidecar::cent, "[[1, 2], [3, 4]]",
+       sc + " says n_donors=3 but carries track_order=3, cent=2, aperture=3 — a count mismatch silently mis-orders "
+            "the donors."},
+      {&Sidecar::cent, "[[1, 2], [3], [5, 6]]", sc + " cent[1] is not an (x,y) pair"},
+      {&Sidecar::canon, "[1, 2, 3]", sc + " c_canon is not a pair"},
+      {&Sidecar::order, "[2, 3, 1]", sc + " track_order[1]=3 is outside [0,3)"},
+      {&Sidecar::order, "[-1, 0, 1]", sc + " track_order[0]=-1 is outside [0,3)"},
+      {&Sidecar::order, "[2, 0, 2]",
+       sc + " track_order is not a permutation (reference 2 appears twice) — the inverse permutation would leave a "
+            "reference slot never written and the pass would blend uninitialised memory into a real mouth."},
+      {&Sidecar::order, "[2, 0, 1", "teeth: " + sc + " is not readable JSON: teeth: malformed JSON array"},
   };
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.format = "\"tessera_bank.v2\""; })),
-            sc + " declares format 'tessera_bank.v2', not 'tessera_bank.v1' — this reader does not know that "
-                 "generation and will not guess at its keys.");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.geometry = "[]"; })), sc + " carries no `geometry` stamp");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.geometry = R"({"canvas_w": 128, "canvas_h": "128"})"; })),
-            "teeth: " + sc + ".geometry lacks numeric 'canvas_h'");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.n = "\"3\""; })), "teeth: " + sc + " lacks numeric 'n_donors'");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.n = "0.9"; })), sc + " says n_donors=0");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.n = "1025"; })).rfind(sc + " carries n_donors=1025, over the owner's cap of 1024 (ruling 2026-08-28). This reader REFUSES rather than capping", 0), 0u);
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.aperture = "{}"; })),
-            sc + " lacks one of track_order/cent/aperture/c_canon as an array");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.cent = "[[1, 2], [3, 4]]"; })),
-            sc + " says n_donors=3 but carries track_order=3, cent=2, aperture=3 — a count mismatch silently "
-                 "mis-orders the donors.");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.canon = "[1, 2, 3]"; })), sc + " c_canon is not a pair");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.order = "[2, 3, 1]"; })), sc + " track_order[1]=3 is outside [0,3)");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.order = "[-1, 0, 1]"; })), sc + " track_order[0]=-1 is outside [0,3)");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.order = "[2, 0, 2]"; })),
-            sc + " track_order is not a permutation (reference 2 appears twice) — the inverse permutation would "
-                 "leave a reference slot never written and the pass would blend uninitialised memory into a real "
-                 "mouth.");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.cent = "[[1, 2], [3], [5, 6]]"; })), sc + " cent[1] is not an (x,y) pair");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.geometry = std::string(kStamp).replace(std::string(kStamp).find("\"band_c1\": 36"), 13, "\"band_c1\": 0 "); })),
-            "teeth stamp yields a non-positive stored patch (0x24)");
-  EXPECT_EQ(openError(d, with([](Sidecar& s) { s.order = "[2, 0, 1"; })),
-            "teeth: " + sc + " is not readable JSON: teeth: malformed JSON array");
+  for (const auto& c : cases) {
+    Sidecar s;
+    s.*c.field = c.value;
+    EXPECT_EQ(openError(d, s), c.refusal) << c.value;
+  }
 
   // pixel format: an empty manifest value overrides the sidecar's and leaves none
   EXPECT_EQ(openError(d, Sidecar{}, "{\"bank_pix_fmt\": \"\"}"),

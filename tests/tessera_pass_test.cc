@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <random>
+#include <tuple>
 #include <string>
 #include <vector>
 
@@ -114,14 +115,11 @@ BankData bankOf(const GeometryStamp& s, int n, uint32_t seed) {
   return b;
 }
 
+// The pass's frame result against the reference's, window bytes included.
 void expectSame(const FrameResult& got, const le::testref::RefResult& want, const std::string& what) {
-  EXPECT_EQ(got.skip, want.skip) << what;
-  EXPECT_EQ(got.reason, want.reason) << what;
-  EXPECT_EQ(got.candidates, want.candidates) << what;
-  ASSERT_EQ(got.window.size(), want.window.size()) << what;
-  size_t diff = 0;
-  for (size_t i = 0; i < got.window.size(); ++i) diff += got.window[i] != want.window[i];
-  EXPECT_EQ(diff, 0u) << what;
+  EXPECT_EQ(std::make_tuple(got.skip, got.reason, got.candidates, got.window),
+            std::make_tuple(want.skip, want.reason, want.candidates, want.window))
+      << what;
 }
 
 TEST(TesseraPass, MatchesPlainLoopReferenceOverFrames) {
@@ -146,7 +144,6 @@ TEST(TesseraPass, MatchesPlainLoopReferenceOverFrames) {
         }())
                     : forgedHead();
     TeethPass pass(bank, head, cs.cfg);
-    TeethPass probe(bank, head, cs.cfg);  // the retrieval's parts, in step with the reference
     le::testref::RefPass ref(bank, head, cs.cfg);
 
     // the pooled index, widened, equals the reference's half-rounded block means
@@ -177,19 +174,6 @@ TEST(TesseraPass, MatchesPlainLoopReferenceOverFrames) {
       const bool a = pass.push(f.index, rgb.data(), mask.data(), f.give ? &sh : nullptr, got);
       const bool b = ref.push(f.index, rgb.data(), mask.data(), f.give ? &sh : nullptr, want);
       ASSERT_EQ(a, b);
-      int32_t dy = 0, dx = 0;
-      std::string why;
-      if (probe.deriveShift(mask.data(), f.give ? &sh : nullptr, dy, dx, why)) {
-        TeethPass::RetrieveWork w;
-        std::vector<float> coarse, exact;
-        probe.retrievePrepare(rgb.data(), mask.data(), dy, dx, w);
-        probe.coarsePass(w, coarse);
-        probe.exactPass(rgb.data(), w, coarse, exact);
-        EXPECT_EQ(coarse, ref.last_coarse) << f.index;
-        EXPECT_EQ(exact, ref.last_exact) << f.index;
-        const std::vector<int32_t> donors = probe.retrieveSelect(coarse, exact);
-        EXPECT_EQ(std::vector<int>(donors.begin(), donors.end()), ref.last_donors) << f.index;
-      }
       if (a) expectSame(got, want, "frame before " + std::to_string(f.index) + (cs.odd ? " odd" : " even")), ++filled;
     }
     FrameResult got;
@@ -215,8 +199,6 @@ TEST(TesseraPass, RefusesBrokenConfigAndBank) {
       "(W3-01)";
   EXPECT_EQ(parse(R"({"retrieval": {"kshort": 1, "aperture_tol": 1, "cut": 1, "K": 1}})"), schema);
   EXPECT_EQ(parse(R"({"retrieval": 3, "temporal": {}})"), schema);
-  EXPECT_EQ(parse(R"({"retrieval": {"kshort": 1, "aperture_tol": 1, "K": 1}, "temporal": {}})"),
-            "teeth: member JSON lacks key 'cut'");
   std::string env = ok;
   env.replace(env.find("12.0000001"), 10, "13");
   EXPECT_EQ(parse(env),
@@ -245,8 +227,6 @@ TEST(TesseraPass, RefusesBrokenConfigAndBank) {
             "teeth: bank sidecar arrays disagree with n_donors");
   EXPECT_EQ(build([](BankData& b, ServeConfig&) { b.cent.push_back(0); }),
             "teeth: bank sidecar arrays disagree with n_donors");
-  EXPECT_EQ(build([](BankData& b, ServeConfig&) { b.stamp.pad = 0; }),
-            "teeth: GeometryStamp incoherent: pad/shift_margin must be positive;");
   EXPECT_NE(build([](BankData&, ServeConfig& c) { c.cut = 0; }).find("retrieval.cut=0 is below 1"), std::string::npos);
 }
 

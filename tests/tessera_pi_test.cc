@@ -215,33 +215,33 @@ TEST(TesseraPi, ManifestBlock) {
   EXPECT_EQ(UnifiedPi::fromManifestJson(manifest(good + ", \"corner_recovery\": \"lip_landmark_half\""), 64).corner_recovery, 1);
   EXPECT_EQ(UnifiedPi::fromManifestJson(manifest(good + ", \"corner_recovery\": true"), 64).corner_recovery, 1);
 
-  auto refusal = [&](const std::string& text, int canvas = 64) {
-    return le::testing::thrown([&] { UnifiedPi::fromManifestJson(text, canvas); });
+  const std::string prop = "\"mode\": \"prop\", \"prop_gate_scale\": 1, \"lip_idx\": ";
+  const std::string tp = "teeth-pi: ";
+  const std::pair<std::string, std::string> cases[] = {
+      {"{\"NT\": 4}",
+       tp + "manifest has no `unified` block — this bundle predates the unified compose and cannot state the pi "
+            "geometry it was baked with; refusing to guess one"},
+      {"{\"unified\": {}}", "teeth: member JSON lacks key 'pi'"},
+      {manifest("\"prop_gate_scale\": 1"), "teeth: member JSON lacks key 'mode'"},
+      {manifest("\"mode\": 3"), tp + "unified.pi.mode is not a string"},
+      {manifest("\"mode\": \"ellipse\""),
+       tp + "unified.pi.mode 'ellipse' is a compose-mask geometry this port cannot name — fail loud, never adapt "
+            "(the stamped-geometry rule)"},
+      {manifest(good + ", \"corner_recovery\": 1"),
+       tp + "unknown unified.pi.corner_recovery — a compose-mask geometry a consumer cannot name must never be "
+            "guessed"},
+      {manifest("\"mode\": \"prop\", \"lip_idx\": [1]"), "teeth: member JSON lacks key 'prop_gate_scale'"},
+      {manifest(prop + "[]"), tp + "unified.pi.lip_idx is not a non-empty array"},
+      {manifest(prop + "[1], \"lip_geom_params\": [1, 2]"),
+       tp + "unified.pi.lip_geom_params must be [pad_x, pad_y, down]"},
+      {manifest(prop + "[1]"), "teeth: member JSON lacks key 'lip_geom_params'"},
+      {manifest(good, ", \"crop\": {\"canvas\": 32}"), tp + "engine renders at canvas 64 but unified.crop.canvas is 32"},
+      {manifest(prop + "[21], \"lip_geom_params\": [1, 2, 3]"),
+       tp + "unified.pi.lip_idx names keypoint row 21, and a keypoint row is 0..20"},
+      {"{\"unified\": [1, ", tp + "the manifest is not readable JSON: teeth: JSON truncated"},
   };
-  EXPECT_EQ(refusal("{\"NT\": 4}"),
-            "teeth-pi: manifest has no `unified` block — this bundle predates the unified compose and cannot state "
-            "the pi geometry it was baked with; refusing to guess one");
-  EXPECT_EQ(refusal("{\"unified\": {}}"), "teeth: member JSON lacks key 'pi'");
-  EXPECT_EQ(refusal(manifest("\"prop_gate_scale\": 1")), "teeth: member JSON lacks key 'mode'");
-  EXPECT_EQ(refusal(manifest("\"mode\": 3")), "teeth-pi: unified.pi.mode is not a string");
-  EXPECT_EQ(refusal(manifest("\"mode\": \"ellipse\"")),
-            "teeth-pi: unified.pi.mode 'ellipse' is a compose-mask geometry this port cannot name — fail loud, never "
-            "adapt (the stamped-geometry rule)");
-  EXPECT_EQ(refusal(manifest(good + ", \"corner_recovery\": 1")),
-            "teeth-pi: unknown unified.pi.corner_recovery — a compose-mask geometry a consumer cannot name must never "
-            "be guessed");
-  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"lip_idx\": [1]")), "teeth: member JSON lacks key 'prop_gate_scale'");
-  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"prop_gate_scale\": 1, \"lip_idx\": []")),
-            "teeth-pi: unified.pi.lip_idx is not a non-empty array");
-  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"prop_gate_scale\": 1, \"lip_idx\": [1], \"lip_geom_params\": [1, 2]")),
-            "teeth-pi: unified.pi.lip_geom_params must be [pad_x, pad_y, down]");
-  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"prop_gate_scale\": 1, \"lip_idx\": [1]")),
-            "teeth: member JSON lacks key 'lip_geom_params'");
-  EXPECT_EQ(refusal(manifest(good, ", \"crop\": {\"canvas\": 512}"), 256),
-            "teeth-pi: engine renders at canvas 256 but unified.crop.canvas is 512");
-  EXPECT_EQ(refusal(manifest("\"mode\": \"prop\", \"prop_gate_scale\": 1, \"lip_idx\": [21], \"lip_geom_params\": [1, 2, 3]")),
-            "teeth-pi: unified.pi.lip_idx names keypoint row 21, and a keypoint row is 0..20");
-  EXPECT_EQ(refusal("{\"unified\": [1, "), "teeth-pi: the manifest is not readable JSON: teeth: JSON truncated");
+  for (const auto& [text, want] : cases)
+    EXPECT_EQ(le::testing::thrown([&] { UnifiedPi::fromManifestJson(text, 64); }), want) << text;
   const double canon[2] = {1, 2};
   EXPECT_EQ(le::testing::thrown([&] { UnifiedPi::corpusFromManifestJson(manifest(good), 64, nullptr, 3, canon, nullptr); }),
             "teeth-pi: the corpus frame is identified from the bundle's own xs_target and none was supplied — "

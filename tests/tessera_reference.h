@@ -117,9 +117,6 @@ class RefPass {
     return true;
   }
 
-  // The last retrieval's distances by donor (exact: +inf where not re-ranked) and selection.
-  std::vector<float> last_coarse, last_exact;
-  std::vector<int> last_donors;
   std::vector<float> index;  // n x 3 x (wh/4) x (ww/4), half-rounded
 
  private:
@@ -202,11 +199,7 @@ class RefPass {
       }
     Sp = std::max(Sp, 0.0001f);
     auto dist = [](float a0, float a1, float a2, float b0, float b1, float b2) {
-      float d = 0.0f;
-      d = d + std::fabs(h16(a0 - b0));
-      d = d + std::fabs(h16(a1 - b1));
-      d = d + std::fabs(h16(a2 - b2));
-      return h16(d / 3.0f);
+      return h16(((std::fabs(h16(a0 - b0)) + std::fabs(h16(a1 - b1))) + std::fabs(h16(a2 - b2))) / 3.0f);
     };
     std::vector<float> coarse(n);
     for (int d = 0; d < n; ++d) {
@@ -231,9 +224,6 @@ class RefPass {
       }
       e[j] = t / S;
     }
-    last_coarse = coarse;
-    last_exact.assign(n, INFINITY);
-    for (int j = 0; j < k; ++j) last_exact[o[j]] = e[j];
     const std::vector<int> o2 = order(e);
     const int best = o[o2[0]];
     std::vector<int> kept;
@@ -241,7 +231,6 @@ class RefPass {
       if (std::fabs(ap[o[o2[j]]] - ap[best]) <= std::max(1e-6, ap[best]) * cfg.aperture_tol) kept.push_back(o[o2[j]]);
     if (kept.empty()) kept.push_back(best);
     while (static_cast<int>(kept.size()) < cfg.K) kept.push_back(kept.back());
-    last_donors = kept;
     return kept;
   }
 
