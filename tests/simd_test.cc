@@ -31,42 +31,18 @@ float fromBits(uint32_t u) {
 
 // ---- scalar references -------------------------------------------------------------
 
-// binary16 -> float from the definition; a NaN is returned quiet with its payload.
+// binary16 <-> float by the compiler's IEEE conversions (nearest-even; NaNs quiet, payload kept
+// as far as it fits), not the engine's.
 float refHalfToFloat(uint16_t h) {
-  const bool neg = h & 0x8000;
-  const int e = (h >> 10) & 31;
-  const int m = h & 0x3FF;
-  if (e == 31) {
-    const uint32_t b = (neg ? 0x80000000u : 0u) | 0x7F800000u |
-                       (m ? 0x400000u | (static_cast<uint32_t>(m) << 13) : 0u);
-    return fromBits(b);
-  }
-  const float mag = e == 0 ? std::ldexp(static_cast<float>(m), -24)
-                           : std::ldexp(static_cast<float>(1024 + m), e - 25);
-  return neg ? -mag : mag;
+  _Float16 f;
+  std::memcpy(&f, &h, 2);
+  return static_cast<float>(f);
 }
-
-// Nearest-even binary16 by exhaustive neighbour choice over the finite halves.
 uint16_t refFloatToHalf(float x) {
-  const uint32_t b = bitsOf(x);
-  const uint16_t sign = static_cast<uint16_t>((b >> 16) & 0x8000);
-  if (std::isnan(x)) return sign | 0x7E00 | ((b >> 13) & 0x3FF);
-  const double a = std::fabs(static_cast<double>(x));
-  if (a >= 65520.0) return sign | 0x7C00;  // at or past the midpoint above the largest half
-  // Candidates: the two halves around a (the magnitudes are monotonic in their bits).
-  uint16_t lo = 0, hi = 0x7BFF;
-  while (lo < hi) {  // largest h with value(h) <= a
-    const uint16_t mid = static_cast<uint16_t>((lo + hi + 1) / 2);
-    if (static_cast<double>(refHalfToFloat(mid)) <= a) lo = mid; else hi = mid - 1;
-  }
-  uint16_t q = lo;
-  const double vlo = refHalfToFloat(lo);
-  if (vlo != a) {
-    const double vhi = refHalfToFloat(static_cast<uint16_t>(lo + 1));
-    const double dlo = a - vlo, dhi = vhi - a;
-    if (dhi < dlo || (dhi == dlo && (lo & 1))) q = static_cast<uint16_t>(lo + 1);
-  }
-  return sign | q;
+  const _Float16 f = static_cast<_Float16>(x);
+  uint16_t h;
+  std::memcpy(&h, &f, 2);
+  return h;
 }
 
 float refRoundHalf(float x) { return refHalfToFloat(refFloatToHalf(x)); }
