@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <stdexcept>
@@ -45,6 +44,13 @@ std::vector<std::string> tree(const std::string& dir) {
   return names;
 }
 
+// Every file below dir: relative name and contents, sorted by name.
+Members files(const std::string& dir) {
+  Members out;
+  for (const auto& m : le::forge::bundleMembers(dir)) out.push_back({m.name, le::readFile(m.path)});
+  return out;
+}
+
 size_t count(const std::string& hay, const std::string& needle) {
   size_t n = 0;
   for (size_t at = hay.find(needle); at != std::string::npos; at = hay.find(needle, at + 1)) ++n;
@@ -66,10 +72,11 @@ class Imx : public ::testing::Test {
 
   ScratchDir scratch{"imx"};
   std::string log;
-  const Members bundle{{"manifest.json", manifestText()},
-                       {"M.f32", std::string(24, '\x01')},
+  // In the order the members are listed: sorted by name.
+  const Members bundle{{"M.f32", std::string(24, '\x01')},
+                       {"drive/xs.f32", "abcd"},
                        {"idle_loop/source_index.i32", std::string(16, '\0')},
-                       {"drive/xs.f32", "abcd"}};
+                       {"manifest.json", manifestText()}};
 };
 
 TEST_F(Imx, UnwrapsOnceReusesAndRebuildsWhenTheContainerChanges) {
@@ -79,9 +86,7 @@ TEST_F(Imx, UnwrapsOnceReusesAndRebuildsWhenTheContainerChanges) {
   const std::string dir = resolve(c);
   EXPECT_EQ(dir, scratch / "avatar.lebundle");
   EXPECT_EQ(log, "[le] unwrapped " + c + " -> " + dir + "\n");
-  for (const auto& [name, bytes] : bundle) EXPECT_EQ(le::readFile(dir + "/" + name), bytes) << name;
-  EXPECT_EQ(tree(dir), (std::vector<std::string>{"M.f32", "drive/xs.f32",
-                                                 "idle_loop/source_index.i32", "manifest.json"}));
+  EXPECT_EQ(files(dir), bundle);
   struct stat st;
   ASSERT_EQ(::stat(c.c_str(), &st), 0);
   const std::string marker = le::readFile(dir + ".imx_unwrapped");
@@ -270,21 +275,18 @@ TEST_F(Imx, InterruptedUnwrapIsRedoneCleanly) {
   const std::string image = le::forge::imxImage(bundle);
   // The file ends inside the last member: the unwrap stops after the first three.
   writeFile(c, image.substr(0, image.size() - 2));
-  EXPECT_EQ(thrown([&] { resolve(c); }), c + ": truncated payload for member drive/xs.f32");
-  EXPECT_EQ(tree(dir), (std::vector<std::string>{"M.f32", "idle_loop/source_index.i32",
-                                                 "manifest.json"}));
+  EXPECT_EQ(thrown([&] { resolve(c); }), c + ": truncated payload for member manifest.json");
+  EXPECT_EQ(files(dir), Members(bundle.begin(), bundle.end() - 1));
   EXPECT_FALSE(exists(dir + ".imx_unwrapped"));
 
   // Killed mid-copy by another process: a stale ".part", a stale member and an old marker.
   writeFile(c, image);
-  writeFile(dir + "/drive/xs.f32.part", "ab");
+  writeFile(dir + "/manifest.json.part", "ab");
   writeFile(dir + "/M.f32", "old");
   writeFile(dir + ".imx_unwrapped", "imx-unwrapped.v2 cut.imx 1 2 3");
   const std::string got = resolve(c);
   EXPECT_EQ(count(log, "[le] unwrapped"), 1u);
-  EXPECT_EQ(tree(got), (std::vector<std::string>{"M.f32", "drive/xs.f32",
-                                                 "idle_loop/source_index.i32", "manifest.json"}));
-  for (const auto& [name, bytes] : bundle) EXPECT_EQ(le::readFile(dir + "/" + name), bytes) << name;
+  EXPECT_EQ(files(got), bundle);
 
   // The directory vanished behind the marker's back: unwrapped again.
   le::imx::rmTree(dir);
@@ -302,12 +304,8 @@ TEST_F(Imx, MemberDirectoriesInAnyOrderAndAFileInTheWay) {
   const std::string c = scratch / "order.imx";
   writeFile(c, le::forge::imxImage(members));
   const std::string dir = resolve(c);
-  for (const auto& [name, bytes] : members)
-    EXPECT_EQ(le::readFile(dir + "/" + name), bytes) << name;
-  std::vector<std::string> want{"a/b/c/u", "a/b/w", "a/b/y", "a/bc", "ab/c/v", "ab/x", "t",
-                                deep + "/z"};
-  std::sort(want.begin(), want.end());
-  EXPECT_EQ(tree(dir), want);
+  EXPECT_EQ(files(dir), (Members{{"a/b/c/u", "7"}, {"a/b/w", "5"}, {"a/b/y", "2"}, {"a/bc", "3"},
+                                  {"ab/c/v", "6"}, {"ab/x", "1"}, {deep + "/z", "4"}, {"t", "8"}}));
 
   writeFile(c, le::forge::imxImage({{"t", "8"}, {"t/x", "9"}}));
   EXPECT_EQ(thrown([&] { resolve(c); }), "cannot create " + dir + "/t");
@@ -378,9 +376,7 @@ TEST_F(Imx, PackedDirectoryRoundTripsAndFlatQueriesSeeTheContainer) {
   le::testing::stderrOf([&] { resolved = le_bundle_resolve_handle(c.c_str(), out, sizeof out); });
   ASSERT_EQ(resolved, 1) << le_last_error();
   const std::string dir = out;
-  EXPECT_EQ(tree(dir), tree(src));
-  for (const auto& m : le::forge::bundleMembers(src))
-    EXPECT_EQ(le::readFile(dir + "/" + m.name), le::readFile(m.path)) << m.name;
+  EXPECT_EQ(files(dir), files(src));
   EXPECT_EQ(le_bundle_resolve_member(c.c_str(), "mask_512.u8", out, sizeof out), 1);
   EXPECT_EQ(std::string(out), dir + "/paste_mask.u8");
   EXPECT_EQ(le_bundle_resolve_member(c.c_str(), "drive/si.i32", out, sizeof out), 1);
