@@ -138,8 +138,6 @@ TEST(Context, ConstructionFailuresUndoThemselves) {
       {broken("zero_dims", {Break::ManifestZeroDims}), "le_create: manifest: bad dims", false},
       {broken("short_pooled", {Break::ShortPooled}),
        "le_create: size mismatch " + dir / "short_pooled/pooled64.f16", false},
-      {broken("long_pooled", {Break::LongPooled}),
-       "le_create: size mismatch " + dir / "long_pooled/pooled64.f16", false},
       {broken("short_xs", {Break::ShortXs}),
        "le_create: size mismatch " + dir / "short_xs/drive/xs.f32", false},
       {broken("si_range", {Break::SiOutOfRange}), "le_create: drive: si out of range", false},

@@ -176,7 +176,8 @@ TEST(GraphRewrites, GridSampleToFast) {
   EXPECT_EQ(le::rewriteGridSampleToFast(m), 0u);  // nothing left to do, bytes untouched
   EXPECT_EQ(m, once);
 
-  // Two nodes rewritten, one import; an import already there is kept as it is.
+  // Two nodes rewritten, one import; an import already there is kept as it is. (The kernel's
+  // values are the GridSampleFast test's.)
   for (bool preDeclared : {false, true}) {
     OnnxBuilder b;
     if (preDeclared) b.opset("com.vantorix", 3);
@@ -185,16 +186,9 @@ TEST(GraphRewrites, GridSampleToFast) {
     const std::vector<Attr> a = {Attr::s("mode", "bilinear"), Attr::s("padding_mode", "border")};
     b.node("Add", {b.op("GridSample", {"x", "g"}, a), b.op("GridSample", {"x", "g"}, a)}, {"y"});
     b.output("y", {1, 2, 5, 5});
-    const Bytes two = b.build();
-    Bytes t = two;
+    Bytes t = b.build();
     EXPECT_EQ(le::rewriteGridSampleToFast(t), 2u);
     EXPECT_EQ(vantorixImports(t), std::vector<uint64_t>{preDeclared ? 3u : 1u});
-    std::vector<float> x(50), g(50);
-    for (size_t k = 0; k < x.size(); ++k) x[k] = float(k % 11) * 0.3f, g[k] = std::sin(float(k)) * 1.3f;
-    const std::vector<Feed> feeds = {{"x", {1, 2, 5, 5}, x}, {"g", {1, 5, 5, 2}, g}};
-    if (!preDeclared) {
-      EXPECT_LT(compare(two, t, feeds, "y"), 1e-5f);
-    }
   }
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tools/forge/onnx_builder.h"
@@ -44,7 +45,6 @@ std::vector<uint8_t> smallModel() {
   return b.build();
 }
 
-
 }  // namespace
 
 TEST(OnnxBytes, MalformedFieldsFailWithExactTexts) {
@@ -75,25 +75,19 @@ TEST(OnnxBytes, VarintsRoundTripAndRawSpansCoverFields) {
   out.insert(out.end(), fixed.begin(), fixed.end());
   EXPECT_EQ(out.size() - fixed.size() - 5, 1 + 1 + 1 + 2 + 2 + 5 + 6 + 10 + 10 + 9u);
 
+  // Each field read back as (number, wire type, value or payload), its raw span copied.
+  using Read = std::tuple<uint32_t, int, uint64_t, std::string>;
+  std::vector<Read> want, got;
+  for (uint64_t v : values) want.emplace_back(3, 0, v, "");
+  want.emplace_back(9, 2, 0, "abc");
+  want.emplace_back(2, 5, 0x3F800000u, "");
   GsReader r(out);
-  GsField f;
   std::vector<uint8_t> copy;
-  for (uint64_t v : values) {
-    ASSERT_TRUE(r.next(f));
-    EXPECT_EQ(f.number, 3u);
-    EXPECT_EQ(f.wireType, 0);
-    EXPECT_EQ(f.value, v);
+  for (GsField f; r.next(f);) {
+    got.emplace_back(f.number, f.wireType, f.value, std::string(f.payload.begin(), f.payload.end()));
     le::gsPutRaw(copy, f.raw);
   }
-  ASSERT_TRUE(r.next(f));
-  EXPECT_EQ(f.wireType, 2);
-  EXPECT_TRUE(f.payload == "abc");
-  le::gsPutRaw(copy, f.raw);
-  ASSERT_TRUE(r.next(f));
-  EXPECT_EQ(f.wireType, 5);
-  EXPECT_EQ(f.value, 0x3F800000u);
-  le::gsPutRaw(copy, f.raw);
-  EXPECT_FALSE(r.next(f));
+  EXPECT_EQ(got, want);
   EXPECT_EQ(copy, out);
 
   le::PbReader pr(out);
