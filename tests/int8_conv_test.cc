@@ -102,36 +102,28 @@ bool bitEqual(const std::vector<float>& a, const std::vector<float>& b) {
   return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
 }
 
-ConvSpec spec(int64_t n, int64_t ci, int64_t h, int64_t w, int64_t co, int64_t k) {
+using Ints = std::vector<int64_t>;
+
+ConvSpec spec(int64_t n, int64_t ci, int64_t h, int64_t w, int64_t co, int64_t k, Ints pads = {},
+              Ints strides = {}, Ints dilations = {}, int64_t group = 1) {
   ConvSpec s;
   s.n = n, s.ic = ci, s.h = h, s.w = w, s.oc = co, s.kh = s.kw = k;
+  s.pads = pads, s.strides = strides, s.dilations = dilations, s.group = group;
   return s;
 }
 
 TEST(Int8Conv, EveryPathEqualsThePlainLoopReference) {
-  std::vector<ConvSpec> cases;
-  ConvSpec s = spec(1, 64, 13, 19, 64, 3);  // the director's layer, odd edges: tiles and remainders
-  s.pads = {1, 1, 1, 1};
-  cases.push_back(s);
-  s = spec(2, 5, 11, 9, 7, 3);  // strides, asymmetric pads, dilations, two images
-  s.strides = {2, 2}, s.pads = {1, 0, 2, 1}, s.dilations = {1, 2};
-  cases.push_back(s);
-  s = spec(1, 6, 9, 14, 4, 3);  // two groups of 3 input channels (not a multiple of 4)
-  s.group = 2, s.pads = {1, 1, 1, 1};
-  cases.push_back(s);
-  s = spec(1, 8, 7, 12, 8, 3);  // depthwise
-  s.group = 8, s.pads = {1, 1, 1, 1};
-  cases.push_back(s);
-  cases.push_back(spec(1, 3, 5, 21, 33, 1));  // 1x1, output channels past one block of 16
-  s = spec(1, 12, 10, 24, 20, 5);             // dilated 5x5: interior tiles with gaps
-  s.dilations = {2, 2}, s.pads = {4, 4, 4, 4};
-  cases.push_back(s);
-  s = spec(1, 4, 2, 3, 5, 3);  // smaller than the kernel: no interior pixel at all
-  s.pads = {1, 1, 1, 1};
-  cases.push_back(s);
-  s = spec(1, 16, 12, 30, 16, 3);  // stride 2 with interior tiles
-  s.strides = {2, 2}, s.pads = {1, 1, 1, 1};
-  cases.push_back(s);
+  const Ints one = {1, 1, 1, 1};
+  const std::vector<ConvSpec> cases = {
+      spec(1, 64, 13, 19, 64, 3, one),  // the director's layer, odd edges: tiles and remainders
+      spec(2, 5, 11, 9, 7, 3, {1, 0, 2, 1}, {2, 2}, {1, 2}),  // strides, asymmetric pads, dilations, two images
+      spec(1, 6, 9, 14, 4, 3, one, {}, {}, 2),  // two groups of 3 input channels (not a multiple of 4)
+      spec(1, 8, 7, 12, 8, 3, one, {}, {}, 8),  // depthwise
+      spec(1, 3, 5, 21, 33, 1),                 // 1x1, output channels past one block of 16
+      spec(1, 12, 10, 24, 20, 5, {4, 4, 4, 4}, {}, {2, 2}),  // dilated 5x5: interior tiles with gaps
+      spec(1, 4, 2, 3, 5, 3, one),                           // smaller than the kernel: no interior pixel
+      spec(1, 16, 12, 30, 16, 3, one, {2, 2}),               // stride 2 with interior tiles
+  };
 
   int tested = 0;
   for (size_t k = 0; k < cases.size(); ++k) {
@@ -178,8 +170,7 @@ TEST(Int8Conv, RangeScaleAndZeroPoint) {
   EXPECT_EQ(ic::quantParams(-1.f, 1.55f).zeroPoint, 100);
 
   // All-zero input: every output is its channel's bias, exactly.
-  ConvSpec s = spec(1, 8, 6, 9, 20, 3);
-  s.pads = {1, 1, 1, 1};
+  const ConvSpec s = spec(1, 8, 6, 9, 20, 3, {1, 1, 1, 1});
   Problem p = problem(s, 9);
   std::fill(p.x.begin(), p.x.end(), 0.f);
   const std::vector<float> y = run(p, ic::Path::Auto);
@@ -214,8 +205,7 @@ Ort::Session int8Session(const std::vector<uint8_t>& model, int threads = 1) {
 }
 
 TEST(Int8Conv, OperatorReadsItsAttributesAndRefusesBadInputs) {
-  ConvSpec s = spec(2, 6, 11, 10, 10, 3);
-  s.strides = {2, 1}, s.pads = {2, 1, 0, 1}, s.dilations = {1, 2}, s.group = 2;
+  const ConvSpec s = spec(2, 6, 11, 10, 10, 3, {2, 1, 0, 1}, {2, 1}, {1, 2}, 2);
   const Problem p = problem(s, 31);
   Ort::Session session = int8Session(le::forge::int8ConvModel(s, p.w, p.bias));
   std::vector<int64_t> shape;
@@ -256,8 +246,7 @@ TEST(Int8Conv, OperatorReadsItsAttributesAndRefusesBadInputs) {
 }
 
 TEST(Int8Conv, ConcurrentFirstRunsPrepareOnce) {
-  ConvSpec s = spec(1, 32, 24, 24, 32, 3);
-  s.pads = {1, 1, 1, 1};
+  const ConvSpec s = spec(1, 32, 24, 24, 32, 3, {1, 1, 1, 1});
   const Problem p = problem(s, 41);
   const std::vector<float> ref = reference(p.x, p.w, p.bias, s);
   Ort::Session session =
