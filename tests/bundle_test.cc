@@ -73,17 +73,14 @@ TEST(KeyScanner, AmbiguityNamesEveryCollidingOffset) {
             std::string::npos);
 }
 
+// The edges the manifest's own loads do not reach (its missing keys are the refusal test's).
 TEST(FieldReaders, StringsNumbersAndOptionalStrings) {
   const std::string t =
-      R"({"s": "abc", "e": "", "n": 12.5, "b": 3, "q": "a\"b", "P_hevc": "x.mov"})";
+      R"({"s": "abc", "e": "", "n": 12.5, "q": "a\"b", "P_hevc": "x.mov"})";
   EXPECT_EQ(le::strField(t, "s"), "abc");
   EXPECT_EQ(le::strField(t, "q"), "a\\");  // escapes are not interpreted
-  EXPECT_EQ(thrown([&] { le::strField(t, "missing"); }), "manifest: missing key missing");
   EXPECT_EQ(thrown([&] { le::strField(R"({"s": 1})", "s"); }), "manifest: bad string s");
   EXPECT_EQ(thrown([&] { le::strField(R"({"s": "abc)", "s"); }), "manifest: bad string s");
-  EXPECT_EQ(le::numFieldEither(t, "n", "b"), 12.5);
-  EXPECT_EQ(le::numFieldEither(t, "zz", "b"), 3.0);
-  EXPECT_EQ(thrown([&] { le::numFieldEither(t, "x", "y"); }), "manifest: missing key x/y");
   // -1e300 stands for "absent" in the two-key reader.
   EXPECT_EQ(le::numFieldEither(R"({"a": -1e300, "b": 4})", "a", "b"), 4.0);
   std::string out = "keep";
@@ -95,7 +92,6 @@ TEST(FieldReaders, StringsNumbersAndOptionalStrings) {
   EXPECT_FALSE(le::optStr(t, "zz", out));
   EXPECT_FALSE(le::optStr(t, "e", out));  // an empty string is taken but reports false
   EXPECT_EQ(out, "");
-  EXPECT_EQ(std::string(le::findKey(t, "b")).substr(0, 1), "3");
 }
 
 TEST(Manifest, LoadsEveryMember) {
@@ -142,8 +138,6 @@ TEST(Manifest, RefusalTexts) {
   EXPECT_EQ(loadError(dir, edited(base, "\"agent\": \"agent-7\",", "")),
             "manifest: missing key agent");
   EXPECT_EQ(loadError(dir, edited(base, "\"NT\": 40,", "")), "manifest: missing key NT/frame_count");
-  EXPECT_EQ(loadError(dir, edited(base, "\"crop\": 256,", "")),
-            "manifest: missing key crop/crop_size");
   EXPECT_EQ(loadError(dir, edited(base, "\"ksize\": 9,", "")), "manifest: missing key ksize");
   // An object value is not a value.
   EXPECT_EQ(loadError(dir, edited(base, "\"sigma\": 2.5", "\"sigma\": {\"v\": 2.5}")),
@@ -270,10 +264,10 @@ TEST(MemberResolution, PairsFamiliesAndFallbacks) {
   EXPECT_EQ(le::alternativeMemberName("model_b4_.onnx"), "render_model.batch4.onnx");
 }
 
+// (A member found under its other name, through a container, is the container test's.)
 TEST(FlatBundleQueries, ResolveHandleAndMember) {
   ScratchDir dir("flat");
   writeFile(dir / "manifest.json", manifestText());
-  writeFile(dir / "paste_mask.u8", "m");
   const std::string d = dir.path();
   char out[4096];
   ASSERT_EQ(le_bundle_resolve_handle(d.c_str(), out, sizeof out), 1);
@@ -293,8 +287,6 @@ TEST(FlatBundleQueries, ResolveHandleAndMember) {
   EXPECT_EQ(le_bundle_resolve_member(d.c_str(), nullptr, out, sizeof out), -1);
   EXPECT_STREQ(le_last_error(), "");
 
-  EXPECT_EQ(le_bundle_resolve_member(d.c_str(), "mask_512.u8", out, sizeof out), 1);
-  EXPECT_EQ(std::string(out), d + "/paste_mask.u8");
   EXPECT_EQ(le_bundle_resolve_member(d.c_str(), "P.f16", out, sizeof out), 0);
   EXPECT_EQ(std::string(out), d + "/P.f16");
   const std::string p = d + "/P.f16";
