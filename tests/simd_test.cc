@@ -82,23 +82,6 @@ void refYuvRow(const uint8_t* y, const uint8_t* u, const uint8_t* v, int width, 
   for (int x = 0; x < width; ++x) le::testmedia::yuvToRgbRef(y[x], u[(x >> 1) * step], v[(x >> 1) * step], rgb + 3 * x);
 }
 
-struct PasteArgs {
-  std::vector<float> src;  // row bands: channel k of (x, y) at ((y / 8 * crop + x) * 3 + k) * 16 + y % 8
-  int crop = 0;
-  std::vector<uint8_t> mask;
-  le::testref::PasteTables t = le::testref::pasteTables(1, 1.0);
-  std::vector<int> col_x, col_y;
-  int row_x = 0, row_y = 0, x_begin = 0, x_end = 0;
-};
-
-void refPasteRow(const PasteArgs& a, uint8_t* dst) {
-  for (int x = a.x_begin; x <= a.x_end; ++x)
-    le::testref::refPastePixel(
-        a.t, 0, a.mask.data(), a.crop, a.row_x + a.col_x[x - a.x_begin], a.row_y + a.col_y[x - a.x_begin],
-        [&](int k, int row, int col) { return a.src[((row / 8 * a.crop + col) * 3 + k) * 16 + row % 8]; },
-        dst + 3 * x);
-}
-
 // ---- running on every target ---------------------------------------------------------
 
 // Runs body once per runnable target with dispatch forced to that target, which the engine names.
@@ -397,23 +380,23 @@ TEST(SimdYuv, JpegColourEveryTripleAndWidth) {
 
 TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
   std::mt19937 rng(11);
+  const le::testref::PasteTables t = le::testref::pasteTables(1, 1.0);
   for (int crop : {48, 21, 7, 2, 1}) {
-    PasteArgs a;
-    a.crop = crop;
-    // The source in row bands, from three planes: pasteColumns against the plain loop. Rows
-    // past the crop are never read: NaN there would show.
+    // The source in row bands (channel k of (x, y) at ((y / 8 * crop + x) * 3 + k) * 16 + y % 8,
+    // each band holding the next eight rows too), from three planes: pasteColumns against the
+    // plain loop. Rows past the crop are never read: NaN there would show.
     std::vector<float> planes(static_cast<size_t>(crop) * crop * 3);
     for (float& v : planes) v = static_cast<float>(rng() % 30000) / 100.0f - 20.0f;
     const int bands = (crop + 7) / 8;
     ASSERT_EQ(le::simd::pasteSourceFloats(crop), static_cast<size_t>(bands) * crop * 48);
-    a.src.assign(le::simd::pasteSourceFloats(crop), std::nanf(""));
+    std::vector<float> src(le::simd::pasteSourceFloats(crop), std::nanf(""));
     for (int b = 0; b < bands; ++b)
       for (int x = 0; x < crop; ++x)
         for (int k = 0; k < 3; ++k)
           for (int i = 0; i < 16 && 8 * b + i < crop; ++i)
-            a.src[((b * crop + x) * 3 + k) * 16 + i] = planes[(k * crop + 8 * b + i) * crop + x];
+            src[((b * crop + x) * 3 + k) * 16 + i] = planes[(k * crop + 8 * b + i) * crop + x];
     forEachTarget([&] {
-      std::vector<float> got(a.src.size(), std::nanf(""));
+      std::vector<float> got(src.size(), std::nanf(""));
       // Bands of rows in any order, as the sharpening parts write them, each in two column runs.
       const int s1 = crop * 5 / 13, s2 = crop * 2 / 3, xs = crop * 3 / 7;
       for (int k = 0; k < 3; ++k)
@@ -421,14 +404,14 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
           for (const auto& run : {std::make_pair(xs, crop), std::make_pair(0, xs)})
             le::simd::pasteColumns(planes.data() + (k * crop + band.first) * crop, crop, band.first, band.second, k,
                                    run.first, run.second, got.data());
-      ASSERT_EQ(0, std::memcmp(got.data(), a.src.data(), got.size() * sizeof(float))) << "crop " << crop;
+      ASSERT_TRUE(same(got, src)) << "crop " << crop;
     });
-    a.mask.resize(static_cast<size_t>(crop) * crop);
+    std::vector<uint8_t> mask(static_cast<size_t>(crop) * crop);
     for (int yy = 0; yy < crop; ++yy)
       for (int xx = 0; xx < crop; ++xx)  // zero band on the left, full and soft regions elsewhere
-        a.mask[yy * crop + xx] = (xx < crop / 8) ? 0 : static_cast<uint8_t>(xx > crop * 5 / 8 ? 255 : rng() % 256);
+        mask[yy * crop + xx] = (xx < crop / 8) ? 0 : static_cast<uint8_t>(xx > crop * 5 / 8 ? 255 : rng() % 256);
     std::vector<uint32_t> quads(static_cast<size_t>(crop + 1) * (crop + 1));
-    le::simd::pasteMaskQuads(a.mask.data(), crop, quads.data());
+    le::simd::pasteMaskQuads(mask.data(), crop, quads.data());
     const int W = 600;  // rows longer than the kernel's internal span
     int blended = 0;
     forEachTarget([&] {
@@ -436,28 +419,26 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
         // A scaled, slightly rotated map (about 1.2x) whose rows cross the whole crop.
         const double scale = crop < 8 ? 0.05 : 1.0 / (0.8 + 0.8 * (rng() % 100) / 100.0);
         const double rot = ((rng() % 100) - 50) / 400.0, da = scale * std::cos(rot), dc = scale * std::sin(rot);
-        a.x_begin = static_cast<int>(rng() % 20);
-        a.x_end = W - 1 - static_cast<int>(rng() % 20);
-        a.col_x.resize(a.x_end - a.x_begin + 1);
-        a.col_y.resize(a.col_x.size());
-        for (int x = a.x_begin; x <= a.x_end; ++x) {
-          a.col_x[x - a.x_begin] = static_cast<int>(std::lrint(x * da * 1024));
-          a.col_y[x - a.x_begin] = static_cast<int>(std::lrint(x * dc * 1024));
-        }
-        a.row_x = -static_cast<int>(rng() % ((crop + 16) * 1024)) - 2048 + 16;
-        a.row_y = static_cast<int>(rng() % ((crop + 8) * 1024)) - 4 * 1024 + 16;
-        std::vector<uint8_t> row(3 * W), want, row2;
+        const int x0 = static_cast<int>(rng() % 20), x1 = W - 1 - static_cast<int>(rng() % 20);
+        std::vector<int> cx(size_t(x1 - x0 + 1)), cy(cx.size());
+        for (int x = x0; x <= x1; ++x)
+          cx[x - x0] = int(std::lrint(x * da * 1024)), cy[x - x0] = int(std::lrint(x * dc * 1024));
+        const int rx = -static_cast<int>(rng() % ((crop + 16) * 1024)) - 2048 + 16;
+        const int ry = static_cast<int>(rng() % ((crop + 8) * 1024)) - 4 * 1024 + 16;
+        std::vector<uint8_t> row(3 * W);
         for (auto& b : row) b = static_cast<uint8_t>(rng());
-        want = row2 = row;
-        refPasteRow(a, want.data());
+        std::vector<uint8_t> want = row, row2 = row;
+        for (int x = x0; x <= x1; ++x)
+          le::testref::refPastePixel(
+              t, 0, mask.data(), crop, rx + cx[x - x0], ry + cy[x - x0],
+              [&](int k, int r, int c) { return src[((r / 8 * crop + c) * 3 + k) * 16 + r % 8]; }, &want[3 * x]);
         blended += want != row;
-        le::simd::pasteLanczos8Row(a.src.data(), crop, a.mask.data(), a.t.lanczos.data(), a.t.bilinear.data(),
-                                   a.col_x.data(), a.col_y.data(), a.row_x, a.row_y, a.x_begin, a.x_end, row.data());
-        ASSERT_EQ(0, std::memcmp(row.data(), want.data(), row.size())) << "crop " << crop << " trial " << trial;
-        le::simd::pasteLanczos8RowQuads(a.src.data(), crop, a.mask.data(), quads.data(), a.t.lanczos.data(),
-                                        a.t.bilinear.data(), a.col_x.data(), a.col_y.data(), a.row_x, a.row_y,
-                                        a.x_begin, a.x_end, row2.data());
-        ASSERT_EQ(0, std::memcmp(row2.data(), want.data(), row2.size())) << "quads, crop " << crop << " trial " << trial;
+        le::simd::pasteLanczos8Row(src.data(), crop, mask.data(), t.lanczos.data(), t.bilinear.data(), cx.data(),
+                                   cy.data(), rx, ry, x0, x1, row.data());
+        ASSERT_TRUE(same(row, want)) << "crop " << crop << " trial " << trial;
+        le::simd::pasteLanczos8RowQuads(src.data(), crop, mask.data(), quads.data(), t.lanczos.data(),
+                                        t.bilinear.data(), cx.data(), cy.data(), rx, ry, x0, x1, row2.data());
+        ASSERT_TRUE(same(row2, want)) << "quads, crop " << crop << " trial " << trial;
       }
     });
     EXPECT_GT(blended, 0) << "crop " << crop;
