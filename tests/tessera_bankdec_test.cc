@@ -10,6 +10,7 @@
 #include "le/le.h"
 #include "le/le_bundle.h"
 #include "tests/bundle_fixture.h"
+#include "tests/support/media.h"
 #include "tools/forge/forge_movie.h"
 
 #include "le/tessera/le_bankdec_ff.h"
@@ -76,8 +77,7 @@ Track writeTrack(const ScratchDir& d, const std::string& name, le::forge::Chroma
     for (int k = 0; k < frames; ++k) mw.write(donorRgb(w, h, k).data());
     mw.finish();
   }
-  const std::string s = le::readFile(t.path);
-  t.bytes.assign(s.begin(), s.end());
+  t.bytes = le::testmedia::readBytes(t.path);
   return t;
 }
 
@@ -114,9 +114,7 @@ TEST(TesseraBankDecode, LosslessRgbIsExact) {
   const std::string av = d / "av.mp4";
   run("ffmpeg -v error -f lavfi -i sine=frequency=440:duration=0.5 -i '" + t.path +
       "' -map 0:a -map 1:v -c:v copy -c:a aac -shortest '" + av + "' 2>&1");
-  Track withAudio{av, {}};
-  const std::string s = le::readFile(av);
-  withAudio.bytes.assign(s.begin(), s.end());
+  const Track withAudio{av, le::testmedia::readBytes(av)};
   ASSERT_EQ(run("ffprobe -v error -show_entries stream=codec_type -of csv=p=0 '" + av + "'"), "audio\nvideo\n");
   EXPECT_EQ(decode(withAudio, n, h, w, order), out);
 }

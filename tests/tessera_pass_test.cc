@@ -15,6 +15,7 @@
 #include "le/le_simd.h"
 #include "le/tessera/le_tessera.h"
 #include "tests/bundle_fixture.h"
+#include "tests/support/media.h"
 #include "tests/tessera_reference.h"
 #include "tools/forge/forge_tessera.h"
 
@@ -138,10 +139,7 @@ TEST(TesseraPass, MatchesPlainLoopReferenceOverFrames) {
     const GeometryStamp s = stampOf(cs.odd);
     const BankData bank = bankOf(s, cs.n, cs.odd ? 7 : 3);
     const le::tessera::HeadWeights head =
-        cs.realHead ? le::tessera::loadHeadPt([] {
-          const std::string t = le::readFile("/work/shared/data/torch/blend16_state_dict.pt");
-          return std::vector<uint8_t>(t.begin(), t.end());
-        }())
+        cs.realHead ? le::tessera::loadHeadPt(le::testmedia::readBytes("/work/shared/data/torch/blend16_state_dict.pt"))
                     : forgedHead();
     TeethPass pass(bank, head, cs.cfg);
     le::testref::RefPass ref(bank, head, cs.cfg);

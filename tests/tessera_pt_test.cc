@@ -13,6 +13,7 @@
 #include "le/le_bundle.h"
 #include "le/tessera/le_tessera_pt.h"
 #include "tests/bundle_fixture.h"
+#include "tests/support/media.h"
 
 namespace {
 
@@ -21,11 +22,6 @@ using le::tessera::loadHeadPt;
 using le::testing::thrown;
 
 const std::string kTorch = "/work/shared/data/torch/";
-
-std::vector<uint8_t> fileBytes(const std::string& path) {
-  const std::string s = le::readFile(path);
-  return std::vector<uint8_t>(s.begin(), s.end());
-}
 
 std::string loadError(const std::vector<uint8_t>& bytes) {
   return thrown([&] { loadHeadPt(bytes); });
@@ -63,7 +59,7 @@ TEST(TesseraPt, RealFilesMatchTheirValues) {
     std::getline(row, shape, '\t');
     std::getline(row, sha, '\t');
     std::getline(row, sum, '\t');
-    if (!loaded.count(file)) loaded.emplace(file, loadHeadPt(fileBytes(kTorch + file)));
+    if (!loaded.count(file)) loaded.emplace(file, loadHeadPt(le::testmedia::readBytes(kTorch + file)));
     const HeadWeights& w = loaded.at(file);
     size_t i = 0;
     while (i < 10 && name != le::tessera::headTensorSpecs()[i].name) ++i;
@@ -83,7 +79,7 @@ TEST(TesseraPt, RealFilesMatchTheirValues) {
 }
 
 TEST(TesseraPt, RealRefusals) {
-  const auto err = [](const char* f) { return loadError(fileBytes(kTorch + f)); };
+  const auto err = [](const char* f) { return loadError(le::testmedia::readBytes(kTorch + f)); };
   EXPECT_EQ(err("legacy_format.pt"), "teeth: head .pt is not a zip");
   EXPECT_EQ(err("pickle_protocol4.pt"), "teeth: unsupported pickle opcode 0x95 in head .pt");
   EXPECT_EQ(err("half_storage.pt"),
@@ -105,7 +101,7 @@ std::vector<uint8_t> patched(std::vector<uint8_t> b, const std::string& from, co
 }
 
 TEST(TesseraPt, EditedProgramsAndArchives) {
-  const std::vector<uint8_t> good = fileBytes(kTorch + "blend8_plain_dict.pt");
+  const std::vector<uint8_t> good = le::testmedia::readBytes(kTorch + "blend8_plain_dict.pt");
   // A second tensor named like the first: ambiguous, wherever it is set.
   EXPECT_EQ(loadError(patched(good, "cand.2.bias", "cand.0.bias")), "teeth: head .pt names 'cand.0.bias' 2 times — ambiguous");
   // A renamed tensor is simply absent.
