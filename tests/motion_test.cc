@@ -188,20 +188,17 @@ double angle(const float* l) {
   return 3 * e / s - 97.5;
 }
 
-// p * (Rz Ry Rx)^T, angles in degrees.
+// p * (Rz Ry Rx)^T, angles in degrees: p turned about x, then y, then z.
 void rotate(const float* p, double ax, double ay, double az, double* out) {
-  const double k = M_PI / 180, x = ax * k, y = ay * k, z = az * k;
-  const double Rx[3][3] = {{1, 0, 0}, {0, std::cos(x), -std::sin(x)}, {0, std::sin(x), std::cos(x)}};
-  const double Ry[3][3] = {{std::cos(y), 0, std::sin(y)}, {0, 1, 0}, {-std::sin(y), 0, std::cos(y)}};
-  const double Rz[3][3] = {{std::cos(z), -std::sin(z), 0}, {std::sin(z), std::cos(z), 0}, {0, 0, 1}};
-  double zy[3][3] = {}, r[3][3] = {};
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j)
-      for (int q = 0; q < 3; ++q) zy[i][j] += Rz[i][q] * Ry[q][j];
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j)
-      for (int q = 0; q < 3; ++q) r[i][j] += zy[i][q] * Rx[q][j];
-  for (int d = 0; d < 3; ++d) out[d] = p[0] * r[d][0] + p[1] * r[d][1] + p[2] * r[d][2];  // p * r^T
+  double v[3] = {p[0], p[1], p[2]};
+  const auto turn = [&](int i, int j, double degrees) {  // (v_i, v_j) by the angle
+    const double c = std::cos(degrees * M_PI / 180), s = std::sin(degrees * M_PI / 180), vi = v[i], vj = v[j];
+    v[i] = c * vi - s * vj, v[j] = s * vi + c * vj;
+  };
+  turn(1, 2, ax);
+  turn(2, 0, ay);
+  turn(0, 1, az);
+  std::copy(v, v + 3, out);
 }
 
 TEST(Motion, ChunksAndEmissionMatchPlainLoops) {
