@@ -135,7 +135,6 @@ TEST(Context, ConstructionFailuresUndoThemselves) {
   };
   std::vector<Case> cases = {
       {broken("short_mask", {Break::ShortMask}), "le_create: mask read failed", false},
-      {broken("zero_dims", {Break::ManifestZeroDims}), "le_create: manifest: bad dims", false},
       {broken("short_pooled", {Break::ShortPooled}),
        "le_create: size mismatch " + dir / "short_pooled/pooled64.f16", false},
       {broken("short_xs", {Break::ShortXs}),
