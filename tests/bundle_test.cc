@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <sys/mman.h>
 
+#include <array>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
@@ -133,20 +134,19 @@ TEST(Manifest, RefusalTexts) {
   const std::string base = manifestText();
   EXPECT_EQ(thrown([&] { le::loadManifest(dir.path()); }),
             "cannot open " + dir.path() + "/manifest.json");
-  EXPECT_EQ(loadError(dir, edited(base, "le-bundle-v0", "le-bundle-v1")),
-            "not an le-bundle-v0: " + dir.path());
-  EXPECT_EQ(loadError(dir, edited(base, "\"agent\": \"agent-7\",", "")),
-            "manifest: missing key agent");
-  EXPECT_EQ(loadError(dir, edited(base, "\"NT\": 40,", "")), "manifest: missing key NT/frame_count");
-  EXPECT_EQ(loadError(dir, edited(base, "\"ksize\": 9,", "")), "manifest: missing key ksize");
-  // An object value is not a value.
-  EXPECT_EQ(loadError(dir, edited(base, "\"sigma\": 2.5", "\"sigma\": {\"v\": 2.5}")),
-            "manifest: missing key sigma");
-  // Non-numeric and zero dimensions.
-  EXPECT_EQ(loadError(dir, edited(base, "\"W\": 1280", "\"W\": \"wide\"")), "manifest: bad dims");
-  EXPECT_EQ(loadError(dir, edited(base, "\"NT\": 40", "\"NT\": 0")), "manifest: bad dims");
-  EXPECT_EQ(loadError(dir, edited(base, "\"M_src_w\": 640", "\"M_src_w\": 0")),
-            "manifest: bad paste-space stamp (M_src_w/M_src_h must be > 0)");
+  // Each edit of the complete manifest (from, to) and its refusal: an object value is not a
+  // value; dimensions non-numeric or zero.
+  const std::vector<std::array<std::string, 3>> edits = {
+      {"le-bundle-v0", "le-bundle-v1", "not an le-bundle-v0: " + dir.path()},
+      {"\"agent\": \"agent-7\",", "", "manifest: missing key agent"},
+      {"\"NT\": 40,", "", "manifest: missing key NT/frame_count"},
+      {"\"ksize\": 9,", "", "manifest: missing key ksize"},
+      {"\"sigma\": 2.5", "\"sigma\": {\"v\": 2.5}", "manifest: missing key sigma"},
+      {"\"W\": 1280", "\"W\": \"wide\"", "manifest: bad dims"},
+      {"\"NT\": 40", "\"NT\": 0", "manifest: bad dims"},
+      {"\"M_src_w\": 640", "\"M_src_w\": 0", "manifest: bad paste-space stamp (M_src_w/M_src_h must be > 0)"},
+  };
+  for (const auto& [from, to, want] : edits) EXPECT_EQ(loadError(dir, edited(base, from, to)), want) << from;
   const std::string amb = loadError(dir, edited(base, "\"W\": 1280,", "\"W\": 1280, \"W\": 1281,"));
   EXPECT_EQ(amb.rfind("manifest: key \"W\" is AMBIGUOUS — 2 scalar occurrences (byte ", 0), 0u) << amb;
 }
