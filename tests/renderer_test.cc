@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -190,16 +191,8 @@ TEST_F(RendererTest, RenderFillsAndPadsEverySlot) {
   const size_t plane = 3 * 64 * 64;
   std::vector<float> ks(3 * 63), kd(3 * 63);
   for (size_t i = 0; i < ks.size(); ++i) ks[i] = 0.01f * float(i % 17), kd[i] = 0.02f * float(i % 11);
-  auto kpSum = [](const float* v) {
-    double s = 0;
-    for (int i = 0; i < 63; ++i) s += v[i];
-    return s;
-  };
-  auto mean = [](const std::vector<float>& v) {
-    double s = 0;
-    for (float x : v) s += x;
-    return s / double(v.size());
-  };
+  auto kpSum = [](const float* v) { return std::accumulate(v, v + 63, 0.0); };
+  auto mean = [](const std::vector<float>& v) { return std::accumulate(v.begin(), v.end(), 0.0) / double(v.size()); };
   const std::string pooledPath = le::resolveMember(dir_, "pooled64.f16");
   const std::string priorPath = le::resolveMember(dir_, "P.f16");
   const std::string fsPath = le::resolveMember(dir_, "fs_red.f16");
