@@ -9,6 +9,7 @@
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
+#include <boost/beast/core/detail/base64.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 
@@ -73,22 +74,9 @@ inline void writeWav(const std::string& path, const std::vector<int16_t>& pcm) {
   f.write(reinterpret_cast<const char*>(pcm.data()), data);
 }
 
-// Base64 up to the first character outside its alphabet (the padding).
 inline std::string base64Decode(const std::string& in) {
-  std::string out;
-  uint32_t val = 0;  // the undecoded bits, at most 14 of them kept
-  int bits = -8;
-  for (const char c : in) {
-    const char* tbl = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    const char* p = std::strchr(tbl, c);
-    if (!p || !c) break;
-    val = ((val << 6) | static_cast<uint32_t>(p - tbl)) & 0xFFFFFu;
-    bits += 6;
-    if (bits >= 0) {
-      out.push_back(static_cast<char>((val >> bits) & 0xFF));
-      bits -= 8;
-    }
-  }
+  std::string out(beast::detail::base64::decoded_size(in.size()), '\0');
+  out.resize(beast::detail::base64::decode(&out[0], in.data(), in.size()).first);
   return out;
 }
 

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -73,18 +72,6 @@ std::vector<float> speak16k(const std::string& text) {
   std::vector<float> out(pcm.size());
   for (size_t i = 0; i < pcm.size(); ++i) out[i] = static_cast<float>(pcm[i]) * (1.0f / 32768.0f);
   return out;
-}
-
-std::vector<double> frameRms(const std::vector<float>& audio) {
-  std::vector<double> rms((audio.size() + 639) / 640);
-  for (size_t f = 0; f < rms.size(); ++f) {
-    double s = 0;
-    size_t n = 0;
-    for (size_t i = f * 640; i < audio.size() && i < (f + 1) * 640; ++i, ++n)
-      s += double(audio[i]) * audio[i];
-    rms[f] = n ? std::sqrt(s / double(n)) : 0.0;
-  }
-  return rms;
 }
 
 }  // namespace le::testmedia

@@ -17,7 +17,4 @@ std::vector<int16_t> speak16kPcm(const std::string& text);
 // The same samples as float, scaled by 1/32768 (the engine's own PCM scaling).
 std::vector<float> speak16k(const std::string& text);
 
-// Root mean square of each 640-sample (40 ms) video frame of audio; the last frame may be short.
-std::vector<double> frameRms(const std::vector<float>& audio);
-
 }  // namespace le::testmedia
