@@ -83,12 +83,53 @@ float writtenBack(uint8_t window, float v) {
   return std::min(std::max(float(window) * k - float(byteOf(v)) * k + v, 0.f), 1.f);
 }
 
-// Speech and ramp frames through the pipeline with the borrow attached equal, byte for byte, the
-// single-image render of the same keypoints, its crop run through le_tessera_run_shift with the
-// delivery masks and shifts of the driven keypoints, written back and pasted: on the borrow
-// thread (paste on its own thread) and inline on the render thread.
-TEST(UttBorrow, FramesAreTheSingleImagePathWithTheOfflineRun) {
+// Every refusal of the attachment. Then, with the borrow on its own thread (paste on its own
+// thread) and inline on the render thread: speech and ramp frames through the pipeline with the
+// borrow attached equal, byte for byte, the single-image render of the same keypoints, its crop
+// run through le_tessera_run_shift with the delivery masks and shifts of the driven keypoints,
+// written back and pasted. Interrupts, ends, idle stretches and a re-attachment while speaking lose
+// or double no frame: sequence numbers run on (the interrupt's discarded frames excepted), every
+// utterance shows its speech frames once and in order. A failed borrow stops delivery until a
+// good one is attached.
+TEST(UttBorrow, RefusalsFramesOfTheOfflineRunAndNoFrameLost) {
   Bundle b;
+  // Refusals leave nothing attached; a capacity of 1 writes only the terminating zero.
+  std::string err;
+  char text[1024];
+  EXPECT_EQ(b.attach(nullptr, err), 1);
+  EXPECT_EQ(err, "le_utt_tessera_attach: null session");
+  // A pipeline whose source directory has no target keypoints (nor a source).
+  le_utt* u = le_utt_open(b.ctx, (b.dir / "missing").c_str());
+  ASSERT_NE(u, nullptr);
+  EXPECT_EQ(le_utt_tessera_attach(u, nullptr, 1, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr,
+                                  text, sizeof text),
+            1);
+  EXPECT_STREQ(text, "le_utt_tessera_attach: a required member is null — this ABI has no partial-attach state");
+  EXPECT_EQ(le_utt_tessera_attach(u, b.donors.data(), 0, b.in.cent.data(), b.in.c_canon.data(), b.in.aperture.data(),
+                                  b.in.stamp.values().data(), b.in.head_pt.data(), 1, "", "", text, sizeof text),
+            1);
+  EXPECT_STREQ(text, "le_utt_tessera_attach: n_donors <= 0");
+  le::tessera::GeometryStamp big = b.in.stamp;
+  big.canvas_w = big.canvas_h = 512;
+  EXPECT_EQ(b.attach(u, err, big.values().data()), 1);
+  EXPECT_EQ(err, "le_utt_tessera_attach: bank canvas 512x512 != this bundle's render crop 128");
+  le::tessera::GeometryStamp bad = b.in.stamp;
+  bad.window_w = 0;
+  EXPECT_EQ(b.attach(u, err, bad.values().data()), 1);
+  EXPECT_EQ(err.rfind("le_utt_tessera_attach: teeth: GeometryStamp incoherent: ", 0), 0u) << err;
+  EXPECT_EQ(b.attach(u, err), 1);
+  EXPECT_EQ(err,
+            "le_utt_tessera_attach: xs_target.bin is absent or the wrong length, so this bundle's corpus pi frame "
+            "cannot be identified — refusing to arm the borrow against the manifest's compose-field geometry");
+  uint64_t written = 9, skipped = 9;
+  EXPECT_EQ(le_utt_tessera_stats(u, &written, &skipped, text, sizeof text), 0);
+  EXPECT_EQ(le_utt_tessera_geometry(u, text, sizeof text), 0);
+  EXPECT_STREQ(text, "");
+  le_utt_destroy(u);
+  EXPECT_EQ(le_utt_tessera_stats(nullptr, nullptr, nullptr, nullptr, 0), 0);
+  EXPECT_EQ(le_utt_tessera_geometry(nullptr, text, sizeof text), 0);
+  EXPECT_EQ(le_utt_tessera_synth_w(nullptr, nullptr, nullptr, nullptr), 0);
+
   const auto& pcm = clip();
   const int n = int((pcm.size() + 639) / 640);
   const int canvas = le_crop(b.ctx), nt = le_nt(b.ctx);
@@ -104,20 +145,104 @@ TEST(UttBorrow, FramesAreTheSingleImagePathWithTheOfflineRun) {
   for (const char* pipelined : kSanitized ? std::vector<const char*>{"1"} : std::vector<const char*>{"1", "0"}) {
     SCOPED_TRACE(std::string("pipelined paste ") + pipelined);
     ScopedEnv paste("LE_UTT_PIPELINE_PASTE", pipelined);
-    std::vector<Frame> got;
+    std::vector<Frame> got;  // the first utterance's speech and ramp frames, for the offline run
     {
       Pipeline p(b);
-      const size_t from = p.got.size();
+      // attached: the corpus geometry and empty stats; a refused re-attachment keeps it
+      EXPECT_EQ(le_utt_tessera_geometry(p.u, text, sizeof text), 1);
+      EXPECT_STREQ(text, "v1");
+      text[0] = 'x';
+      text[1] = 'y';
+      EXPECT_EQ(le_utt_tessera_geometry(p.u, text, 1), 1);
+      EXPECT_EQ(text[0], '\0');
+      EXPECT_EQ(text[1], 'y');
+      EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, text, sizeof text), 1);
+      EXPECT_EQ(written, 0u);
+      EXPECT_EQ(skipped, 0u);
+      EXPECT_EQ(b.attach(p.u, err, big.values().data()), 1);
+      EXPECT_EQ(le_utt_tessera_stats(p.u, nullptr, nullptr, nullptr, 0), 1);
+      // one utterance in 640-sample pushes
+      size_t from = p.got.size();
       p.push(pcm, 640);
       le_utt_end_utterance(p.u);
       p.untilIdle(from);
       for (size_t i = from; i < p.got.size(); ++i)
         if (p.got[i].info.kind != LE_UTT_KIND_IDLE) got.push_back(std::move(p.got[i]));
-      uint64_t written = 0, skipped = 0;
-      char reason[256];
-      EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, reason, sizeof reason), 1) << reason;
+      EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, text, sizeof text), 1) << text;
       EXPECT_EQ(written, uint64_t(n + 6));
       EXPECT_EQ(skipped, 0u);
+      // interrupted after three speech frames
+      from = p.got.size();
+      ASSERT_EQ(le_utt_push_audio(p.u, pcm.data(), int(pcm.size())), 1);
+      p.untilSpeech(from, 3);
+      le_utt_interrupt(p.u);
+      const size_t cut = p.got.size();
+      p.untilIdle(cut, 4);
+      for (size_t i = cut; i < p.got.size(); ++i)
+        EXPECT_EQ(p.got[i].info.kind, i - cut < 4 ? LE_UTT_KIND_RAMP : LE_UTT_KIND_IDLE) << "frame " << i;
+      // a whole utterance in small pushes, re-attached halfway through
+      from = p.got.size();
+      bool reattached = false;
+      for (size_t at = 0; at < pcm.size(); at += 640) {
+        ASSERT_EQ(le_utt_push_audio(p.u, pcm.data() + at, int(std::min<size_t>(640, pcm.size() - at))), 1);
+        p.pull();
+        if (!reattached && at >= pcm.size() / 2) {
+          std::string err;
+          ASSERT_EQ(b.attach(p.u, err), 0) << err;
+          reattached = true;
+        }
+      }
+      le_utt_end_utterance(p.u);
+      p.untilIdle(from);
+      std::vector<uint32_t> speech;
+      for (size_t i = from; i < p.got.size(); ++i)
+        if (p.got[i].info.kind == LE_UTT_KIND_SPEECH) speech.push_back(p.got[i].info.speechIndex);
+      ASSERT_EQ(int(speech.size()), n);
+      for (int k = 0; k < n; ++k) EXPECT_EQ(speech[size_t(k)], uint32_t(k));
+      for (size_t i = 1; i < p.got.size(); ++i)
+        if (i != cut) {
+          EXPECT_EQ(p.got[i].info.seq, p.got[i - 1].info.seq + 1) << "frame " << i;
+        }
+      written = 0, skipped = 0;
+      EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, nullptr, 0), 1);
+      EXPECT_GE(written, 1u);
+      EXPECT_EQ(skipped, 0u);
+
+      // A borrow whose every frame is refused (its canonical mouth 6 px off, beyond the shift range
+      // of 4) fails at the second crop frame: nothing more reaches the host, the stats report -1
+      // with the reason, and attaching a good borrow resumes delivery. It is moved in the first
+      // direction in which the corpus geometry is still identified.
+      char err[1024];
+      int attached = 1;
+      for (const auto& d : {std::pair<double, double>{-6, 0}, {6, 0}, {0, -6}, {0, 6}}) {
+        const double off[2] = {b.in.c_canon[0] + d.first, b.in.c_canon[1] + d.second};
+        attached = le_utt_tessera_attach(p.u, b.donors.data(), b.in.n_donors, b.in.cent.data(), off,
+                                         b.in.aperture.data(), b.in.stamp.values().data(), b.in.head_pt.data(),
+                                         uint32_t(b.in.head_pt.size()), b.in.head_json.c_str(),
+                                         b.in.manifest_json.c_str(), err, sizeof err);
+        if (attached == 0) break;
+      }
+      ASSERT_EQ(attached, 0) << err;
+      ASSERT_EQ(le_utt_push_audio(p.u, pcm.data(), int(pcm.size())), 1);
+      le_utt_end_utterance(p.u);
+      char reason[256] = "";
+      written = 9, skipped = 0;
+      while (le_utt_tessera_stats(p.u, &written, &skipped, reason, sizeof reason) != -1) p.pullOrNap();
+      EXPECT_STREQ(reason, "shift-out-of-range");
+      EXPECT_EQ(written, 0u);
+      EXPECT_EQ(skipped, 1u);
+      p.pull();
+      const size_t stopped = p.got.size();
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      p.pull();
+      EXPECT_EQ(p.got.size(), stopped) << "frames reached the host through a failed borrow";
+      EXPECT_EQ(le_utt_render_status(p.u, nullptr, 0, nullptr), 0);
+
+      std::string e;
+      ASSERT_EQ(b.attach(p.u, e), 0) << e;
+      EXPECT_EQ(le_utt_tessera_stats(p.u, nullptr, nullptr, reason, sizeof reason), 1);
+      EXPECT_STREQ(reason, "");
+      p.untilIdle(stopped, 2);
     }
     ASSERT_EQ(int(got.size()), n + 6);
 
@@ -184,144 +309,6 @@ TEST(UttBorrow, FramesAreTheSingleImagePathWithTheOfflineRun) {
       }
     }
     EXPECT_GT(borrowed, 0) << "the borrow changed no pixel";
-  }
-}
-
-// Every refusal of the attachment. Interrupts, ends, idle stretches and a re-attachment while
-// speaking lose or double no frame:
-// sequence numbers run on (the interrupt's discarded frames excepted), every utterance shows its
-// speech frames once and in order, and what reaches the host was written back. A failed borrow
-// stops delivery until a good one is attached.
-TEST(UttBorrow, RefusalsAndNoFrameLostAcrossInterruptEndIdleReattachAndFailure) {
-  Bundle b;
-  // Refusals leave nothing attached; a capacity of 1 writes only the terminating zero.
-  std::string err;
-  char text[1024];
-  EXPECT_EQ(b.attach(nullptr, err), 1);
-  EXPECT_EQ(err, "le_utt_tessera_attach: null session");
-  // A pipeline whose source directory has no target keypoints (nor a source).
-  le_utt* u = le_utt_open(b.ctx, (b.dir / "missing").c_str());
-  ASSERT_NE(u, nullptr);
-  EXPECT_EQ(le_utt_tessera_attach(u, nullptr, 1, nullptr, nullptr, nullptr, nullptr, nullptr, 0, nullptr, nullptr,
-                                  text, sizeof text),
-            1);
-  EXPECT_STREQ(text, "le_utt_tessera_attach: a required member is null — this ABI has no partial-attach state");
-  EXPECT_EQ(le_utt_tessera_attach(u, b.donors.data(), 0, b.in.cent.data(), b.in.c_canon.data(), b.in.aperture.data(),
-                                  b.in.stamp.values().data(), b.in.head_pt.data(), 1, "", "", text, sizeof text),
-            1);
-  EXPECT_STREQ(text, "le_utt_tessera_attach: n_donors <= 0");
-  le::tessera::GeometryStamp big = b.in.stamp;
-  big.canvas_w = big.canvas_h = 512;
-  EXPECT_EQ(b.attach(u, err, big.values().data()), 1);
-  EXPECT_EQ(err, "le_utt_tessera_attach: bank canvas 512x512 != this bundle's render crop 128");
-  le::tessera::GeometryStamp bad = b.in.stamp;
-  bad.window_w = 0;
-  EXPECT_EQ(b.attach(u, err, bad.values().data()), 1);
-  EXPECT_EQ(err.rfind("le_utt_tessera_attach: teeth: GeometryStamp incoherent: ", 0), 0u) << err;
-  EXPECT_EQ(b.attach(u, err), 1);
-  EXPECT_EQ(err,
-            "le_utt_tessera_attach: xs_target.bin is absent or the wrong length, so this bundle's corpus pi frame "
-            "cannot be identified — refusing to arm the borrow against the manifest's compose-field geometry");
-  uint64_t written = 9, skipped = 9;
-  EXPECT_EQ(le_utt_tessera_stats(u, &written, &skipped, text, sizeof text), 0);
-  EXPECT_EQ(le_utt_tessera_geometry(u, text, sizeof text), 0);
-  EXPECT_STREQ(text, "");
-  le_utt_destroy(u);
-  EXPECT_EQ(le_utt_tessera_stats(nullptr, nullptr, nullptr, nullptr, 0), 0);
-  EXPECT_EQ(le_utt_tessera_geometry(nullptr, text, sizeof text), 0);
-  EXPECT_EQ(le_utt_tessera_synth_w(nullptr, nullptr, nullptr, nullptr), 0);
-
-  const auto& pcm = clip();
-  const int n = int((pcm.size() + 639) / 640);
-  for (const char* pipelined : kSanitized ? std::vector<const char*>{"1"} : std::vector<const char*>{"1", "0"}) {
-    SCOPED_TRACE(std::string("pipelined paste ") + pipelined);
-    ScopedEnv paste("LE_UTT_PIPELINE_PASTE", pipelined);
-    Pipeline p(b);
-    // attached: the corpus geometry and empty stats; a refused re-attachment keeps it
-    EXPECT_EQ(le_utt_tessera_geometry(p.u, text, sizeof text), 1);
-    EXPECT_STREQ(text, "v1");
-    text[0] = 'x';
-    text[1] = 'y';
-    EXPECT_EQ(le_utt_tessera_geometry(p.u, text, 1), 1);
-    EXPECT_EQ(text[0], '\0');
-    EXPECT_EQ(text[1], 'y');
-    EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, text, sizeof text), 1);
-    EXPECT_EQ(written, 0u);
-    EXPECT_EQ(skipped, 0u);
-    EXPECT_EQ(b.attach(p.u, err, big.values().data()), 1);
-    EXPECT_EQ(le_utt_tessera_stats(p.u, nullptr, nullptr, nullptr, 0), 1);
-    // interrupted after three speech frames
-    size_t from = p.got.size();
-    ASSERT_EQ(le_utt_push_audio(p.u, pcm.data(), int(pcm.size())), 1);
-    p.untilSpeech(from, 3);
-    le_utt_interrupt(p.u);
-    const size_t cut = p.got.size();
-    p.untilIdle(cut, 4);
-    for (size_t i = cut; i < p.got.size(); ++i)
-      EXPECT_EQ(p.got[i].info.kind, i - cut < 4 ? LE_UTT_KIND_RAMP : LE_UTT_KIND_IDLE) << "frame " << i;
-    // a whole utterance in small pushes, re-attached halfway through
-    from = p.got.size();
-    bool reattached = false;
-    for (size_t at = 0; at < pcm.size(); at += 640) {
-      ASSERT_EQ(le_utt_push_audio(p.u, pcm.data() + at, int(std::min<size_t>(640, pcm.size() - at))), 1);
-      p.pull();
-      if (!reattached && at >= pcm.size() / 2) {
-        std::string err;
-        ASSERT_EQ(b.attach(p.u, err), 0) << err;
-        reattached = true;
-      }
-    }
-    le_utt_end_utterance(p.u);
-    p.untilIdle(from);
-    std::vector<uint32_t> speech;
-    for (size_t i = from; i < p.got.size(); ++i)
-      if (p.got[i].info.kind == LE_UTT_KIND_SPEECH) speech.push_back(p.got[i].info.speechIndex);
-    ASSERT_EQ(int(speech.size()), n);
-    for (int k = 0; k < n; ++k) EXPECT_EQ(speech[size_t(k)], uint32_t(k));
-    for (size_t i = 1; i < p.got.size(); ++i)
-      if (i != cut) {
-        EXPECT_EQ(p.got[i].info.seq, p.got[i - 1].info.seq + 1) << "frame " << i;
-      }
-    written = 0, skipped = 0;
-    EXPECT_EQ(le_utt_tessera_stats(p.u, &written, &skipped, nullptr, 0), 1);
-    EXPECT_GE(written, 1u);
-    EXPECT_EQ(skipped, 0u);
-
-    // A borrow whose every frame is refused (its canonical mouth 6 px off, beyond the shift range
-    // of 4) fails at the second crop frame: nothing more reaches the host, the stats report -1
-    // with the reason, and attaching a good borrow resumes delivery. It is moved in the first
-    // direction in which the corpus geometry is still identified.
-    char err[1024];
-    int attached = 1;
-    for (const auto& d : {std::pair<double, double>{-6, 0}, {6, 0}, {0, -6}, {0, 6}}) {
-      const double off[2] = {b.in.c_canon[0] + d.first, b.in.c_canon[1] + d.second};
-      attached = le_utt_tessera_attach(p.u, b.donors.data(), b.in.n_donors, b.in.cent.data(), off,
-                                       b.in.aperture.data(), b.in.stamp.values().data(), b.in.head_pt.data(),
-                                       uint32_t(b.in.head_pt.size()), b.in.head_json.c_str(),
-                                       b.in.manifest_json.c_str(), err, sizeof err);
-      if (attached == 0) break;
-    }
-    ASSERT_EQ(attached, 0) << err;
-    ASSERT_EQ(le_utt_push_audio(p.u, pcm.data(), int(pcm.size())), 1);
-    le_utt_end_utterance(p.u);
-    char reason[256] = "";
-    written = 9, skipped = 0;
-    while (le_utt_tessera_stats(p.u, &written, &skipped, reason, sizeof reason) != -1) p.pullOrNap();
-    EXPECT_STREQ(reason, "shift-out-of-range");
-    EXPECT_EQ(written, 0u);
-    EXPECT_EQ(skipped, 1u);
-    p.pull();
-    const size_t stopped = p.got.size();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    p.pull();
-    EXPECT_EQ(p.got.size(), stopped) << "frames reached the host through a failed borrow";
-    EXPECT_EQ(le_utt_render_status(p.u, nullptr, 0, nullptr), 0);
-
-    std::string e;
-    ASSERT_EQ(b.attach(p.u, e), 0) << e;
-    EXPECT_EQ(le_utt_tessera_stats(p.u, nullptr, nullptr, reason, sizeof reason), 1);
-    EXPECT_STREQ(reason, "");
-    p.untilIdle(stopped, 2);
   }
 }
 
