@@ -1,19 +1,72 @@
 // ctest-label: threaded
-// Several stream handles on several threads at once share the process-wide speech encoders.
+// Handles on several threads at once give exactly the frames of one handle on one thread: motion
+// handles (each thread has its own feature scratch) and stream handles (which share the
+// process-wide speech encoders).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/a2x_fixture.h"
 #include "tests/support/media.h"
+#include "tests/test_util2.h"
 
 namespace {
 
 using namespace le::testa2x;
 using le::testing::ScratchDir;
 using le::testmedia::ScopedEnv;
+
+// fn(0) … fn(n - 1), each on a thread of its own, all at once.
+template <class R, class Fn>
+std::vector<R> onThreads(int n, const Fn& fn) {
+  std::vector<R> runs(static_cast<size_t>(n));
+  std::vector<std::thread> threads;
+  for (int i = 0; i < n; ++i) threads.emplace_back([&, i] { runs[size_t(i)] = fn(i); });
+  for (std::thread& t : threads) t.join();
+  return runs;
+}
+
+struct Spoken : le::testing::MotionFrames {
+  std::string error;
+};
+
+// Pushes audio in uneven pieces, pulling whatever is ready after each.
+Spoken speak(const std::string& dir, const std::vector<float>& audio) {
+  Spoken r;
+  le_motion* m = le_motion_create(dir.c_str(), 1, nullptr);
+  if (!m) {
+    r.error = le_motion_last_error();
+    return r;
+  }
+  for (size_t at = 0; at < audio.size(); at += 3001) {
+    le_motion_push(m, audio.data() + at, static_cast<int>(std::min<size_t>(3001, audio.size() - at)));
+    le::testing::pullMotion(m, r, 8);
+  }
+  le_motion_finish(m);
+  le::testing::pullMotion(m, r, 8);
+  le_motion_destroy(m);
+  return r;
+}
+
+TEST(MotionThreads, HandlesOnSeveralThreadsMatchOneThread) {
+  ScratchDir d("motion_threads");
+  le::forge::Params p;
+  p.nt = 3;
+  const std::string dir = le::testing::forgeMotionDir(d.path(), p);
+  const std::vector<float> audio(longSpeech().begin(), longSpeech().begin() + 60000);
+  const Spoken ref = speak(dir, audio);
+  ASSERT_EQ(ref.error, "");
+  ASSERT_EQ(ref.si.size(), (audio.size() + 639) / 640);
+  for (const Spoken& r : onThreads<Spoken>(3, [&](int) { return speak(dir, audio); })) {
+    EXPECT_EQ(r.error, "");
+    EXPECT_EQ(r.si, ref.si);
+    EXPECT_EQ(r.xs, ref.xs);
+    EXPECT_EQ(r.xd, ref.xd);
+  }
+}
 
 struct Outcome : Pulled {
   std::vector<float> offline;
@@ -49,11 +102,7 @@ TEST(A2xThreads, HandlesOnThreadsMatchOneThread) {
   ScopedEnv w2v("W2V_ONNX", (dir + "/" + le::forge::kW2vMember).c_str());
   longSpeech();  // synthesised before the threads start
   // Created concurrently: the pair and the 8 s encoder are looked for and loaded once.
-  const int kThreads = 4;
-  std::vector<Outcome> runs(kThreads);
-  std::vector<std::thread> pool;
-  for (int i = 0; i < kThreads; ++i) pool.emplace_back([&, i] { runs[size_t(i)] = stream(dir, 1000 + 1700 * i); });
-  for (std::thread& t : pool) t.join();
+  const auto runs = onThreads<Outcome>(4, [&](int i) { return stream(dir, 1000 + 1700 * i); });
   const Outcome alone = stream(dir, 5120);
   ASSERT_EQ(alone.error, "");
   ASSERT_EQ(alone.driven.size(), 150u * 63);

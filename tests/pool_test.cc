@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <set>
+#include <string>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -78,39 +79,32 @@ TEST(PoolBudget, SingleThreadRunsInlineWithoutWorkers) {
       testing::ExitedWithCode(0), "");
 }
 
-TEST(Pool, PartsFollowGrain) {
+// The number of parts a range splits into follows its grain and the budget; the parts are
+// contiguous, in order, and the first runs on the caller.
+TEST(Pool, PartsFollowGrainAreContiguousAndChunkZeroIsTheCaller) {
   const int T = le::pool::threads();
   EXPECT_TRUE(le::pool::available());
   EXPECT_GE(T, 1);
-  EXPECT_EQ(le::pool::parts(100, 60), 1);
-  EXPECT_EQ(le::pool::parts(100, 0), std::min(100, T));
-  EXPECT_EQ(le::pool::parts(0, 0), 1);
-  EXPECT_EQ(le::pool::parts(1, 0), 1);
-  EXPECT_EQ(le::pool::parts(1000, 64), std::min(15, T));
-  EXPECT_EQ(le::pool::parts(128, 64), std::min(2, T));
-}
-
-TEST(Pool, ChunksAreContiguousInOrderAndChunkZeroIsTheCaller) {
-  const int T = le::pool::threads();
-  for (size_t n : {size_t{0}, size_t{1}, size_t{2}, size_t{10}, size_t{11}, size_t{1000}}) {
+  const struct {
+    size_t n, grain;
+    int parts;
+  } cases[] = {{0, 0, 1},  {1, 0, 1},  {100, 0, std::min(100, T)}, {100, 60, 1}, {1000, 64, std::min(15, T)},
+               {128, 64, std::min(2, T)}, {2, 1, std::min(2, T)}, {11, 1, std::min(11, T)}, {1000, 1, T}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE("n " + std::to_string(c.n) + " grain " + std::to_string(c.grain));
+    EXPECT_EQ(le::pool::parts(c.n, c.grain), c.parts);
     std::mutex mu;
-    std::vector<std::pair<size_t, size_t>> calls;
+    std::vector<std::pair<size_t, size_t>> calls, want;
     std::thread::id chunk0;
-    le::pool::parallelRange(n, 1, [&](size_t b, size_t e) {
+    le::pool::parallelRange(c.n, c.grain, [&](size_t b, size_t e) {
       std::lock_guard<std::mutex> lk(mu);
       calls.emplace_back(b, e);
       if (b == 0) chunk0 = std::this_thread::get_id();
     });
     std::sort(calls.begin(), calls.end());
-    const int p = le::pool::parts(n, 1);
-    std::vector<std::pair<size_t, size_t>> want;
-    if (p < 2) {
-      want.emplace_back(0, n);
-    } else {
-      const size_t chunk = (n + p - 1) / p;
-      for (int i = 0; i < p && i * chunk < n; ++i) want.emplace_back(i * chunk, std::min(n, (i + 1) * chunk));
-    }
-    EXPECT_EQ(calls, want) << "n " << n << " T " << T;
+    const size_t chunk = c.parts < 2 ? c.n : (c.n + c.parts - 1) / c.parts;
+    for (size_t at = 0; want.empty() || at < c.n; at += chunk) want.emplace_back(at, std::min(c.n, at + chunk));
+    EXPECT_EQ(calls, want);
     EXPECT_EQ(chunk0, std::this_thread::get_id());
   }
 }
