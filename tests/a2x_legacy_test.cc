@@ -3,7 +3,6 @@
 // successful load wins, so the load failures come first, in one test.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <string>
 #include <vector>
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "le/audio/le_a2x_w2v.h"
@@ -122,9 +123,7 @@ TEST(A2x, PushSizeDoesNotChangePulls) {
     return r;
   };
   const Pulled small = run(100, true), block = run(5120, false);
-  EXPECT_EQ(small.si, block.si);
-  EXPECT_EQ(small.target, block.target);
-  EXPECT_EQ(small.driven, block.driven);  // bit for bit
+  EXPECT_EQ(std::tie(small.si, small.target, small.driven), std::tie(block.si, block.target, block.driven));
   EXPECT_EQ(small.si.size(), (audio.size() + 639) / 640);
 }
 

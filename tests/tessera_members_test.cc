@@ -1,5 +1,6 @@
 // The borrow members through the flat interface: the armed/refused switch, manifest overrides,
-// every sidecar validation with its exact message, and the track-to-donor reorder.
+// every sidecar validation with its exact message, and the track-to-donor reorder; and their JSON
+// reader: structure, the escapes and permissive endings the bank tools rely on, its messages.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,7 +13,10 @@
 
 namespace {
 
+using le::tessera::json::JParser;
+using le::tessera::json::JVal;
 using le::testing::ScratchDir;
+using le::testing::thrown;
 using le::testing::writeFile;
 
 const char* kStamp =
@@ -93,7 +97,7 @@ TEST(TesseraMembers, SlotsAndCarriage) {
   EXPECT_EQ(std::string(le_tessera_carriage_path(c, "head_weights")), d / "w/head.pt");
   EXPECT_STREQ(le_tessera_carriage_path(c, "nope"), "");
   le_tessera_carriage_close(c);
-  EXPECT_EQ(le::testing::thrown([&] { le::tesseraCarriage(d.path()).path("nope"); }),
+  EXPECT_EQ(thrown([&] { le::tesseraCarriage(d.path()).path("nope"); }),
             "teeth: no such member slot 'nope'");
 
   // the one-predicate refusal names the missing member and the declared block
@@ -279,15 +283,76 @@ TEST(TesseraMembers, StampValidation) {
   bad.window_x0 = 100;  // 100 + 40 > 128
   bad.band_r1 = 31;     // past window_h, and its stored rows past the patch
   bad.pad = 0;
-  EXPECT_EQ(le::testing::thrown([&] { bad.validate(); }),
+  EXPECT_EQ(thrown([&] { bad.validate(); }),
             "teeth: GeometryStamp incoherent: window x-range escapes canvas; band rows escape window; "
             "pad/shift_margin must be positive; stored band rows escape patch;");
   bad = s;
   bad.window_w = 0;
   bad.window_y0 = -1;
-  EXPECT_EQ(le::testing::thrown([&] { bad.validate(); }),
+  EXPECT_EQ(thrown([&] { bad.validate(); }),
             "teeth: GeometryStamp incoherent: window dims must be positive; window y-range escapes canvas; band "
             "cols escape window; stored band cols escape patch;");
+}
+
+JVal parse(const std::string& t) { return JParser(t).parse(); }
+
+TEST(TesseraJson, TreeKindsOrderAndDuplicates) {
+  const JVal v = parse(" \r\n\t{\"a\": [1, -2.5e1, true, false, null, \"x\"], \"o\": {}, \"a\": 7, \"e\": []}");
+  ASSERT_EQ(v.kind, JVal::Object);
+  ASSERT_EQ(v.obj.size(), 4u);
+  EXPECT_EQ(v.obj[2].first, "a");  // duplicates are kept in document order
+  const JVal* a = v.get("a");      // ... and the first wins a lookup
+  ASSERT_TRUE(a && a->isArray());
+  ASSERT_EQ(a->arr.size(), 6u);
+  EXPECT_EQ(a->arr[0].num, 1.0);
+  EXPECT_EQ(a->arr[1].num, -25.0);
+  EXPECT_EQ(a->arr[2].kind, JVal::Bool);
+  EXPECT_TRUE(a->arr[2].b);
+  EXPECT_FALSE(a->arr[3].b);
+  EXPECT_EQ(a->arr[4].kind, JVal::Null);
+  EXPECT_EQ(a->arr[5].str, "x");
+  EXPECT_TRUE(v.get("o")->isObject());
+  EXPECT_TRUE(v.get("e")->arr.empty());
+  EXPECT_EQ(v.get("missing"), nullptr);
+  EXPECT_EQ(a->get("a"), nullptr);  // not an object
+}
+
+TEST(TesseraJson, EscapesAndPermissiveEndings) {
+  EXPECT_EQ(parse(R"("a\b\f\n\r\t\/\"\\z")").str, "a\b\f\n\r\t/\"\\z");
+  // \u: one '?' and the next four characters skipped unseen (not checked as hex digits)
+  EXPECT_EQ(parse(R"("x\u00e9y")").str, "x?y");
+  EXPECT_EQ(parse(R"("x\uZZZZy")").str, "x?y");
+  EXPECT_EQ(parse("\"x\\u12").str, "x?12");  // fewer than five left: only the u goes
+  EXPECT_EQ(parse("\"caf\xc3\xa9\"").str, "caf\xc3\xa9");
+  EXPECT_EQ(parse("\"runs to the end").str, "runs to the end");
+  EXPECT_EQ(parse("\"ends in a backslash\\").str, "ends in a backslash");
+  EXPECT_TRUE(parse("trueish").b);   // by prefix
+  EXPECT_EQ(parse("nullx").kind, JVal::Null);
+  EXPECT_EQ(parse("12 garbage {").num, 12.0);  // nothing after the value is examined
+  EXPECT_EQ(parse("[1]]]").arr.size(), 1u);
+}
+
+TEST(TesseraJson, ReaderMessages) {
+  const auto err = [](const std::string& t) { return thrown([&] { JParser(t).parse(); }); };
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "teeth: JSON truncated"},
+      {"  \n", "teeth: JSON truncated"},
+      {"[1, 2", "teeth: JSON truncated"},
+      {"{\"a\": 1", "teeth: JSON truncated"},
+      {"{\"a\"", "teeth: JSON truncated"},
+      {"[1,", "teeth: JSON truncated"},
+      {"-", "teeth: bad JSON number"},
+      {"[tru]", "teeth: bad JSON number"},
+      {"[1 2]", "teeth: malformed JSON array"},
+      {"{\"a\" 1}", "teeth: malformed JSON object"},
+      {"{a: 1}", "teeth: malformed JSON object"},
+      {"{\"a\": 1 \"b\": 2}", "teeth: malformed JSON object"},
+      {"{\"a\": 1,}", "teeth: malformed JSON object"},
+  };
+  for (const auto& [text, message] : cases) EXPECT_EQ(err(text), message) << text;
+  EXPECT_EQ(err(std::string(100000, '[')), "teeth: JSON nested too deep");
+  EXPECT_EQ(parse(std::string(JParser::kMaxDepth, '[') + "1" + std::string(JParser::kMaxDepth, ']')).kind,
+            JVal::Array);
 }
 
 }  // namespace

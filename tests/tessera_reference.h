@@ -59,16 +59,20 @@ class RefPass {
       oy.push_back(static_cast<int>(std::nearbyint(b.cent[2 * d + 1] - cc[1])));
       ox.push_back(static_cast<int>(std::nearbyint(b.cent[2 * d] - cc[0])));
     }
-    const int ph = wh / 4, pw = ww / 4;
     for (int d = 0; d < n; ++d)
       for (int k = 0; k < 3; ++k)
-        for (int py = 0; py < ph; ++py)
-          for (int px = 0; px < pw; ++px) {
-            float s = 0.0f;
-            for (int y = 0; y < 4; ++y)
-              for (int x = 0; x < 4; ++x) s += h16(donorByte(d, 4 * py + y, 4 * px + x, k, 0, 0) / 255.0f);
-            index.push_back(h16(s / 16.0f));
-          }
+        for (int py = 0; py < wh / 4; ++py)
+          for (int px = 0; px < ww / 4; ++px)
+            index.push_back(pool4(py, px, [&](int r, int c) { return h16(donorByte(d, r, c, k, 0, 0) / 255.0f); }));
+  }
+
+  // The half-rounded mean of the 4x4 block (py, px) of f(row, col).
+  template <class F>
+  static float pool4(int py, int px, F f) {
+    float s = 0.0f;
+    for (int y = 0; y < 4; ++y)
+      for (int x = 0; x < 4; ++x) s += f(4 * py + y, 4 * px + x);
+    return h16(s / 16.0f);
   }
 
   // Where window (r, c) of donor d, aligned to a frame of shift (dy, dx), lies in its stored
@@ -176,10 +180,7 @@ class RefPass {
     S = std::max(S, 1.0f);
     const int ph = wh / 4, pw = ww / 4, pp = ph * pw;
     auto pool = [&](const float* plane, int py, int px) {
-      float s = 0;
-      for (int y = 0; y < 4; ++y)
-        for (int x = 0; x < 4; ++x) s += plane[(4 * py + y) * ww + 4 * px + x];
-      return h16(s / 16.0f);
+      return pool4(py, px, [&](int r, int c) { return plane[r * ww + c]; });
     };
     std::vector<float> pq(3 * pp), pwt(pp);
     float Sp = 0;
