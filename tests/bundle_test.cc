@@ -121,7 +121,8 @@ TEST(Manifest, AlternativeKeysTruncationAndStampSpellings) {
   t = edited(t, "\"M_src_h\": 360", "\"paste_source_height\": 361");
   writeFile(dir / "manifest.json", t);
   const le::Manifest m = le::loadManifest(dir.path());
-  EXPECT_EQ(std::vector<int>({m.NT, m.crop, m.H, m.M_src_w, m.M_src_h}), std::vector<int>({33, 128, 719, 640, 361}));
+  EXPECT_EQ(std::vector<int>({m.NT, m.crop, m.H, m.M_src_w, m.M_src_h}),
+            std::vector<int>({33, 128, 719, 640, 361}));
 
   // A key found only inside a nested block is accepted.
   writeFile(dir / "manifest.json",

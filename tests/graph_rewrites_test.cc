@@ -69,7 +69,8 @@ std::vector<uint64_t> vantorixImports(const Bytes& model) {
   std::vector<uint64_t> out;
   le::GsReader r(model);
   for (le::GsField f; r.next(f);) {
-    if (f.number != of::kModelOpsetImport || le::gsFirstStr(f.payload, of::kOpsetDomain) != "com.vantorix") continue;
+    if (f.number != of::kModelOpsetImport) continue;
+    if (le::gsFirstStr(f.payload, of::kOpsetDomain) != "com.vantorix") continue;
     le::GsReader o(f.payload);
     for (le::GsField x; o.next(x);)
       if (x.number == of::kOpsetVersion) out.push_back(x.value);
@@ -102,7 +103,8 @@ std::vector<Feed> directorFeeds(float mouthOpen = 0.12f, int crop = kCrop) {
 
 // The largest difference between the two models' outputs on the same feeds, relative to the
 // first one's largest value.
-float compare(const Bytes& before, const Bytes& after, const std::vector<Feed>& feeds, const std::string& out = "rgb") {
+float compare(const Bytes& before, const Bytes& after, const std::vector<Feed>& feeds,
+              const std::string& out = "rgb") {
   const std::vector<float> a = run(before, feeds, out);
   float range = 0.f;
   for (float v : a) range = std::max(range, std::fabs(v));

@@ -116,7 +116,7 @@ TEST(Int8Conv, EveryPathEqualsThePlainLoopReference) {
   const Ints one = {1, 1, 1, 1};
   const std::vector<ConvSpec> cases = {
       spec(1, 64, 13, 19, 64, 3, one),  // the director's layer, odd edges: tiles and remainders
-      spec(2, 5, 11, 9, 7, 3, {1, 0, 2, 1}, {2, 2}, {1, 2}),  // strides, asymmetric pads, dilations, two images
+      spec(2, 5, 11, 9, 7, 3, {1, 0, 2, 1}, {2, 2}, {1, 2}),  // strides, odd pads, dilations, two images
       spec(1, 6, 9, 14, 4, 3, one, {}, {}, 2),  // two groups of 3 input channels (not a multiple of 4)
       spec(1, 8, 7, 12, 8, 3, one, {}, {}, 8),  // depthwise
       spec(1, 3, 5, 21, 33, 1),                 // 1x1, output channels past one block of 16

@@ -119,7 +119,8 @@ class RendererTest : public ::testing::Test {
     return key;
   }
   // What building a renderer for key on the bundle in dir throws ("" when it builds).
-  static std::string refusal(const std::string& key, const std::string& ep = "", const std::string& dir = dir_) {
+  static std::string refusal(const std::string& key, const std::string& ep = "",
+                             const std::string& dir = dir_) {
     const Loaded l(dir);
     return thrown([&] { le::Renderer r(l.manifest, *l.identity, key, 1, ep); });
   }
@@ -192,7 +193,9 @@ TEST_F(RendererTest, RenderFillsAndPadsEverySlot) {
   std::vector<float> ks(3 * 63), kd(3 * 63);
   for (size_t i = 0; i < ks.size(); ++i) ks[i] = 0.01f * float(i % 17), kd[i] = 0.02f * float(i % 11);
   auto kpSum = [](const float* v) { return std::accumulate(v, v + 63, 0.0); };
-  auto mean = [](const std::vector<float>& v) { return std::accumulate(v.begin(), v.end(), 0.0) / double(v.size()); };
+  auto mean = [](const std::vector<float>& v) {
+    return std::accumulate(v.begin(), v.end(), 0.0) / double(v.size());
+  };
   const std::string pooledPath = le::resolveMember(dir_, "pooled64.f16");
   const std::string priorPath = le::resolveMember(dir_, "P.f16");
   const std::string fsPath = le::resolveMember(dir_, "fs_red.f16");
@@ -351,7 +354,8 @@ TEST_F(RendererTest, EntryPointsRgbaAndPasteLast) {
 // ---- the forged director's warp, by plain loops ----------------------------------------------
 
 // The forged director's grid: each pixel moved by the Gaussian-weighted keypoint displacement.
-std::vector<double> keypointGrid(const std::vector<float>& ks, const std::vector<float>& kd, double sigma, int S) {
+std::vector<double> keypointGrid(const std::vector<float>& ks, const std::vector<float>& kd, double sigma,
+                                 int S) {
   std::vector<double> grid(size_t(2) * S * S);
   for (int y = 0; y < S; ++y)
     for (int x = 0; x < S; ++x) {
@@ -439,7 +443,8 @@ TEST_F(RendererTest, WarpKernelsAndTheirSwitches) {
   };
   std::string err;
   const std::vector<float> fast = render("LE_GS_REWRITE", nullptr, &err);
-  EXPECT_THAT(err, HasSubstr("[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: 1 node(s) (b1)\n"));
+  EXPECT_THAT(err, HasSubstr("[le] std GridSample -> com.vantorix::GridSampleFast load-time rewrite: "
+                             "1 node(s) (b1)\n"));
   for (const char* var : {"LE_GS_REWRITE", "LE_GS_FAST"}) {
     const std::vector<float> standard = render(var, "0", &err);
     EXPECT_THAT(err, Not(HasSubstr("GridSampleFast load-time rewrite"))) << var;

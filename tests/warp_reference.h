@@ -23,8 +23,8 @@ inline double bilinear(const float* p, int W, int H, double px, double py) {
 }
 
 // GridSample of the C planes of in at grid (H x W x 2).
-inline std::vector<float> gridSample(const std::vector<float>& in, const std::vector<float>& grid, int C, int H,
-                                     int W) {
+inline std::vector<float> gridSample(const std::vector<float>& in, const std::vector<float>& grid, int C,
+                                     int H, int W) {
   std::vector<float> out(in.size());
   for (size_t p = 0; p < size_t(H) * W; ++p)
     for (int c = 0; c < C; ++c)
