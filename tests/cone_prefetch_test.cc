@@ -142,24 +142,13 @@ TEST(ConePrefetch, SplitCropsPredictionsTeardownAndFailedPrep) {
   // The boundary of frame 1 may already be in its slot; the run after it cannot be.
   const std::string prefix = "Renderer: the hoisted source cone failed in ORT — ";
   std::string first;
-  for (si = 1; si < 5 && first.empty(); ++si) {
-    try {
-      r.render(&si, ks.data(), kd.data(), 1);
-    } catch (const std::runtime_error& e) {
-      first = e.what();
-    }
-  }
+  for (si = 1; si < 5 && first.empty(); ++si)
+    first = le::testing::thrown([&] { r.render(&si, ks.data(), kd.data(), 1); });
   ASSERT_EQ(first.rfind(prefix, 0), 0u) << first;
   EXPECT_GT(first.size(), prefix.size());
   EXPECT_LE(si, 3);
-  for (int32_t again : {0, 1, 4}) {
-    try {
-      r.render(&again, ks.data(), kd.data(), 1);
-      ADD_FAILURE() << "render " << again << " after a failed prep did not refuse";
-    } catch (const std::runtime_error& e) {
-      EXPECT_EQ(std::string(e.what()), first);
-    }
-  }
+  for (int32_t again : {0, 1, 4})
+    EXPECT_EQ(le::testing::thrown([&] { r.render(&again, ks.data(), kd.data(), 1); }), first) << again;
 }
 
 }  // namespace
