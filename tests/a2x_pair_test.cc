@@ -46,27 +46,25 @@ TEST(A2xPair, EnvironmentPairThenNamesBesideTheEncoder) {
     std::ofstream(d / "env/broken.onnx") << "not a model";
   }
   const std::string env = (d / "env").string(), t = env + "/t.onnx", h = env + "/h.onnx";
-  using le::testmedia::ScopedEnv;
-
-  {  // both variables set: they win over the pair beside the encoder
-    ScopedEnv a("LE_A2X_W2V_WIN_ONNX", t.c_str()), c("LE_A2X_W2V_HEAD_ONNX", h.c_str());
-    EXPECT_EXIT(lookup(encoder, true), ::testing::ExitedWithCode(0), "loaded \\(LT=401\\) trunk=[^ ]*/env/t\\.onnx");
-  }
-  {  // one variable alone is ignored: the standard names beside the encoder
-    ScopedEnv a("LE_A2X_W2V_WIN_ONNX", t.c_str()), c("LE_A2X_W2V_HEAD_ONNX", nullptr);
-    EXPECT_EXIT(lookup(encoder, true), ::testing::ExitedWithCode(0),
-                "trunk=[^ ]*/b/w2v/audio_encoder_fp16_window_trunk\\.onnx");
-  }
-  ScopedEnv a("LE_A2X_W2V_WIN_ONNX", nullptr), c("LE_A2X_W2V_HEAD_ONNX", nullptr);
-  EXPECT_EXIT(lookup((d / "legacy/enc.onnx").string(), true), ::testing::ExitedWithCode(0),
-              "trunk=[^ ]*/legacy/w2v_trunk32\\.onnx");
-  EXPECT_EXIT(lookup((d / "none/enc.onnx").string(), false), ::testing::ExitedWithCode(0),
-              "short-window audio frontend NOT DEPLOYED");
-  {  // a pair that does not load: said so, and the 8 s window serves
-    const std::string broken = env + "/broken.onnx";
-    ScopedEnv bt("LE_A2X_W2V_WIN_ONNX", broken.c_str()), bh("LE_A2X_W2V_HEAD_ONNX", h.c_str());
-    EXPECT_EXIT(lookup(encoder, false), ::testing::ExitedWithCode(0),
-                "short-window w2v load FAILED \\([^)]*\\) — legacy 8s path");
+  const std::string broken = env + "/broken.onnx";
+  const struct {
+    const char *trunk, *head;  // the environment pair (null: unset)
+    std::string encoder;
+    bool found;
+    const char* says;
+  } cases[] = {
+      // both variables set: they win over the pair beside the encoder
+      {t.c_str(), h.c_str(), encoder, true, "loaded \\(LT=401\\) trunk=[^ ]*/env/t\\.onnx"},
+      // one variable alone is ignored: the standard names beside the encoder
+      {t.c_str(), nullptr, encoder, true, "trunk=[^ ]*/b/w2v/audio_encoder_fp16_window_trunk\\.onnx"},
+      {nullptr, nullptr, (d / "legacy/enc.onnx").string(), true, "trunk=[^ ]*/legacy/w2v_trunk32\\.onnx"},
+      {nullptr, nullptr, (d / "none/enc.onnx").string(), false, "short-window audio frontend NOT DEPLOYED"},
+      // a pair that does not load: said so, and the 8 s window serves
+      {broken.c_str(), h.c_str(), encoder, false, "short-window w2v load FAILED \\([^)]*\\) — legacy 8s path"},
+  };
+  for (const auto& c : cases) {
+    le::testmedia::ScopedEnv winEnv("LE_A2X_W2V_WIN_ONNX", c.trunk), headEnv("LE_A2X_W2V_HEAD_ONNX", c.head);
+    EXPECT_EXIT(lookup(c.encoder, c.found), ::testing::ExitedWithCode(0), c.says) << c.encoder;
   }
 }
 
