@@ -48,11 +48,9 @@ Inits with(Inits in, const std::string& name, const std::string& renamed, std::v
 TEST(ConvBackend, GraphCheckItsDiagnosticsAndTheCreateRefusal) {
   le::testing::ScratchDir dir("conv_backend");
   auto check = [&](const Inits& inits) {
-    const std::string path = dir / "m.onnx";
-    le::forge::writeModelBytes(path, model(inits));
-    ::testing::internal::CaptureStderr();
-    const bool ok = le::ConvBackend::graphSupported(path);
-    const std::string err = ::testing::internal::GetCapturedStderr();
+    le::forge::writeModelBytes(dir / "m.onnx", model(inits));
+    bool ok = false;
+    const std::string err = le::testing::stderrOf([&] { ok = le::ConvBackend::graphSupported(dir / "m.onnx"); });
     return ok ? std::string("supported") : err;
   };
   const std::string tag = "[le] le_conv graph check: ";

@@ -17,13 +17,8 @@
 using le::forge::OnnxBuilder;
 using le::test::Feed;
 
-TEST(GridSampleFast, PlainKernelSmallCases) {
-  // All-zero grid on a 2x2 image: every output pixel is the mean of the four.
-  const std::vector<float> img = {1.f, 2.f, 4.f, 8.f};
-  std::vector<float> grid(8, 0.f), out(4);
-  le::gridsample_fast(img.data(), grid.data(), out.data(), 1, 2, 2);
-  for (float v : out) EXPECT_FLOAT_EQ(v, 3.75f);
-
+// The edges the plain-loop reference does not pin down exactly (its agreement is the next test's).
+TEST(GridSampleFast, PlainKernelBorderAndNaN) {
   // Beyond +-1 (and far beyond, and non-finite) the border pixels come back exactly.
   const int H = 3, W = 5;
   std::vector<float> src(2 * H * W);

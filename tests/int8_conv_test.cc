@@ -153,18 +153,16 @@ TEST(Int8Conv, RangeScaleAndZeroPoint) {
   v[5] = NAN, v[77777] = NAN, v[100002] = 3.5f;
   float mn = 1.f, mx = 1.f;
   le::minmax_par(v.data(), v.size(), mn, mx);
-  EXPECT_EQ(mn, 0.f);
-  EXPECT_EQ(mx, 3.5f);
+  EXPECT_EQ(std::make_pair(mn, mx), std::make_pair(0.f, 3.5f));
   v[4099] = -2.f;
   float a = 0.f, b = 0.f;
   le::minmax_avx2(v.data() + 1, v.size() - 1, a, b);
   le::minmax_par(v.data() + 1, v.size() - 1, mn, mx);
-  EXPECT_EQ(a, -2.f);
-  EXPECT_EQ(mn, -2.f);
-  EXPECT_EQ(mx, b);
+  EXPECT_EQ(std::make_pair(a, b), std::make_pair(-2.f, 3.5f));
+  EXPECT_EQ(std::make_pair(mn, mx), std::make_pair(a, b));
 
-  EXPECT_EQ(ic::quantParams(0.f, 0.f).scale, 1.f);
-  EXPECT_EQ(ic::quantParams(0.f, 0.f).zeroPoint, 0);
+  const ic::Quant none = ic::quantParams(0.f, 0.f);  // an all-zero range
+  EXPECT_EQ(std::make_pair(none.scale, none.zeroPoint), std::make_pair(1.f, 0));
   EXPECT_EQ(ic::quantParams(0.f, 2.55f).zeroPoint, 0);    // all positive
   EXPECT_EQ(ic::quantParams(-5.f, 0.f).zeroPoint, 255);   // all negative
   EXPECT_EQ(ic::quantParams(-1.f, 1.55f).zeroPoint, 100);
