@@ -1,5 +1,5 @@
-// Real media for tests and benchmarks: movies and JPEG stills written by the forge. Every frame carries its index as a row of black/white blocks
-// so that a reader can tell which frame it got.
+// Real media for tests and benchmarks: movies and JPEG stills written by the forge. Every frame
+// carries its index as a row of black/white blocks so that a reader can tell which frame it got.
 #pragma once
 
 #include <cstdint>

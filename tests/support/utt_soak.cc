@@ -82,20 +82,26 @@ void UttPipeline::pullOrNap() {
 }
 
 void UttPipeline::untilIdle(size_t from, int idle) {
+  const auto until = std::chrono::steady_clock::now() + kPatience;
   for (;;) {
     int trailing = 0;
     bool spoke = false;
     for (size_t i = got.size(); i > from && !spoke; --i)
       got[i - 1].info.kind == LE_UTT_KIND_IDLE ? void(++trailing) : void(spoke = true);
     if (spoke && trailing >= idle) return;
+    // Idle frames keep coming when the speech never does.
+    if (std::chrono::steady_clock::now() > until) throw std::runtime_error("no speech or ramp frame came");
     pullOrNap();
   }
 }
 
 void UttPipeline::untilSpeech(size_t from, int n) {
+  const auto until = std::chrono::steady_clock::now() + kPatience;
   while (std::count_if(got.begin() + long(from), got.end(),
-                       [](const UttFrame& f) { return f.info.kind == LE_UTT_KIND_SPEECH; }) < n)
+                       [](const UttFrame& f) { return f.info.kind == LE_UTT_KIND_SPEECH; }) < n) {
+    if (std::chrono::steady_clock::now() > until) throw std::runtime_error("the speech frames did not come");
     pullOrNap();
+  }
 }
 
 void UttPipeline::push(const std::vector<int16_t>& pcm, size_t step) {

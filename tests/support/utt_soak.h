@@ -74,9 +74,10 @@ struct UttPipeline {
   bool pull();
   // Pulls, or when nothing was waiting, sleeps a little (throwing once the pipeline stalled).
   void pullOrNap();
-  // Pulls until `idle` idle frames follow a speech or ramp frame pulled from index `from` on.
+  // Pulls until `idle` idle frames follow a speech or ramp frame pulled from index `from` on
+  // (throwing when none came within kPatience).
   void untilIdle(size_t from, int idle = 3);
-  // Pulls until n speech frames were pulled from index `from` on.
+  // Pulls until n speech frames were pulled from index `from` on (within kPatience).
   void untilSpeech(size_t from, int n);
   // Pushes pcm in pieces of `step` samples, pulling after each.
   void push(const std::vector<int16_t>& pcm, size_t step);
