@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "le/tessera/le_lip_contour.h"
@@ -143,10 +144,9 @@ TEST(LipContour, Deformations) {
     EXPECT_NEAR(poly[2 * v + 1], py, 1.1e-6);
   }
   const Box b = lc.box(poly.data());
-  EXPECT_EQ(b.x0, int(std::floor(px - 5)));
-  EXPECT_EQ(b.x1, int(std::ceil(px + 5)) + 1);
-  EXPECT_EQ(b.y0, int(std::floor(py - 5)));
-  EXPECT_EQ(b.y1, int(std::ceil(py + 5)) + 1);
+  EXPECT_EQ(std::make_tuple(b.x0, b.x1, b.y0, b.y1),
+            std::make_tuple(int(std::floor(px - 5)), int(std::ceil(px + 5)) + 1, int(std::floor(py - 5)),
+                            int(std::ceil(py + 5)) + 1));
   std::vector<float> plane(size_t(n) * n);
   lc.contourF32Canvas(kp.data(), plane.data());
   EXPECT_EQ(plane[size_t(std::nearbyint(py)) * n + size_t(std::nearbyint(px))], 1.f);
@@ -167,8 +167,6 @@ TEST(LipContour, Deformations) {
   for (size_t i = 0; i < W.size(); ++i) W[i] = 0.1 * double(int(i % 9) - 4);
   for (size_t i = 0; i < bias.size(); ++i) bias[i] = double(i) - 8;
   EXPECT_EQ(thrown([&] { lc.attachMap(W.data(), bias.data(), 16, 6, mapRows, 2); }),
-            "lip_template.v1.json: lip_map shape does not match the template");
-  EXPECT_EQ(thrown([&] { lc.attachMap(W.data(), bias.data(), 14, 4, mapRows, 2); }),
             "lip_template.v1.json: lip_map shape does not match the template");
   lc.attachMap(W.data(), bias.data(), 16, 4, mapRows, 2);
   EXPECT_EQ(lc.lipIdx(), (std::vector<int32_t>{17, 18}));
