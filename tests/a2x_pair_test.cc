@@ -60,7 +60,8 @@ TEST(A2xPair, EnvironmentPairThenNamesBesideTheEncoder) {
       {nullptr, nullptr, (d / "legacy/enc.onnx").string(), true, "trunk=[^ ]*/legacy/w2v_trunk32\\.onnx"},
       {nullptr, nullptr, (d / "none/enc.onnx").string(), false, "short-window audio frontend NOT DEPLOYED"},
       // a pair that does not load: said so, and the 8 s window serves
-      {broken.c_str(), h.c_str(), encoder, false, "short-window w2v load FAILED \\([^)]*\\) — legacy 8s path"},
+      {broken.c_str(), h.c_str(), encoder, false,
+       "short-window w2v load FAILED \\([^)]*\\) — legacy 8s path"},
   };
   for (const auto& c : cases) {
     le::testmedia::ScopedEnv winEnv("LE_A2X_W2V_WIN_ONNX", c.trunk), headEnv("LE_A2X_W2V_HEAD_ONNX", c.head);

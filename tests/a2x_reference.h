@@ -209,8 +209,8 @@ class Reference {
   }
 
   // encode, then decode from the state (prev, hid), which it advances; widths into wn if given.
-  std::vector<float> deltas(const std::vector<float>& feat, int frames, int chunk, bool clip, std::vector<float>* wn,
-                            std::vector<float>& prev, std::vector<float>& hid) const {
+  std::vector<float> deltas(const std::vector<float>& feat, int frames, int chunk, bool clip,
+                            std::vector<float>* wn, std::vector<float>& prev, std::vector<float>& hid) const {
     std::vector<float> enc, w;
     encode(feat, frames, chunk, clip, enc, w);
     if (wn) *wn = w;
@@ -258,8 +258,9 @@ inline void expectAgreement(le_a2x* h, const Reference& ref, const std::vector<f
   }
 
   std::vector<float> out(static_cast<size_t>(frames) * 63), outWn(static_cast<size_t>(frames));
-  const int n = ref.width() ? le_a2x_deltas_wn(h, audio.data(), int(audio.size()), out.data(), outWn.data(), frames)
-                            : le_a2x_deltas(h, audio.data(), int(audio.size()), out.data(), frames);
+  const int samples = static_cast<int>(audio.size());
+  const int n = ref.width() ? le_a2x_deltas_wn(h, audio.data(), samples, out.data(), outWn.data(), frames)
+                            : le_a2x_deltas(h, audio.data(), samples, out.data(), frames);
   ASSERT_EQ(n, frames) << le_a2x_last_error();
   prev = prev0, hid = hid0;
   EXPECT_LT(maxAbsDiff(out, ref.deltas(featOffline, frames, 24, false, &wn, prev, hid)), 1e-6) << "offline";

@@ -142,7 +142,7 @@ TEST(A2x, SourceIndexWalks) {
     EXPECT_EQ(le_a2x_pull(h, si.data(), t.data(), dr.data(), n), n);
     const le::forge::Params p = le::forge::sized(le_a2x_nt(h), 64, 48, 16, 4);
     for (int f = 0; f < n; ++f)
-      EXPECT_EQ(std::vector<float>(t.begin() + f * 63, t.begin() + (f + 1) * 63), le::forge::keypoints(p, si[f]));
+      EXPECT_EQ(std::vector<float>(&t[size_t(f) * 63], &t[size_t(f) * 63] + 63), le::forge::keypoints(p, si[f]));
     return si;
   };
   Handle h(five);

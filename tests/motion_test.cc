@@ -103,7 +103,8 @@ TEST(Motion, SpectrumAndMelMatchNaiveDftOnSpeech) {
   // Every vector target gives the bits of the plain radix-2 loops (bit reversal, then butterflies
   // with twiddle k * 256 / h of stage h); the twiddles themselves show in the mel bands below.
   const mo::Fft512 fft;
-  const std::vector<float> re = le::test::randomFloats(512, -1, 1, 3), im = le::test::randomFloats(512, -1, 1, 4);
+  const std::vector<float> re = le::test::randomFloats(512, -1, 1, 3);
+  const std::vector<float> im = le::test::randomFloats(512, -1, 1, 4);
   std::vector<float> pr(512), pi(512);
   for (int n = 0; n < 512; ++n) {
     int r = 0;

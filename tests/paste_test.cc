@@ -171,8 +171,8 @@ TEST(PasteConstruction, RefusalsAndSwitches) {
     ScopedEnv e("LE_PASTE_FAST", v);
     return le::Paste(std::vector<uint8_t>(16), 4, unsharp(1, 2, 13)).fast();
   };
-  for (const auto& [v, want] : {std::pair<const char*, int>{"1", 1}, {"2", 2}, {"7", 0}, {"-1", 0}, {"bicubic", 0}})
-    EXPECT_EQ(mode(v), want) << v;
+  const std::pair<const char*, int> modes[] = {{"1", 1}, {"2", 2}, {"7", 0}, {"-1", 0}, {"bicubic", 0}};
+  for (const auto& [v, want] : modes) EXPECT_EQ(mode(v), want) << v;
 
   auto taps = [](const char* v, int manifest_ksize) {
     ScopedEnv e("LE_PASTE_KSIZE", v);
@@ -236,9 +236,9 @@ TEST(PasteComposite, MatchesReferenceExactly) {
           paste.composite(sc.planes.data(), 255.f, transforms[ti].data(), got.data(), W, H);
           refComposite(sc.mask, crop, ksize, 1.3f, mode, t, sc.planes.data(), 255.f,
                        transforms[ti].data(), want.data(), W, H);
-          const size_t first = size_t(std::mismatch(got.begin(), got.end(), want.begin()).first - got.begin());
-          EXPECT_EQ(first, got.size()) << "first differing byte: mode " << mode << " ksize " << ksize << " transform "
-                                       << ti;
+          const auto first = std::mismatch(got.begin(), got.end(), want.begin()).first - got.begin();
+          EXPECT_EQ(size_t(first), got.size())
+              << "first differing byte: mode " << mode << " ksize " << ksize << " transform " << ti;
           if (ti >= transforms.size() - 3) EXPECT_EQ(got, sc.frame) << "transform " << ti;
           else EXPECT_NE(got, sc.frame) << "transform " << ti;
         }

@@ -101,7 +101,8 @@ template <class T>
     return ::testing::AssertionFailure() << got.size() << " vs " << want.size() << " values";
   for (size_t i = 0; i < got.size(); ++i)
     if (std::memcmp(&got[i], &want[i], sizeof(T)) != 0)
-      return ::testing::AssertionFailure() << "first difference at " << i << ": " << +got[i] << " vs " << +want[i];
+      return ::testing::AssertionFailure() << "first difference at " << i << ": " << +got[i] << " vs "
+                                           << +want[i];
   return ::testing::AssertionSuccess();
 }
 
@@ -118,7 +119,7 @@ TEST(SimdHalf, WideningAllHalvesExact) {
     // Every length and start offset: the scalar tail on the same values, nothing written past n.
     for (size_t len : kLengths)
       for (size_t base = 0x7BF0; base < 0x7BF0 + 3 * 977; base += 977) {
-        std::vector<float> part(len + 1, -7.0f), exp(want.begin() + long(base), want.begin() + long(base + len));
+        std::vector<float> part(len + 1, -7.0f), exp(want.data() + base, want.data() + base + len);
         exp.push_back(-7.0f);
         le::simd::f16ToF32(all.data() + base, part.data(), len);
         ASSERT_TRUE(same(part, exp));
@@ -203,7 +204,9 @@ TEST(SimdHalf, RoundMulAndRgbPlanes) {
       ASSERT_TRUE(same(rounded, expect([&](size_t i) { return refRoundHalf(a[i]); })));
       for (double w : {0.0, 0.3017, 0.999}) {
         le::simd::blendRoundF16(a.data(), b.data(), w, got.data(), len);
-        const auto blend = [&](size_t i) { return refRoundHalf(float(double(a[i]) * (1.0 - w) + double(b[i]) * w)); };
+        const auto blend = [&](size_t i) {
+          return refRoundHalf(float(double(a[i]) * (1.0 - w) + double(b[i]) * w));
+        };
         ASSERT_TRUE(same(got, expect(blend)));
       }
     }
@@ -220,7 +223,9 @@ TEST(SimdHalf, RoundMulAndRgbPlanes) {
 
 TEST(SimdRetrieve, TermsFollowIndexOrder) {
   std::mt19937 rng(99);
-  const auto randomHalf = [&](uint32_t range, float div) { return refFloatToHalf(float(rng() % range) / div); };
+  const auto randomHalf = [&](uint32_t range, float div) {
+    return refFloatToHalf(float(rng() % range) / div);
+  };
   const size_t n = 1037;
   std::vector<uint16_t> a(3 * n), b(3 * n), wh(n);
   std::vector<float> wf(n), wzero(n, 0.0f);
@@ -265,7 +270,7 @@ TEST(SimdRetrieve, TermsFollowIndexOrder) {
       for (size_t k = 0; k < 3; ++k) std::copy_n(q.begin() + k * m, len, qa.begin() + k * len);
       le::simd::retrieveTermPooledLanes(lanes.data(), qa.data(), wq.data(), len, out);
       for (size_t j = 0; j < L; ++j) {
-        for (size_t k = 0; k < 3; ++k) std::copy_n(imgs.begin() + (3 * j + k) * m, len, img.begin() + k * len);
+        for (size_t k = 0; k < 3; ++k) std::copy_n(imgs.data() + (3 * j + k) * m, len, img.data() + k * len);
         ASSERT_EQ(bitsOf(out[j]), bitsOf(refPooled(img.data(), qa.data(), wq.data(), len))) << j << " n=" << len;
       }
     }
@@ -409,7 +414,7 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
     std::vector<uint8_t> mask(static_cast<size_t>(crop) * crop);
     for (int yy = 0; yy < crop; ++yy)
       for (int xx = 0; xx < crop; ++xx)  // zero band on the left, full and soft regions elsewhere
-        mask[yy * crop + xx] = (xx < crop / 8) ? 0 : static_cast<uint8_t>(xx > crop * 5 / 8 ? 255 : rng() % 256);
+        mask[yy * crop + xx] = xx < crop / 8 ? 0 : uint8_t(xx > crop * 5 / 8 ? 255 : rng() % 256);
     std::vector<uint32_t> quads(static_cast<size_t>(crop + 1) * (crop + 1));
     le::simd::pasteMaskQuads(mask.data(), crop, quads.data());
     const int W = 600;  // rows longer than the kernel's internal span
@@ -431,10 +436,11 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
         for (int x = x0; x <= x1; ++x)
           le::testref::refPastePixel(
               t, 0, mask.data(), crop, rx + cx[x - x0], ry + cy[x - x0],
-              [&](int k, int r, int c) { return src[((r / 8 * crop + c) * 3 + k) * 16 + r % 8]; }, &want[3 * x]);
+              [&](int k, int r, int c) { return src[((r / 8 * crop + c) * 3 + k) * 16 + r % 8]; },
+              &want[3 * x]);
         blended += want != row;
-        le::simd::pasteLanczos8Row(src.data(), crop, mask.data(), t.lanczos.data(), t.bilinear.data(), cx.data(),
-                                   cy.data(), rx, ry, x0, x1, row.data());
+        le::simd::pasteLanczos8Row(src.data(), crop, mask.data(), t.lanczos.data(), t.bilinear.data(),
+                                   cx.data(), cy.data(), rx, ry, x0, x1, row.data());
         ASSERT_TRUE(same(row, want)) << "crop " << crop << " trial " << trial;
         le::simd::pasteLanczos8RowQuads(src.data(), crop, mask.data(), quads.data(), t.lanczos.data(),
                                         t.bilinear.data(), cx.data(), cy.data(), rx, ry, x0, x1, row2.data());

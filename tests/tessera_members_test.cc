@@ -200,28 +200,31 @@ TEST(TesseraMembers, SidecarRefusals) {
     std::string value, refusal;
   } cases[] = {
       {&Sidecar::format, "\"tessera_bank.v2\"",
-       sc + " declares format 'tessera_bank.v2', not 'tessera_bank.v1' — this reader does not know that generation "
-            "and will not guess at its keys."},
+       sc + " declares format 'tessera_bank.v2', not 'tessera_bank.v1' — this reader does not know that "
+            "generation and will not guess at its keys."},
       {&Sidecar::geometry, "[]", sc + " carries no `geometry` stamp"},
-      {&Sidecar::geometry, R"({"canvas_w": 128, "canvas_h": "128"})", "teeth: " + sc + ".geometry lacks numeric 'canvas_h'"},
+      {&Sidecar::geometry, R"({"canvas_w": 128, "canvas_h": "128"})",
+       "teeth: " + sc + ".geometry lacks numeric 'canvas_h'"},
       {&Sidecar::geometry, noBand, "teeth stamp yields a non-positive stored patch (0x24)"},
       {&Sidecar::n, "\"3\"", "teeth: " + sc + " lacks numeric 'n_donors'"},
       {&Sidecar::n, "0.9", sc + " says n_donors=0"},
       {&Sidecar::n, "1025",
-       sc + " carries n_donors=1025, over the owner's cap of 1024 (ruling 2026-08-28). This reader REFUSES rather than "
-            "capping: the selector is the bank's BUILD-time cap selector, and a second one here would change which "
-            "donors reach the mouth while every count-based check stayed green. Rebuild the bank."},
+       sc + " carries n_donors=1025, over the owner's cap of 1024 (ruling 2026-08-28). This reader REFUSES "
+            "rather than capping: the selector is the bank's BUILD-time cap selector, and a second one here "
+            "would change which donors reach the mouth while every count-based check stayed green. Rebuild "
+            "the bank."},
       {&Sidecar::aperture, "{}", sc + " lacks one of track_order/cent/aperture/c_canon as an array"},
       {&Sidecar::cent, "[[1, 2], [3, 4]]",
-       sc + " says n_donors=3 but carries track_order=3, cent=2, aperture=3 — a count mismatch silently mis-orders "
-            "the donors."},
+       sc + " says n_donors=3 but carries track_order=3, cent=2, aperture=3 — a count mismatch silently "
+            "mis-orders the donors."},
       {&Sidecar::cent, "[[1, 2], [3], [5, 6]]", sc + " cent[1] is not an (x,y) pair"},
       {&Sidecar::canon, "[1, 2, 3]", sc + " c_canon is not a pair"},
       {&Sidecar::order, "[2, 3, 1]", sc + " track_order[1]=3 is outside [0,3)"},
       {&Sidecar::order, "[-1, 0, 1]", sc + " track_order[0]=-1 is outside [0,3)"},
       {&Sidecar::order, "[2, 0, 2]",
-       sc + " track_order is not a permutation (reference 2 appears twice) — the inverse permutation would leave a "
-            "reference slot never written and the pass would blend uninitialised memory into a real mouth."},
+       sc + " track_order is not a permutation (reference 2 appears twice) — the inverse permutation would "
+            "leave a reference slot never written and the pass would blend uninitialised memory into a real "
+            "mouth."},
       {&Sidecar::order, "[2, 0, 1", "teeth: " + sc + " is not readable JSON: teeth: malformed JSON array"},
   };
   for (const auto& c : cases) {
@@ -297,7 +300,8 @@ TEST(TesseraMembers, StampValidation) {
 JVal parse(const std::string& t) { return JParser(t).parse(); }
 
 TEST(TesseraJson, TreeKindsOrderAndDuplicates) {
-  const JVal v = parse(" \r\n\t{\"a\": [1, -2.5e1, true, false, null, \"x\"], \"o\": {}, \"a\": 7, \"e\": []}");
+  const JVal v =
+      parse(" \r\n\t{\"a\": [1, -2.5e1, true, false, null, \"x\"], \"o\": {}, \"a\": 7, \"e\": []}");
   ASSERT_EQ(v.kind, JVal::Object);
   ASSERT_EQ(v.obj.size(), 4u);
   EXPECT_EQ(v.obj[2].first, "a");  // duplicates are kept in document order

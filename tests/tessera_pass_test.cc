@@ -45,6 +45,8 @@ GeometryStamp stampOf(bool odd) {
   return s;
 }
 
+const std::string kTorch = "/work/shared/data/torch/";
+
 ServeConfig configOf(int kshort, int cut, int K, double tol = 0.5) {
   ServeConfig c;
   c.kshort = kshort, c.cut = cut, c.K = K, c.aperture_tol = tol, c.hysteresis = 2, c.lookahead = 2;
@@ -139,7 +141,7 @@ TEST(TesseraPass, MatchesPlainLoopReferenceOverFrames) {
     const GeometryStamp s = stampOf(cs.odd);
     const BankData bank = bankOf(s, cs.n, cs.odd ? 7 : 3);
     const le::tessera::HeadWeights head =
-        cs.realHead ? le::tessera::loadHeadPt(le::testmedia::readBytes("/work/shared/data/torch/blend16_state_dict.pt"))
+        cs.realHead ? le::tessera::loadHeadPt(le::testmedia::readBytes(kTorch + "blend16_state_dict.pt"))
                     : forgedHead();
     TeethPass pass(bank, head, cs.cfg);
     le::testref::RefPass ref(bank, head, cs.cfg);

@@ -212,23 +212,24 @@ TEST(TesseraPi, ManifestBlock) {
   const std::string tp = "teeth-pi: ";
   const std::pair<std::string, std::string> cases[] = {
       {"{\"NT\": 4}",
-       tp + "manifest has no `unified` block — this bundle predates the unified compose and cannot state the pi "
-            "geometry it was baked with; refusing to guess one"},
+       tp + "manifest has no `unified` block — this bundle predates the unified compose and cannot state the "
+            "pi geometry it was baked with; refusing to guess one"},
       {"{\"unified\": {}}", "teeth: member JSON lacks key 'pi'"},
       {manifest("\"prop_gate_scale\": 1"), "teeth: member JSON lacks key 'mode'"},
       {manifest("\"mode\": 3"), tp + "unified.pi.mode is not a string"},
       {manifest("\"mode\": \"ellipse\""),
-       tp + "unified.pi.mode 'ellipse' is a compose-mask geometry this port cannot name — fail loud, never adapt "
-            "(the stamped-geometry rule)"},
+       tp + "unified.pi.mode 'ellipse' is a compose-mask geometry this port cannot name — fail loud, never "
+            "adapt (the stamped-geometry rule)"},
       {manifest(good + ", \"corner_recovery\": 1"),
-       tp + "unknown unified.pi.corner_recovery — a compose-mask geometry a consumer cannot name must never be "
-            "guessed"},
+       tp + "unknown unified.pi.corner_recovery — a compose-mask geometry a consumer cannot name must "
+            "never be guessed"},
       {manifest("\"mode\": \"prop\", \"lip_idx\": [1]"), "teeth: member JSON lacks key 'prop_gate_scale'"},
       {manifest(prop + "[]"), tp + "unified.pi.lip_idx is not a non-empty array"},
       {manifest(prop + "[1], \"lip_geom_params\": [1, 2]"),
        tp + "unified.pi.lip_geom_params must be [pad_x, pad_y, down]"},
       {manifest(prop + "[1]"), "teeth: member JSON lacks key 'lip_geom_params'"},
-      {manifest(good, ", \"crop\": {\"canvas\": 32}"), tp + "engine renders at canvas 64 but unified.crop.canvas is 32"},
+      {manifest(good, ", \"crop\": {\"canvas\": 32}"),
+       tp + "engine renders at canvas 64 but unified.crop.canvas is 32"},
       {manifest(prop + "[21], \"lip_geom_params\": [1, 2, 3]"),
        tp + "unified.pi.lip_idx names keypoint row 21, and a keypoint row is 0..20"},
       {"{\"unified\": [1, ", tp + "the manifest is not readable JSON: teeth: JSON truncated"},

@@ -63,7 +63,9 @@ class RefPass {
       for (int k = 0; k < 3; ++k)
         for (int py = 0; py < wh / 4; ++py)
           for (int px = 0; px < ww / 4; ++px)
-            index.push_back(pool4(py, px, [&](int r, int c) { return h16(donorByte(d, r, c, k, 0, 0) / 255.0f); }));
+            index.push_back(pool4(py, px, [&](int r, int c) {
+              return h16(donorByte(d, r, c, k, 0, 0) / 255.0f);
+            }));
   }
 
   // The half-rounded mean of the 4x4 block (py, px) of f(row, col).

@@ -127,8 +127,8 @@ TEST(TesseraStream, EllipseDeliveryAndTheOfflineShiftTable) {
   const le::tessera::UnifiedPi pi = le::tessera::UnifiedPi::fromManifestJson(b.in.manifest_json, canvas);
 
   const auto borrow = [&](const le::tessera::UnifiedPi& model) {
-    return std::make_unique<StreamBorrow>(b.data(), le::tessera::loadHeadPt(b.in.head_pt),
-                                          le::tessera::ServeConfig::fromHeadMemberJson(b.in.head_json), model, "");
+    const le::tessera::ServeConfig cfg = le::tessera::ServeConfig::fromHeadMemberJson(b.in.head_json);
+    return std::make_unique<StreamBorrow>(b.data(), le::tessera::loadHeadPt(b.in.head_pt), cfg, model, "");
   };
   std::unique_ptr<StreamBorrow> first;
   EXPECT_EQ(le::testing::stderrOf([&] { first = borrow(pi); }),
@@ -171,7 +171,8 @@ TEST(TesseraStream, EllipseDeliveryAndTheOfflineShiftTable) {
     const le::tessera::GeometryStamp& st = b.in.stamp;
     std::vector<uint8_t> readable(rgb.size(), 0);
     for (int y = st.window_y0 - st.pad; y < st.window_y0 + st.window_h + st.pad; ++y) {
-      const long from = (long(y) * st.canvas_w + st.window_x0 - st.pad) * 3, n = (st.window_w + 2 * st.pad) * 3;
+      const long from = (long(y) * st.canvas_w + st.window_x0 - st.pad) * 3;
+      const long n = (st.window_w + 2 * st.pad) * 3;
       std::copy(rgb.begin() + from, rgb.begin() + from + n, readable.begin() + from);
     }
     ASSERT_EQ(sb.rgb(), readable);
