@@ -141,8 +141,10 @@ TEST(A2x, SourceIndexWalks) {
     std::vector<float> t(size_t(n) * 63), dr(size_t(n) * 63);
     EXPECT_EQ(le_a2x_pull(h, si.data(), t.data(), dr.data(), n), n);
     const le::forge::Params p = le::forge::sized(le_a2x_nt(h), 64, 48, 16, 4);
-    for (int f = 0; f < n; ++f)
-      EXPECT_EQ(std::vector<float>(&t[size_t(f) * 63], &t[size_t(f) * 63] + 63), le::forge::keypoints(p, si[f]));
+    for (int f = 0; f < n; ++f) {
+      const float* row = t.data() + size_t(f) * 63;
+      EXPECT_EQ(std::vector<float>(row, row + 63), le::forge::keypoints(p, si[f])) << f;
+    }
     return si;
   };
   Handle h(five);
