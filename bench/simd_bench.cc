@@ -119,6 +119,7 @@ struct PasteScene {
   static constexpr int kCrop = 512, kW = 1920, kH = 1080;
   std::vector<float> src, lanczos, bilinear;
   std::vector<uint8_t> mask, frame;
+  std::vector<uint32_t> quads;
   std::vector<int> colX, colY, rowX, rowY;
   int x0 = 0, x1 = 0, y0 = 0, y1 = 0;
 
@@ -132,6 +133,8 @@ struct PasteScene {
         const double dx = (xx - 256) / 230.0, dy = (yy - 280) / 250.0, r = std::sqrt(dx * dx + dy * dy);
         mask[yy * kCrop + xx] = static_cast<uint8_t>(r < 0.85 ? 255 : r > 1 ? 0 : 255 * (1 - r) / 0.15);
       }
+    quads.resize(size_t{kCrop + 1} * (kCrop + 1));
+    le::simd::pasteMaskQuads(mask.data(), kCrop, quads.data());
     lanczos.resize(256);
     bilinear.resize(64);
     for (int p = 0; p < 32; ++p) {
@@ -162,8 +165,9 @@ struct PasteScene {
   }
   void run() {
     for (int y = y0; y <= y1; ++y)
-      le::simd::pasteLanczos8Row(src.data(), kCrop, mask.data(), lanczos.data(), bilinear.data(), colX.data(),
-                                 colY.data(), rowX[y - y0], rowY[y - y0], x0, x1, frame.data() + size_t{3} * kW * y);
+      le::simd::pasteLanczos8Row(src.data(), kCrop, mask.data(), quads.data(), lanczos.data(), bilinear.data(),
+                                 colX.data(), colY.data(), rowX[y - y0], rowY[y - y0], x0, x1,
+                                 frame.data() + size_t{3} * kW * y);
   }
   double pixels() const { return static_cast<double>(x1 - x0 + 1) * (y1 - y0 + 1); }
 };

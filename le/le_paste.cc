@@ -357,7 +357,7 @@ void Paste::compositeTail(uint8_t* frame, int W, int x0, int x1, int y0, int y1,
       const int* cx = s.col_x_.data() + a;
       const int* cy = s.col_y_.data() + a;
       if (s.fast_ == 0)
-        le::simd::pasteLanczos8RowQuads(s.cols(), s.crop_, s.mask_.data(), s.quads_.data(), s.lanczos_.data(),
+        le::simd::pasteLanczos8Row(s.cols(), s.crop_, s.mask_.data(), s.quads_.data(), s.lanczos_.data(),
                                    s.bilinear_.data(), cx, cy, row_x, row_y, job.x0 + a, job.x0 + z, dst);
       else
         s.resampleRowPlanar(dst, cx, cy, row_x, row_y, job.x0 + a, job.x0 + z);

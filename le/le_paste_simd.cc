@@ -137,7 +137,7 @@ inline int32_t InteriorAt(int crop, int ix, int iy) {
 
 // Per pixel of `count` consecutive output pixels: the mask weight, vectorised with the same
 // arithmetic as detail::pasteAlpha (-1 outside the crop), where its taps start (InteriorAt)
-// and its two phases (px | py << 8). The mask bytes come from quads when given.
+// and its two phases (px | py << 8). The vector loop reads the mask bytes from quads.
 HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const uint32_t* HWY_RESTRICT quads,
                           const float* HWY_RESTRICT bilinear,
                           const int* HWY_RESTRICT col_x, const int* HWY_RESTRICT col_y, int row_x, int row_y,
@@ -157,24 +157,7 @@ HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const uint
                  bilinear[2 * p + 1] == static_cast<float>(p) / 32.0f;
   if (crop >= 2) {
     const auto vcrop = hn::Set(di, crop), minus1 = hn::Set(di, -1), k31 = hn::Set(di, 31);
-    const auto one = hn::Set(di, 1), zero = hn::Zero(di);
-    const auto lastWord = hn::Set(di, crop * crop - 4);  // gathers read four bytes
-    const auto* words = reinterpret_cast<const int32_t*>(mask);
-    const auto inRange = [&](hn::Vec<decltype(di)> v) { return hn::And(hn::Gt(v, minus1), hn::Lt(v, vcrop)); };
-    // Mask bytes at (x, y) and (x + 1, y), 0 outside the crop: one gathered word holds both.
-    const auto pair = [&](hn::Vec<decltype(di)> x, hn::Vec<decltype(di)> y, hn::Vec<decltype(df)>& m0,
-                          hn::Vec<decltype(df)>& m1) {
-      const auto rowOk = inRange(y);
-      const auto at = hn::Add(hn::Mul(y, vcrop), x);
-      const auto word = hn::Min(hn::Max(at, zero), lastWord);
-      const auto bytes = hn::BitCast(du, hn::GatherOffset(di, words, hn::IfThenElseZero(rowOk, word)));
-      const auto shift = hn::BitCast(du, hn::ShiftLeft<3>(hn::Sub(at, word)));
-      const auto b0 = hn::And(hn::operator>>(bytes, shift), hn::Set(du, 0xFFu));
-      const auto b1 = hn::And(hn::operator>>(bytes, hn::Add(shift, hn::Set(du, 8u))), hn::Set(du, 0xFFu));
-      const auto ok0 = hn::And(rowOk, inRange(x)), ok1 = hn::And(rowOk, inRange(hn::Add(x, one)));
-      m0 = hn::IfThenElseZero(hn::RebindMask(df, ok0), hn::ConvertTo(df, hn::BitCast(di, b0)));
-      m1 = hn::IfThenElseZero(hn::RebindMask(df, ok1), hn::ConvertTo(df, hn::BitCast(di, b1)));
-    };
+    const auto one = hn::Set(di, 1);
     const auto inv32 = hn::Set(df, 1.0f / 32.0f);
     const auto k32 = hn::Set(di, 32);
     for (; k + N <= count; k += N) {
@@ -193,20 +176,14 @@ HWY_INLINE void RowAlphas(int crop, const uint8_t* HWY_RESTRICT mask, const uint
         wx0 = hn::GatherIndex(df, bilinear, px2), wx1 = hn::GatherIndex(df, bilinear, hn::Add(px2, one));
         wy0 = hn::GatherIndex(df, bilinear, py2), wy1 = hn::GatherIndex(df, bilinear, hn::Add(py2, one));
       }
-      hn::Vec<decltype(df)> m00, m10, m01, m11;
-      if (quads) {
-        // One word per position: its four mask bytes, zeros outside the crop built in.
-        const auto at = hn::IfThenElseZero(ok, hn::Add(hn::Mul(hn::Add(iy, one), hn::Set(di, crop + 1)), hn::Add(ix, one)));
-        const auto q = hn::BitCast(du, hn::GatherIndex(di, reinterpret_cast<const int32_t*>(quads), at));
-        const auto byte = [&](hn::Vec<decltype(du)> v) {
-          return hn::ConvertTo(df, hn::BitCast(di, hn::And(v, hn::Set(du, 0xFFu))));
-        };
-        m00 = byte(q), m10 = byte(hn::ShiftRight<8>(q)), m01 = byte(hn::ShiftRight<16>(q));
-        m11 = hn::ConvertTo(df, hn::BitCast(di, hn::ShiftRight<24>(q)));
-      } else {
-        pair(ix, iy, m00, m10);
-        pair(ix, hn::Add(iy, one), m01, m11);
-      }
+      // One word per position: its four mask bytes, zeros outside the crop built in.
+      const auto word = hn::IfThenElseZero(ok, hn::Add(hn::Mul(hn::Add(iy, one), hn::Set(di, crop + 1)), hn::Add(ix, one)));
+      const auto q = hn::BitCast(du, hn::GatherIndex(di, reinterpret_cast<const int32_t*>(quads), word));
+      const auto byte = [&](hn::Vec<decltype(du)> v) {
+        return hn::ConvertTo(df, hn::BitCast(di, hn::And(v, hn::Set(du, 0xFFu))));
+      };
+      const auto m00 = byte(q), m10 = byte(hn::ShiftRight<8>(q)), m01 = byte(hn::ShiftRight<16>(q));
+      const auto m11 = hn::ConvertTo(df, hn::BitCast(di, hn::ShiftRight<24>(q)));
       const auto v = hn::Add(hn::Mul(hn::Add(hn::Mul(wx1, m11), hn::Mul(wx0, m01)), wy1),
                              hn::Mul(hn::Add(hn::Mul(wx1, m10), hn::Mul(wx0, m00)), wy0));
       const auto a = hn::Div(hn::Round(v), hn::Set(df, 255.0f));
@@ -448,16 +425,9 @@ void pasteColumns(const float* rows, int n, int y0, int y1, int k, int x0, int x
   HWY_DYNAMIC_DISPATCH(PasteColumns)(rows, n, y0, y1, k, x0, x1, dst);
 }
 
-void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const float* lanczos,
-                      const float* bilinear, const int* col_x, const int* col_y, int row_x,
-                      int row_y, int x_begin, int x_end, uint8_t* dst_row) {
-  HWY_DYNAMIC_DISPATCH(PasteLanczos8Row)(src, crop, mask, nullptr, lanczos, bilinear, col_x, col_y, row_x,
-                                         row_y, x_begin, x_end, dst_row);
-}
-
-void pasteLanczos8RowQuads(const float* src, int crop, const uint8_t* mask, const uint32_t* quads,
-                           const float* lanczos, const float* bilinear, const int* col_x, const int* col_y,
-                           int row_x, int row_y, int x_begin, int x_end, uint8_t* dst_row) {
+void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const uint32_t* quads,
+                      const float* lanczos, const float* bilinear, const int* col_x, const int* col_y,
+                      int row_x, int row_y, int x_begin, int x_end, uint8_t* dst_row) {
   HWY_DYNAMIC_DISPATCH(PasteLanczos8Row)(src, crop, mask, quads, lanczos, bilinear, col_x, col_y, row_x,
                                          row_y, x_begin, x_end, dst_row);
 }

@@ -98,18 +98,14 @@ inline size_t pasteSourceIndex(int crop, int band, int x, int k) {
 inline size_t pasteSourceFloats(int crop) { return pasteSourceIndex(crop, (crop + 7) / 8, 0, 0); }
 
 // Blends output pixels x_begin..x_end (inclusive) of one frame row from the crop src (laid
-// out as above) under the crop mask, with 32-phase Lanczos-8 (256 floats) and bilinear (64
-// floats) tables. col_x / col_y hold the fixed-point (10 fractional bits) source offsets of
-// columns x_begin.., row_x / row_y the row start. dst_row is the frame row (pixel x at bytes
-// 3x..3x+2); only bytes between x_begin and x_end are written, and only blended pixels change.
-void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const float* lanczos,
-                      const float* bilinear, const int* col_x, const int* col_y, int row_x,
-                      int row_y, int x_begin, int x_end, uint8_t* dst_row);
-
-// The same, faster, given the mask's quads (see pasteMaskQuads) beside the mask.
-void pasteLanczos8RowQuads(const float* src, int crop, const uint8_t* mask, const uint32_t* quads,
-                           const float* lanczos, const float* bilinear, const int* col_x, const int* col_y,
-                           int row_x, int row_y, int x_begin, int x_end, uint8_t* dst_row);
+// out as above) under the crop mask, whose quads (see pasteMaskQuads) are beside it, with
+// 32-phase Lanczos-8 (256 floats) and bilinear (64 floats) tables. col_x / col_y hold the
+// fixed-point (10 fractional bits) source offsets of columns x_begin.., row_x / row_y the row
+// start. dst_row is the frame row (pixel x at bytes 3x..3x+2); only bytes between x_begin and
+// x_end are written, and only blended pixels change.
+void pasteLanczos8Row(const float* src, int crop, const uint8_t* mask, const uint32_t* quads,
+                      const float* lanczos, const float* bilinear, const int* col_x, const int* col_y,
+                      int row_x, int row_y, int x_begin, int x_end, uint8_t* dst_row);
 // Per source position (x, y), -1 <= x, y < crop: the mask bytes at (x, y), (x + 1, y), (x, y + 1)
 // and (x + 1, y + 1), low byte first, 0 outside the crop, in word (y + 1) * (crop + 1) + x + 1.
 // quads holds (crop + 1)^2 words.

@@ -432,19 +432,16 @@ TEST(SimdPaste, RowsMatchReferenceInsideAndAtBorders) {
         const int ry = static_cast<int>(rng() % ((crop + 8) * 1024)) - 4 * 1024 + 16;
         std::vector<uint8_t> row(3 * W);
         for (auto& b : row) b = static_cast<uint8_t>(rng());
-        std::vector<uint8_t> want = row, row2 = row;
+        std::vector<uint8_t> want = row;
         for (int x = x0; x <= x1; ++x)
           le::testref::refPastePixel(
               t, 0, mask.data(), crop, rx + cx[x - x0], ry + cy[x - x0],
               [&](int k, int r, int c) { return src[((r / 8 * crop + c) * 3 + k) * 16 + r % 8]; },
               &want[3 * x]);
         blended += want != row;
-        le::simd::pasteLanczos8Row(src.data(), crop, mask.data(), t.lanczos.data(), t.bilinear.data(),
-                                   cx.data(), cy.data(), rx, ry, x0, x1, row.data());
+        le::simd::pasteLanczos8Row(src.data(), crop, mask.data(), quads.data(), t.lanczos.data(),
+                                   t.bilinear.data(), cx.data(), cy.data(), rx, ry, x0, x1, row.data());
         ASSERT_TRUE(same(row, want)) << "crop " << crop << " trial " << trial;
-        le::simd::pasteLanczos8RowQuads(src.data(), crop, mask.data(), quads.data(), t.lanczos.data(),
-                                        t.bilinear.data(), cx.data(), cy.data(), rx, ry, x0, x1, row2.data());
-        ASSERT_TRUE(same(row2, want)) << "quads, crop " << crop << " trial " << trial;
       }
     });
     EXPECT_GT(blended, 0) << "crop " << crop;
