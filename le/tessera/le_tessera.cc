@@ -784,9 +784,7 @@ bool TeethPass::push(int32_t frame_index, const uint8_t* crop, const uint8_t* ma
   p.crop.assign(crop, crop + cpx * 3);
   p.mask.assign(mask, mask + cpx);
   p.donors.clear();
-  p.dy = p.dx = 0;
-  p.ok = false;
-  p.reason.clear();
+  p.dy = p.dx = 0;  // an empty mask leaves the shift unset
   p.ok = deriveShift(mask, shift, p.dy, p.dx, p.reason);
   if (p.ok) p.donors = retrieve(crop, mask, p.dy, p.dx);
   bool out = false;
